@@ -1,0 +1,58 @@
+// FileManager: the file-system calls the kit needs, on POSIX.
+//
+// Files the kit makes for one user are private: directories are created 0700
+// and files 0600, never through a symbolic link at the final component, and
+// every write goes through a temporary file in the same directory that is
+// then renamed over the target, so a reader (or a crash) never sees half a
+// file. All functions are thread-safe and report failure by return value.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include <NimbFoundation/Platform/Value.h>
+
+namespace nimb {
+
+class FileManager {
+ public:
+  // The user's caches directory: $XDG_CACHE_HOME when set to an absolute
+  // path, else $HOME/.cache, else the password database's home + "/.cache".
+  static std::string cachesDirectory();
+  // The process name: the last component of argv[0].
+  static std::string processName();
+
+  // `dir` + "/" + `component` (no doubled slash).
+  static std::string appendingPathComponent(std::string_view dir, std::string_view component);
+
+  static bool fileExists(const std::string& path);
+  static bool isDirectory(const std::string& path);
+
+  // Creates `path` (0700), and its missing parents when `intermediates` is
+  // set. True when the directory exists afterwards.
+  static bool createDirectory(const std::string& path, bool intermediates = true);
+
+  // The whole contents of a regular file; nullopt when it cannot be read.
+  static std::optional<Data> contentsAtPath(const std::string& path);
+
+  // Writes `bytes` to `path` through a temporary file (mode 0600) in the same
+  // directory and a rename. Replaces an existing file. False on any failure,
+  // in which case `path` is left as it was.
+  static bool writeAtomically(const std::string& path, std::span<const std::uint8_t> bytes);
+  static bool writeAtomically(const std::string& path, std::string_view bytes);
+
+  // Copies the regular file at `from` to `to`, which must not exist yet
+  // (an existing `to` makes the copy fail and stay untouched). The copy is
+  // assembled in a temporary file and linked into place, so `to` appears
+  // whole or not at all.
+  static bool copyItem(const std::string& from, const std::string& to);
+
+  // Removes the file (or empty directory) at `path`. False when nothing was
+  // removed.
+  static bool removeItem(const std::string& path);
+};
+
+}  // namespace nimb

@@ -1,0 +1,40 @@
+// PropertyList: reading and writing property lists on libplist, in the
+// platform's XML form and its binary form version 1.0.
+//
+// Everything here is a pure function of its arguments and safe from any
+// thread. Bytes from outside (files, the network, archives) may be anything:
+// parsing never crashes and answers nullopt for what is no property list.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include <NimbFoundation/Platform/Value.h>
+
+namespace nimb {
+
+// The platform's format numbers.
+enum class PropertyListFormat { Xml = 100, BinaryV1_0 = 200 };
+
+class PropertyList {
+ public:
+  // Parses XML or binary, whichever the bytes are; reports which in `format`.
+  static std::optional<Value> parse(std::span<const std::uint8_t> bytes,
+                                    PropertyListFormat* format = nullptr);
+
+  // Serialises `value`. Fails (nullopt) for what a property list cannot hold:
+  // the null marker anywhere inside, or a UID in the XML form.
+  static std::optional<Data> serialize(const Value& value, PropertyListFormat format);
+
+  // The dictionary stored in the file at `path`, in either format; nullopt
+  // when the file is missing, unreadable, no property list, or not a dictionary.
+  static std::optional<Dictionary> dictionaryWithContentsOfFile(const std::string& path);
+
+  // Writes `dict` as an XML property list to `path` atomically (see
+  // FileManager::writeAtomically). False on any failure.
+  static bool writeDictionaryToFile(const Dictionary& dict, const std::string& path);
+};
+
+}  // namespace nimb

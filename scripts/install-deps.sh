@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs the Debian packages NimbFoundation needs to build, test and
+# benchmark. Idempotent: packages already present are left alone, and
+# apt-get is not touched at all when nothing is missing.
+#
+# Usage: scripts/install-deps.sh            (as root, or with sudo on PATH)
+set -euo pipefail
+
+packages=(
+  # toolchain
+  g++ clang cmake ninja-build pkg-config make git
+  # libraries
+  libplist-dev libpng-dev libturbojpeg0-dev libcli11-dev
+  # tests and benchmarks
+  libgtest-dev libgmock-dev libbenchmark-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "install-deps: all ${#packages[@]} packages present"
+  exit 0
+fi
+
+echo "install-deps: installing ${missing[*]}"
+run() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi; }
+export DEBIAN_FRONTEND=noninteractive
+run apt-get update -qq
+run apt-get install -y -qq --no-install-recommends "${missing[@]}"
