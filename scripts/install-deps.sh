@@ -10,7 +10,7 @@ packages=(
   # toolchain
   g++ clang cmake ninja-build pkg-config make git
   # libraries
-  libplist-dev libpng-dev libturbojpeg0-dev libcli11-dev
+  libplist-dev libpng-dev libturbojpeg0-dev libicu-dev libcli11-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
 )

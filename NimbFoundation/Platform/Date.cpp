@@ -8,7 +8,9 @@
 
 namespace nimb {
 
-Date Date::now() { return Clock::current()->now(); }
+Date Date::now() {
+  return Clock::current()->now();
+}
 
 std::string Date::iso8601() const {
   if (!std::isfinite(seconds_)) return seconds_ > 0 ? "+inf" : (seconds_ < 0 ? "-inf" : "nan");
@@ -23,8 +25,7 @@ std::string Date::iso8601() const {
   gmtime_r(&t, &parts);
   char buf[64];
   std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.tm_year + 1900,
-                parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                millis);
+                parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, millis);
   return buf;
 }
 

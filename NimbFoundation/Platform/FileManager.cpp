@@ -80,12 +80,12 @@ std::string FileManager::appendingPathComponent(std::string_view dir, std::strin
 }
 
 bool FileManager::fileExists(const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   return ::stat(path.c_str(), &st) == 0;
 }
 
 bool FileManager::isDirectory(const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
@@ -103,7 +103,7 @@ bool FileManager::createDirectory(const std::string& path, bool intermediates) {
 std::optional<Data> FileManager::contentsAtPath(const std::string& path) {
   int fd = retry([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); });
   if (fd < 0) return std::nullopt;
-  struct stat st{};
+  struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     ::close(fd);
     return std::nullopt;
@@ -151,15 +151,15 @@ bool FileManager::writeAtomically(const std::string& path, std::span<const std::
 }
 
 bool FileManager::writeAtomically(const std::string& path, std::string_view bytes) {
-  return writeAtomically(path, std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()),
-                                         bytes.size()));
+  return writeAtomically(
+      path, std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
 }
 
 bool FileManager::copyItem(const std::string& from, const std::string& to) {
   if (fileExists(to)) return false;
   int in = retry([&] { return ::open(from.c_str(), O_RDONLY | O_CLOEXEC); });
   if (in < 0) return false;
-  struct stat st{};
+  struct stat st {};
   if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
     ::close(in);
     return false;

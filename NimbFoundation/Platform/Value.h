@@ -45,8 +45,7 @@ class Value {
   Value(Null) {}
   Value(bool b) : v_(b) {}
   template <std::integral I>
-    requires(!std::same_as<I, bool>)
-  Value(I i) : v_(static_cast<std::int64_t>(i)) {}
+  requires(!std::same_as<I, bool>) Value(I i) : v_(static_cast<std::int64_t>(i)) {}
   Value(double d) : v_(d) {}
   Value(float f) : v_(static_cast<double>(f)) {}
   Value(const char* s) : v_(std::string(s)) {}

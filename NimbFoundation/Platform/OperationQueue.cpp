@@ -1,0 +1,101 @@
+#include <NimbFoundation/Platform/OperationQueue.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+
+namespace nimb {
+
+namespace {
+// How long an idle worker waits for more work before it leaves.
+constexpr auto kIdleLinger = std::chrono::seconds(5);
+}  // namespace
+
+OperationQueue::OperationQueue()
+    : maxWorkers_(std::max<std::size_t>(4, 2 * std::thread::hardware_concurrency())) {}
+
+OperationQueue::~OperationQueue() {
+  std::list<std::thread> all;
+  {
+    std::unique_lock lock(mutex_);
+    idle_.wait(lock, [&] { return queue_.empty() && running_ == 0; });
+    stopping_ = true;
+    all.splice(all.end(), workers_);
+    all.splice(all.end(), finished_);
+  }
+  work_.notify_all();
+  for (auto& t : all) t.join();
+}
+
+void OperationQueue::addOperation(Operation op) {
+  if (!op) return;
+  std::list<std::thread> toJoin;
+  {
+    std::unique_lock lock(mutex_);
+    queue_.push_back(std::move(op));
+    toJoin.swap(finished_);
+    if (waitingWorkers_ < queue_.size() && workers_.size() < maxWorkers_) {
+      try {
+        workers_.emplace_back([this] { workerLoop(); });
+      } catch (const std::system_error&) {
+        // No thread to be had now: the workers already running drain the
+        // queue. If there are none, run the operation on a later call.
+        if (workers_.empty()) std::fprintf(stderr, "OperationQueue: cannot start a worker\n");
+      }
+    }
+  }
+  work_.notify_one();
+  // Workers that left on idle are joined here, off the lock: they have
+  // already given up the queue and only finish returning.
+  for (auto& t : toJoin) t.join();
+}
+
+void OperationQueue::workerLoop() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    ++waitingWorkers_;
+    bool gotWork = work_.wait_for(lock, kIdleLinger, [&] { return stopping_ || !queue_.empty(); });
+    --waitingWorkers_;
+    if (!queue_.empty()) {
+      Operation op = std::move(queue_.front());
+      queue_.pop_front();
+      ++running_;
+      lock.unlock();
+      try {
+        op();
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "OperationQueue: an operation threw: %s\n", e.what());
+      } catch (...) {
+        std::fprintf(stderr, "OperationQueue: an operation threw\n");
+      }
+      op = nullptr;  // release captures before reporting idle
+      lock.lock();
+      --running_;
+      if (queue_.empty() && running_ == 0) idle_.notify_all();
+      continue;
+    }
+    if (stopping_) return;
+    if (!gotWork) {
+      // Idle too long: hand this thread's handle to `finished_` so that a
+      // later call joins it, then leave.
+      auto self = std::find_if(workers_.begin(), workers_.end(), [](const std::thread& t) {
+        return t.get_id() == std::this_thread::get_id();
+      });
+      if (self != workers_.end()) finished_.splice(finished_.end(), workers_, self);
+      return;
+    }
+  }
+}
+
+void OperationQueue::waitUntilAllOperationsAreFinished() {
+  std::unique_lock lock(mutex_);
+  idle_.wait(lock, [&] { return queue_.empty() && running_ == 0; });
+}
+
+std::size_t OperationQueue::operationCount() const {
+  std::lock_guard lock(mutex_);
+  return queue_.size() + running_;
+}
+
+}  // namespace nimb

@@ -1,0 +1,14 @@
+// Text: the string checks and conversions the kit needs, on ICU.
+//
+// Pure functions, safe from any thread.
+#pragma once
+
+#include <string_view>
+
+namespace nimb {
+
+// Whether `bytes` are well-formed UTF-8 (no overlong forms, no surrogates,
+// nothing past U+10FFFF), as the platform's UTF-8 decoder demands.
+bool isValidUtf8(std::string_view bytes);
+
+}  // namespace nimb
