@@ -25,7 +25,11 @@ class PropertyList {
                                     PropertyListFormat* format = nullptr);
 
   // Serialises `value`. Fails (nullopt) for what a property list cannot hold:
-  // the null marker anywhere inside, or a UID in the XML form.
+  // the null marker anywhere inside, a string that is not UTF-8 or holds a
+  // NUL, a UID in the XML form (or above 32 bits in binary), or nesting
+  // deeper than 512 containers. Dates keep microseconds in binary and whole
+  // seconds in XML, and are clamped to the years libplist can store
+  // (about 1933 to 2069).
   static std::optional<Data> serialize(const Value& value, PropertyListFormat format);
 
   // The dictionary stored in the file at `path`, in either format; nullopt
