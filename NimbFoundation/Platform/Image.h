@@ -52,8 +52,8 @@ class Image {
 
   // Wraps a bitmap. Fails (nullptr) when the bitmap is empty or its buffer
   // does not hold width * height * 4 bytes. Scale <= 0 is taken as 1.
-  static std::shared_ptr<const Image> withBitmap(Bitmap bitmap, double scale = 1.0,
-                                                 ImageOrientation orientation = ImageOrientation::Up);
+  static std::shared_ptr<const Image> withBitmap(
+      Bitmap bitmap, double scale = 1.0, ImageOrientation orientation = ImageOrientation::Up);
 
   // Decodes PNG or JPEG bytes (the format is sniffed, not trusted from a
   // name). nullptr for anything that is not a whole, decodable picture.
