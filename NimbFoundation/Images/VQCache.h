@@ -1,0 +1,149 @@
+// VQCache: a small key-value store on disk with an expiry date per entry.
+//
+// Each value is one file, named exactly by its key, in the process's cache
+// directory ($XDG_CACHE_HOME or ~/.cache, then the process name, then
+// "VQCache"). One index file there, "VQCache.plist" (an XML property list of
+// key to expiry date), says until when each file is valid. The image loader
+// keeps downloaded images here; the image view reads and removes them.
+//
+// How it behaves, and why:
+//   - An entry expires when its date is not later than now: a date equal to
+//     now is already expired. "Now" comes from Clock, so tests can pin it.
+//   - Writes and deletes of entry files go to diskOperationQueue() and run
+//     in parallel, in any order; a set returns before its bytes are on disk,
+//     and until they are, the key reads as missing.
+//   - The index is saved 0.3 s after the last set, by one delayed perform on
+//     the main run loop that each new set withdraws and schedules again, so a
+//     burst of sets writes the index once. Removal and clearCache save at
+//     once. A program that exits must first turn the main run loop until
+//     that save has run (RunLoop::main().runUntilIdle()) and wait for the
+//     disk queue (diskOperationQueue().waitUntilAllOperationsAreFinished()).
+//   - At start-up, files of expired entries are deleted but the entries stay
+//     in the index; they keep failing the expiry test.
+//   - imageForKey() reads the file straight away, ignoring the index and
+//     expiry: a file that is still there is still an image.
+//   - "VQCache.plist" is reserved: the data families and removal refuse it,
+//     while copyFilePath() does not (it then fails to copy over the index
+//     file, yet records the entry). A key that cannot name exactly one file
+//     inside the directory (empty, ".", "..", holding "/" or NUL, longer
+//     than 255 bytes) is refused by every operation: no file, no entry, no
+//     save, and reads give nothing.
+//   - Files and directories are private (0600/0700) and every file is
+//     written through a temporary file and a rename, so a crash never leaves
+//     half an entry or half an index. A corrupt index reads as empty.
+//
+// Thread rule: meant for the main thread, and safe from any thread. Sets
+// from another thread hop to the main thread (and wait) to schedule the
+// index save, so the main run loop must be turning. The index in memory is
+// guarded by a lock; saves are serialised.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <NimbFoundation/Platform/Date.h>
+#include <NimbFoundation/Platform/Image.h>
+#include <NimbFoundation/Platform/OperationQueue.h>
+#include <NimbFoundation/Platform/Value.h>
+
+namespace nimb {
+
+class VQCache : public std::enable_shared_from_this<VQCache> {
+  struct Passkey {};
+
+ public:
+  // The index file's name, and so the one key the data families refuse.
+  static constexpr std::string_view kIndexFileName = "VQCache.plist";
+  // The shared instance's default lifetime: one day.
+  static constexpr double kCurrentCacheTimeoutInterval = 86400.0;
+  // How long after the last set the index is saved.
+  static constexpr double kSaveDelay = 0.3;
+
+  // The shared instance, made on first use with a default lifetime of
+  // 86400 s; it lives until the process ends.
+  static std::shared_ptr<VQCache> currentCache();
+  // A new instance over the same directory and index; its default lifetime
+  // is 0, so the short set forms store entries that are already expired.
+  static std::shared_ptr<VQCache> create();
+
+  // The cache directory, fixed at first use for the life of the process.
+  static const std::string& cacheDirectory();
+  // Whether `key` names exactly one file inside the cache directory. The
+  // reserved index name passes this test; the data families refuse it apart.
+  static bool isUsableKey(std::string_view key);
+
+  // Fresh entry whose file exists.
+  bool hasCacheForKey(const std::string& key) const;
+
+  std::optional<Data> dataForKey(const std::string& key) const;
+  void setData(Data data, const std::string& key);
+  void setData(Data data, const std::string& key, double timeoutInterval);
+
+  // Stored as UTF-8; bytes that are not UTF-8 read back as nullopt.
+  std::optional<std::string> stringForKey(const std::string& key) const;
+  void setString(std::string_view string, const std::string& key);
+  void setString(std::string_view string, const std::string& key, double timeoutInterval);
+
+  // Stored as PNG. A null image stores nothing.
+  std::shared_ptr<const Image> imageForKey(const std::string& key) const;
+  void setImage(const std::shared_ptr<const Image>& image, const std::string& key);
+  void setImage(const std::shared_ptr<const Image>& image, const std::string& key,
+                double timeoutInterval);
+
+  // Stored as a binary property list (v1.0), read back from either format.
+  // A value a property list cannot hold stores nothing.
+  std::optional<Value> plistForKey(const std::string& key) const;
+  void setPlist(const Value& plist, const std::string& key);
+  void setPlist(const Value& plist, const std::string& key, double timeoutInterval);
+
+  // Copies the file at `sourcePath` under `key` now, on the caller's thread.
+  // An existing file under the key is kept and the copy fails; the entry is
+  // recorded either way.
+  void copyFilePath(const std::string& sourcePath, const std::string& key);
+  void copyFilePath(const std::string& sourcePath, const std::string& key, double timeoutInterval);
+
+  // Drops the entry and queues the deletion of its file; saves the index now.
+  void removeCacheForKey(const std::string& key);
+  // Removes every entry of the index (files without an entry stay); saves once.
+  void clearCache();
+
+  // The lifetime the short forms use, read when they are called.
+  double defaultTimeoutInterval() const { return defaultTimeoutInterval_.load(); }
+  void setDefaultTimeoutInterval(double seconds) { defaultTimeoutInterval_.store(seconds); }
+
+  // A snapshot of the index in memory: key to expiry date.
+  std::map<std::string, Date> cacheDictionary() const;
+  // Where entry files are written and deleted.
+  OperationQueue& diskOperationQueue() { return *diskOperationQueue_; }
+  // The file path of `key` (meaningful only for usable keys).
+  static std::string pathForKey(std::string_view key);
+  // Whether an entry with this expiry date is expired now.
+  static bool isExpired(Date expiry);
+
+  explicit VQCache(Passkey);  // use create() or currentCache()
+  ~VQCache();
+  VQCache(const VQCache&) = delete;
+  VQCache& operator=(const VQCache&) = delete;
+
+ private:
+  void removeItemFromCache(const std::string& key);
+  void saveAfterDelay();
+  void saveCacheDictionary();
+  static void writeData(const Data& data, const std::string& path);
+  static void deleteDataAtPath(const std::string& path);
+  void performDiskWriteOperation(OperationQueue::Operation op);
+  void recordEntry(const std::string& key, double timeoutInterval);
+
+  mutable std::mutex dictionaryMutex_;
+  std::map<std::string, Date> cacheDictionary_;
+  std::mutex saveMutex_;
+  std::unique_ptr<OperationQueue> diskOperationQueue_;
+  std::atomic<double> defaultTimeoutInterval_{0.0};
+};
+
+}  // namespace nimb

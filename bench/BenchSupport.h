@@ -1,0 +1,42 @@
+// Shared by the benchmarks: a console reporter that remembers each run's
+// time, so a benchmark binary can print its ratios to the baseline measured
+// in the same run.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace nimb::bench {
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const auto& run : runs) {
+      // With repetitions, keep the median; without, the single run.
+      bool isMedian = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+      if (run.run_type == Run::RT_Iteration || isMedian) {
+        seconds_[run.run_name.function_name] = run.GetAdjustedRealTime();
+      }
+    }
+  }
+  // Prints "name: X.XX x baseline" for each pair whose both sides ran.
+  void printRatios(const std::vector<std::pair<std::string, std::string>>& pairs) const {
+    std::printf("\nRatios (real time, median when repeated; lower is faster):\n");
+    for (const auto& [name, baseline] : pairs) {
+      auto a = seconds_.find(name), b = seconds_.find(baseline);
+      if (a == seconds_.end() || b == seconds_.end() || b->second <= 0) continue;
+      std::printf("  %-40s %6.2f x %s\n", name.c_str(), a->second / b->second, baseline.c_str());
+    }
+  }
+
+ private:
+  std::map<std::string, double> seconds_;
+};
+
+}  // namespace nimb::bench

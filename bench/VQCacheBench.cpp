@@ -1,0 +1,135 @@
+// VQCache benchmarks, each beside a baseline measured in the same run:
+//   - set then get of 10,000 entries of 60 KB, against writing and reading
+//     the same files directly (atomically, one thread, no index);
+//   - start-up of a cache whose index holds 100,000 entries, against parsing
+//     the same index file alone.
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Platform/FileManager.h>
+#include <NimbFoundation/Platform/PropertyList.h>
+#include <NimbFoundation/Platform/RunLoop.h>
+
+#include "BenchSupport.h"
+
+namespace {
+
+using nimb::Data;
+using nimb::FileManager;
+using nimb::VQCache;
+
+constexpr int kEntries = 10'000;
+constexpr std::size_t kEntryBytes = 60 * 1024;
+constexpr int kIndexEntries = 100'000;
+
+Data payload() {
+  Data d(kEntryBytes);
+  for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<std::uint8_t>(i * 31 + 7);
+  return d;
+}
+
+std::string key(int i) {
+  return "VQImageLoader-" + std::to_string(1000000 + i);
+}
+
+void settle(VQCache& cache) {
+  cache.diskOperationQueue().waitUntilAllOperationsAreFinished();
+  nimb::RunLoop::main().runUntilIdle();
+  cache.diskOperationQueue().waitUntilAllOperationsAreFinished();
+}
+
+void emptyDirectory(const std::string& dir) {
+  std::filesystem::remove_all(dir);
+  FileManager::createDirectory(dir, true);
+}
+
+void BM_SetThenGet_VQCache(benchmark::State& state) {
+  const Data bytes = payload();
+  for (auto _ : state) {
+    state.PauseTiming();
+    emptyDirectory(VQCache::cacheDirectory());
+    auto cache = VQCache::create();
+    state.ResumeTiming();
+    for (int i = 0; i < kEntries; ++i) cache->setData(bytes, key(i), 3600);
+    settle(*cache);  // every file on disk and the index saved
+    std::size_t total = 0;
+    for (int i = 0; i < kEntries; ++i) total += cache->dataForKey(key(i))->size();
+    if (total != kEntries * kEntryBytes) state.SkipWithError("lost entries");
+  }
+  state.SetBytesProcessed(state.iterations() * kEntries * kEntryBytes * 2);
+  state.SetItemsProcessed(state.iterations() * kEntries);
+}
+
+void BM_SetThenGet_DirectFiles(benchmark::State& state) {
+  const Data bytes = payload();
+  std::string dir = VQCache::cacheDirectory() + "-direct";
+  for (auto _ : state) {
+    state.PauseTiming();
+    emptyDirectory(dir);
+    state.ResumeTiming();
+    for (int i = 0; i < kEntries; ++i) FileManager::writeAtomically(dir + "/" + key(i), bytes);
+    std::size_t total = 0;
+    for (int i = 0; i < kEntries; ++i)
+      total += FileManager::contentsAtPath(dir + "/" + key(i))->size();
+    if (total != kEntries * kEntryBytes) state.SkipWithError("lost files");
+  }
+  std::filesystem::remove_all(dir);
+  state.SetBytesProcessed(state.iterations() * kEntries * kEntryBytes * 2);
+  state.SetItemsProcessed(state.iterations() * kEntries);
+}
+
+// Writes an index of kIndexEntries fresh entries (no files needed: start-up
+// only deletes the files of expired entries).
+void writeLargeIndex() {
+  emptyDirectory(VQCache::cacheDirectory());
+  nimb::Dictionary index;
+  auto expiry = nimb::Date::now().addingTimeInterval(86400);
+  for (int i = 0; i < kIndexEntries; ++i) index.emplace(key(i), expiry);
+  nimb::PropertyList::writeDictionaryToFile(index, VQCache::pathForKey(VQCache::kIndexFileName));
+}
+
+void BM_StartUp100k_VQCache(benchmark::State& state) {
+  writeLargeIndex();
+  for (auto _ : state) {
+    auto cache = VQCache::create();
+    if (cache->cacheDictionary().size() != kIndexEntries) state.SkipWithError("index not read");
+  }
+  state.SetItemsProcessed(state.iterations() * kIndexEntries);
+}
+
+void BM_StartUp100k_ParseIndexOnly(benchmark::State& state) {
+  writeLargeIndex();
+  std::string path = VQCache::pathForKey(VQCache::kIndexFileName);
+  for (auto _ : state) {
+    auto dict = nimb::PropertyList::dictionaryWithContentsOfFile(path);
+    benchmark::DoNotOptimize(dict);
+  }
+  state.SetItemsProcessed(state.iterations() * kIndexEntries);
+}
+
+BENCHMARK(BM_SetThenGet_DirectFiles)->Unit(benchmark::kMillisecond)->Iterations(2)->Repetitions(3);
+BENCHMARK(BM_SetThenGet_VQCache)->Unit(benchmark::kMillisecond)->Iterations(2)->Repetitions(3);
+BENCHMARK(BM_StartUp100k_ParseIndexOnly)->Unit(benchmark::kMillisecond)->Repetitions(3);
+BENCHMARK(BM_StartUp100k_VQCache)->Unit(benchmark::kMillisecond)->Repetitions(3);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Work in a private temporary cache, never the user's.
+  std::string home = std::filesystem::temp_directory_path().string() + "/nimb-bench-XXXXXX";
+  if (!mkdtemp(home.data())) return 1;
+  setenv("XDG_CACHE_HOME", home.c_str(), 1);
+
+  benchmark::Initialize(&argc, argv);
+  nimb::bench::RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.printRatios({{"BM_SetThenGet_VQCache", "BM_SetThenGet_DirectFiles"},
+                        {"BM_StartUp100k_VQCache", "BM_StartUp100k_ParseIndexOnly"}});
+  benchmark::Shutdown();
+  std::filesystem::remove_all(home);
+  return 0;
+}
