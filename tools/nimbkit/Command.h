@@ -1,0 +1,33 @@
+// The pieces every nimbkit command shares: exit codes, the usage error, and
+// the registration of a subcommand with CLI11.
+#pragma once
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+namespace nimbkit {
+
+// Exit codes of every command.
+enum Exit : int {
+  kOk = 0,        // done, or found
+  kNotFound = 1,  // no fresh entry, nothing to decode, ...
+  kUsage = 2,     // the command line or its arguments are wrong
+};
+
+// Thrown by a command for an argument that parses but cannot be used; main
+// prints it as one line on standard error and exits with kUsage.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// A command's body, run after the command line has been parsed.
+using Action = std::function<int()>;
+
+// Registers `nimbkit cache ...` on `app`; `selected` receives the action of
+// the subcommand the user picked.
+void addCacheCommand(CLI::App& app, Action& selected);
+
+}  // namespace nimbkit
