@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# The main job: installs what is missing, builds nimbkit, and walks through
+# what the library does today. It works in a temporary cache directory, so it
+# leaves the user's own cache alone; each step is a new process, which shows
+# that entries survive a restart through the cache's index file.
+#
+# Usage: scripts/demo.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+jobs=${NIMB_JOBS:-2}
+cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DNIMB_BUILD_TESTS=OFF \
+  -DNIMB_BUILD_BENCH=OFF >/dev/null
+cmake --build build/release -j "${jobs}" --target nimbkit
+nimbkit=build/release/tools/nimbkit/nimbkit
+
+demo_home=$(mktemp -d)
+trap 'rm -rf "$demo_home"' EXIT
+export XDG_CACHE_HOME="$demo_home/cache"
+
+step() { printf '\n$ %s\n' "$*"; "$@"; }
+
+echo "== The disk cache (VQCache) =="
+step "$nimbkit" cache path
+printf 'hello from NimbFoundation\n' >"$demo_home/greeting.txt"
+step "$nimbkit" cache set greeting --file "$demo_home/greeting.txt"
+step "$nimbkit" cache set short-lived --ttl 1 --file "$demo_home/greeting.txt"
+step "$nimbkit" cache copy "$demo_home/greeting.txt" copied --ttl 3600
+step "$nimbkit" cache get greeting
+step "$nimbkit" cache list
+echo
+echo "(waiting 1.5 s for short-lived to expire)"
+sleep 1.5
+step "$nimbkit" cache has short-lived || echo "exit status $?: no fresh entry"
+step "$nimbkit" cache list
+step "$nimbkit" cache remove copied
+step "$nimbkit" cache set VQCache.plist --file "$demo_home/greeting.txt" || echo "exit status $?: refused"
+step "$nimbkit" cache list
+echo
+echo "Index file, as written by the cache:"
+cat "$("$nimbkit" cache path)/VQCache.plist"

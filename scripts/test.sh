@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs the whole test suite three
+# ways: an optimised build, a build under AddressSanitizer with
+# UndefinedBehaviorSanitizer, and the threaded parts under ThreadSanitizer.
+#
+# Usage: scripts/test.sh        (NIMB_JOBS sets build/test parallelism, default 2)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+jobs=${NIMB_JOBS:-2}
+# Groups whose code runs on several threads; they also run under TSan.
+threaded='^(RunLoop|OperationQueue|VQCacheTest)\.'
+
+suite() {
+  local name=$1 filter=$2
+  shift 2
+  echo "==> ${name}: configure and build"
+  cmake -S . -B "build/${name}" -G Ninja -DNIMB_WERROR=ON -DNIMB_BUILD_BENCH=OFF "$@" >/dev/null
+  cmake --build "build/${name}" -j "${jobs}"
+  echo "==> ${name}: test"
+  (cd "build/${name}" && ctest --output-on-failure -j "${jobs}" ${filter:+-R "$filter"})
+}
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+suite release '' -DCMAKE_BUILD_TYPE=Release
+suite asan '' -DCMAKE_BUILD_TYPE=Debug -DNIMB_SANITIZE=address,undefined
+suite tsan "$threaded" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNIMB_SANITIZE=thread
+echo "==> all three suites passed"
