@@ -47,9 +47,9 @@ std::string VQCache::pathForKey(std::string_view key) {
   return FileManager::appendingPathComponent(cacheDirectory(), key);
 }
 
-bool VQCache::isExpired(Date expiry) {
+bool VQCache::isExpired(Date expiry, Date now) {
   // Not later than now: an entry that expires this very instant is gone.
-  return !(expiry > Date::now());
+  return !(expiry > now);
 }
 
 std::shared_ptr<VQCache> VQCache::create() {
@@ -70,17 +70,23 @@ std::shared_ptr<VQCache> VQCache::currentCache() {
 
 VQCache::VQCache(Passkey) : diskOperationQueue_(std::make_unique<OperationQueue>()) {
   if (auto index = PropertyList::dictionaryWithContentsOfFile(indexPath())) {
-    for (auto& [key, value] : *index) {
+    while (!index->empty()) {
+      // Keys are moved, not copied: an index can hold many thousands.
+      auto node = index->extract(index->begin());
       // Only dates mean anything here; whatever else a foreign or damaged
       // index holds is left out (and its file left alone).
-      if (auto* date = value.asDate()) cacheDictionary_.emplace(key, *date);
+      if (auto* date = node.mapped().asDate()) {
+        cacheDictionary_.emplace_hint(cacheDictionary_.end(), std::move(node.key()), *date);
+      }
     }
   }
   FileManager::createDirectory(cacheDirectory(), true);
+  // One instant for the whole purge, so that it treats every entry alike.
+  const Date now = Date::now();
   for (const auto& [key, expiry] : cacheDictionary_) {
     // The file goes, the entry stays: it keeps failing the expiry test until
     // it is removed or set again.
-    if (isExpired(expiry) && isUsableKey(key) && !isReserved(key)) {
+    if (isExpired(expiry, now) && isUsableKey(key) && !isReserved(key)) {
       FileManager::removeItem(pathForKey(key));
     }
   }

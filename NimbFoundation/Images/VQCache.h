@@ -122,8 +122,9 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   OperationQueue& diskOperationQueue() { return *diskOperationQueue_; }
   // The file path of `key` (meaningful only for usable keys).
   static std::string pathForKey(std::string_view key);
-  // Whether an entry with this expiry date is expired now.
-  static bool isExpired(Date expiry);
+  // Whether an entry with this expiry date is expired at `now`: its date is
+  // not later than now.
+  static bool isExpired(Date expiry, Date now = Date::now());
 
   explicit VQCache(Passkey);  // use create() or currentCache()
   ~VQCache();

@@ -369,6 +369,16 @@ Date dateFromReferenceMicros(std::int64_t micros) {
 // (-0.5 s reads as +0.5 s), but the binary writer stores the exact double,
 // so read it from there.
 std::optional<double> dateSeconds(plist_t node) {
+  std::int32_t sec = 0, usec = 0;
+  plist_get_date_val(node, &sec, &usec);
+  // Whole seconds (every XML date, the cache index's among them) read
+  // exactly and cheaply; serialising a copy of the node costs far more than
+  // parsing it. A fraction is truncated by libplist, and instants beyond the
+  // int32 range come out of its conversion as an int32 end (or worse), so
+  // those take the exact path.
+  constexpr auto kLow = std::numeric_limits<std::int32_t>::min();
+  constexpr auto kHigh = std::numeric_limits<std::int32_t>::max();
+  if (usec == 0 && sec != kLow && sec != kHigh) return static_cast<double>(sec);
   PlistPtr copy(plist_copy(node));
   if (!copy) return std::nullopt;
   char* raw = nullptr;
@@ -384,8 +394,6 @@ std::optional<double> dateSeconds(plist_t node) {
     }
   }
   // Only if the writer ever changes: the lossy reading is better than none.
-  std::int32_t sec = 0, usec = 0;
-  plist_get_date_val(node, &sec, &usec);
   const double fraction = static_cast<double>(std::abs(usec)) / kMicros;
   return sec < 0 ? sec - fraction : sec + fraction;
 }
