@@ -10,10 +10,10 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 jobs=${NIMB_JOBS:-2}
-cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DNIMB_BUILD_TESTS=OFF \
+cmake -S . -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DNIMB_BUILD_TESTS=OFF \
   -DNIMB_BUILD_BENCH=OFF >/dev/null
-cmake --build build/release -j "${jobs}" --target nimbkit
-nimbkit=build/release/tools/nimbkit/nimbkit
+cmake --build build/demo -j "${jobs}" --target nimbkit
+nimbkit=build/demo/tools/nimbkit/nimbkit
 
 demo_home=$(mktemp -d)
 trap 'rm -rf "$demo_home"' EXIT

@@ -16,11 +16,20 @@ suite() {
   local name=$1 filter=$2
   shift 2
   echo "==> ${name}: configure and build"
-  cmake -S . -B "build/${name}" -G Ninja -DNIMB_WERROR=ON -DNIMB_BUILD_BENCH=OFF "$@" >/dev/null
+  cmake -S . -B "build/${name}" -G Ninja -DNIMB_WERROR=ON -DNIMB_BUILD_TESTS=ON -DNIMB_BUILD_BENCH=OFF "$@" >/dev/null
   cmake --build "build/${name}" -j "${jobs}"
   echo "==> ${name}: test"
-  (cd "build/${name}" && ctest --output-on-failure -j "${jobs}" ${filter:+-R "$filter"})
+  (cd "build/${name}" && ctest --output-on-failure -j "${jobs}" ${filter:+-R "$filter"}) |
+    tee "build/${name}/ctest.log"
+  # ctest's own summary: "100% tests passed, 0 tests failed out of 55"
+  local summary
+  summary=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "build/${name}/ctest.log" | tail -n 1)
+  total=$((total + $(sed -E 's/.*out of ([0-9]+).*/\1/' <<<"$summary")))
+  failed=$((failed + $(sed -E 's/.* ([0-9]+) tests failed.*/\1/' <<<"$summary")))
 }
+
+total=0
+failed=0
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -30,3 +39,4 @@ suite release '' -DCMAKE_BUILD_TYPE=Release
 suite asan '' -DCMAKE_BUILD_TYPE=Debug -DNIMB_SANITIZE=address,undefined
 suite tsan "$threaded" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNIMB_SANITIZE=thread
 echo "==> all three suites passed"
+echo "$((total - failed)) passed, ${failed} failed"
