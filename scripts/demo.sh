@@ -25,13 +25,13 @@ echo "== The disk cache (VQCache) =="
 step "$nimbkit" cache path
 printf 'hello from NimbFoundation\n' >"$demo_home/greeting.txt"
 step "$nimbkit" cache set greeting --file "$demo_home/greeting.txt"
-step "$nimbkit" cache set short-lived --ttl 1 --file "$demo_home/greeting.txt"
+step "$nimbkit" cache set short-lived --ttl 3 --file "$demo_home/greeting.txt"
 step "$nimbkit" cache copy "$demo_home/greeting.txt" copied --ttl 3600
 step "$nimbkit" cache get greeting
 step "$nimbkit" cache list
 echo
-echo "(waiting 1.5 s for short-lived to expire)"
-sleep 1.5
+echo "(waiting 3.5 s for short-lived to expire)"
+sleep 3.5
 step "$nimbkit" cache has short-lived || echo "exit status $?: no fresh entry"
 step "$nimbkit" cache list
 step "$nimbkit" cache remove copied
