@@ -323,20 +323,3 @@ TEST_F(VQCacheTest, SetsFromManyThreadsWhileSavesRun) {
   EXPECT_EQ(index->size(), expected);
   EXPECT_EQ(cache->dataForKey("t3-49"), bytes("t3-49"));
 }
-
-TEST_F(VQCacheTest, FilesArePrivateAndNoTemporariesRemain) {
-  auto cache = VQCache::currentCache();
-  cache->setData(bytes("secret"), "private", 100);
-  settle(*cache);
-  struct stat st {};
-  ASSERT_EQ(stat(VQCache::pathForKey("private").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  ASSERT_EQ(stat(indexPath().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  int files = 0;
-  for (auto& entry : std::filesystem::directory_iterator(VQCache::cacheDirectory())) {
-    (void)entry;
-    ++files;
-  }
-  EXPECT_EQ(files, 2);  // the entry and the index, nothing half-written
-}

@@ -104,24 +104,14 @@ std::uint32_t read32(const std::uint8_t* p, bool littleEndian) {
 }
 
 ImageOrientation orientationFromExifValue(std::uint32_t value) {
-  switch (value) {
-    case 2:
-      return ImageOrientation::UpMirrored;
-    case 3:
-      return ImageOrientation::Down;
-    case 4:
-      return ImageOrientation::DownMirrored;
-    case 5:
-      return ImageOrientation::LeftMirrored;
-    case 6:
-      return ImageOrientation::Right;
-    case 7:
-      return ImageOrientation::RightMirrored;
-    case 8:
-      return ImageOrientation::Left;
-    default:
-      return ImageOrientation::Up;
-  }
+  // EXIF numbers orientations 1 to 8; anything else is taken as upright.
+  static constexpr ImageOrientation kFromExif[] = {
+      ImageOrientation::Up,           ImageOrientation::Up,
+      ImageOrientation::UpMirrored,   ImageOrientation::Down,
+      ImageOrientation::DownMirrored, ImageOrientation::LeftMirrored,
+      ImageOrientation::Right,        ImageOrientation::RightMirrored,
+      ImageOrientation::Left};
+  return value < std::size(kFromExif) ? kFromExif[value] : ImageOrientation::Up;
 }
 
 // Reads the Orientation tag (0x0112) from IFD0 of the TIFF structure inside

@@ -1,9 +1,10 @@
 #include <NimbFoundation/Platform/OperationQueue.h>
 
+#include <NimbFoundation/Platform/GuardedCall.h>
+
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <exception>
+#include <system_error>
 
 namespace nimb {
 
@@ -31,6 +32,7 @@ OperationQueue::~OperationQueue() {
 void OperationQueue::addOperation(Operation op) {
   if (!op) return;
   std::list<std::thread> toJoin;
+  bool noWorker = false;
   {
     std::unique_lock lock(mutex_);
     queue_.push_back(std::move(op));
@@ -40,8 +42,9 @@ void OperationQueue::addOperation(Operation op) {
         workers_.emplace_back([this] { workerLoop(); });
       } catch (const std::system_error&) {
         // No thread to be had now: the workers already running drain the
-        // queue. If there are none, run the operation on a later call.
-        if (workers_.empty()) std::fprintf(stderr, "OperationQueue: cannot start a worker\n");
+        // queue; with none at all, the caller does the work below rather
+        // than leave it stranded.
+        noWorker = workers_.empty();
       }
     }
   }
@@ -49,6 +52,22 @@ void OperationQueue::addOperation(Operation op) {
   // Workers that left on idle are joined here, off the lock: they have
   // already given up the queue and only finish returning.
   for (auto& t : toJoin) t.join();
+  if (noWorker) drainOnCaller();
+}
+
+void OperationQueue::drainOnCaller() {
+  std::unique_lock lock(mutex_);
+  while (!queue_.empty() && workers_.empty()) {
+    Operation op = std::move(queue_.front());
+    queue_.pop_front();
+    ++running_;
+    lock.unlock();
+    detail::callReportingExceptions("OperationQueue: an operation", op);
+    op = nullptr;
+    lock.lock();
+    --running_;
+  }
+  if (queue_.empty() && running_ == 0) idle_.notify_all();
 }
 
 void OperationQueue::workerLoop() {
@@ -62,13 +81,7 @@ void OperationQueue::workerLoop() {
       queue_.pop_front();
       ++running_;
       lock.unlock();
-      try {
-        op();
-      } catch (const std::exception& e) {
-        std::fprintf(stderr, "OperationQueue: an operation threw: %s\n", e.what());
-      } catch (...) {
-        std::fprintf(stderr, "OperationQueue: an operation threw\n");
-      }
+      detail::callReportingExceptions("OperationQueue: an operation", op);
       op = nullptr;  // release captures before reporting idle
       lock.lock();
       --running_;

@@ -32,7 +32,8 @@ class OperationQueue {
   OperationQueue& operator=(const OperationQueue&) = delete;
 
   // Queues `op`; returns at once. An operation that throws is reported on
-  // standard error and dropped.
+  // standard error and dropped. (Should the system refuse every worker
+  // thread, the caller runs the queue itself rather than strand it.)
   void addOperation(Operation op);
   // Blocks until every operation queued so far, and any they queue, has run.
   void waitUntilAllOperationsAreFinished();
@@ -43,6 +44,9 @@ class OperationQueue {
 
  private:
   void workerLoop();
+  // Runs queued operations on the calling thread; used only when no worker
+  // thread can be started at all.
+  void drainOnCaller();
 
   const std::size_t maxWorkers_;
   mutable std::mutex mutex_;

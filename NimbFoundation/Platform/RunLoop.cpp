@@ -1,11 +1,11 @@
 #include <NimbFoundation/Platform/RunLoop.h>
 
+#include <NimbFoundation/Platform/GuardedCall.h>
+
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdio>
-#include <exception>
 
 namespace nimb {
 
@@ -75,13 +75,7 @@ void RunLoop::closeForThreadExit() {
 }
 
 void RunLoop::runTask(Task& task) {
-  try {
-    task();
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "RunLoop: a performed task threw: %s\n", e.what());
-  } catch (...) {
-    std::fprintf(stderr, "RunLoop: a performed task threw\n");
-  }
+  detail::callReportingExceptions("RunLoop: a performed task", task);
 }
 
 void RunLoop::performOnMainThread(Task task, bool waitUntilDone) {
