@@ -10,9 +10,9 @@ packages=(
   # toolchain
   g++ clang cmake ninja-build pkg-config make git
   # libraries
-  libplist-dev libpng-dev libturbojpeg0-dev libicu-dev libcli11-dev
+  libplist-dev libpng-dev libturbojpeg0-dev libicu-dev libcli11-dev libcurl4-openssl-dev
   # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev zlib1g-dev
 )
 
 missing=()

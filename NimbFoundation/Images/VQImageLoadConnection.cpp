@@ -1,0 +1,84 @@
+#include <NimbFoundation/Images/VQImageLoadConnection.h>
+
+namespace nimb {
+
+std::shared_ptr<VQImageLoadConnection> VQImageLoadConnection::create(
+    URL imageURL, std::weak_ptr<VQImageLoadConnectionDelegate> delegate) {
+  return std::make_shared<VQImageLoadConnection>(Passkey{}, std::move(imageURL),
+                                                 std::move(delegate));
+}
+
+VQImageLoadConnection::VQImageLoadConnection(Passkey, URL imageURL,
+                                             std::weak_ptr<VQImageLoadConnectionDelegate> delegate)
+    : imageURL_(std::move(imageURL)), delegate_(std::move(delegate)) {}
+
+VQImageLoadConnection::~VQImageLoadConnection() {
+  // Nobody is left to hear the rest of the transfer.
+  if (connection_) connection_->cancel();
+}
+
+URLRequest VQImageLoadConnection::makeRequest() const {
+  URLRequest request(imageURL_);
+  request.cachePolicy = URLRequestCachePolicy::ReturnCacheDataElseLoad;
+  request.timeoutInterval = timeoutInterval_;
+  request.setValue("gzip", "Accept-Encoding");
+  return request;
+}
+
+void VQImageLoadConnection::start() {
+  // The platform connection reports to this object only while it lives.
+  std::weak_ptr<VQImageLoadConnection> weak = weak_from_this();
+  URLConnectionDelegate events;
+  events.didReceiveResponse = [weak](URLConnection& from, const URLResponse& response) {
+    if (auto self = weak.lock()) self->connection(from, response);
+  };
+  events.didReceiveData = [weak](URLConnection& from, std::span<const std::uint8_t> data) {
+    if (auto self = weak.lock()) self->connection(from, data);
+  };
+  events.didFinishLoading = [weak](URLConnection& from) {
+    if (auto self = weak.lock()) self->connectionDidFinishLoading(from);
+  };
+  events.didFailWithError = [weak](URLConnection& from, const Error& error) {
+    if (auto self = weak.lock()) self->connection(from, error);
+  };
+  connection_ = URLConnection::start(makeRequest(), std::move(events));
+}
+
+void VQImageLoadConnection::cancel() {
+  if (connection_) connection_->cancel();
+}
+
+void VQImageLoadConnection::connection(URLConnection& from, const URLResponse& response) {
+  if (&from != connection_.get()) return;
+  // A later response (a new multipart part) keeps the bytes gathered so far.
+  response_ = response;
+}
+
+void VQImageLoadConnection::connection(URLConnection& from, std::span<const std::uint8_t> data) {
+  if (&from != connection_.get()) return;
+  responseData_.insert(responseData_.end(), data.begin(), data.end());
+  // Kept raw on purpose: negative for an unknown length, infinite with no
+  // response yet, above 1 for a body longer than announced.
+  float expected = response_ ? static_cast<float>(response_->expectedContentLength) : 0.0f;
+  float percent = static_cast<float>(responseData_.size()) / expected;
+  auto delegate = delegate_.lock();
+  if (delegate && delegate->imageLoadConnectionDidReceivePercent) {
+    delegate->imageLoadConnectionDidReceivePercent(percent, *this);
+  }
+}
+
+void VQImageLoadConnection::connectionDidFinishLoading(URLConnection& from) {
+  if (&from != connection_.get()) return;
+  auto delegate = delegate_.lock();
+  if (delegate && delegate->imageLoadConnectionDidFinishLoading) {
+    delegate->imageLoadConnectionDidFinishLoading(*this);
+  }
+}
+
+void VQImageLoadConnection::connection(URLConnection& from, const Error& error) {
+  if (&from != connection_.get()) return;
+  auto delegate = delegate_.lock();
+  if (delegate && delegate->imageLoadConnection) delegate->imageLoadConnection(*this, error);
+}
+
+}  // namespace nimb

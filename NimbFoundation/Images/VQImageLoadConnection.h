@@ -1,0 +1,101 @@
+// VQImageLoadConnection: one HTTP fetch of one image URL. It builds the
+// request, collects the body in memory, reports the received fraction, and
+// tells its delegate when the body is complete or the fetch failed. Whether
+// the bytes are an image is the image loader's business, not this class's.
+//
+// The request asks for cached data when there is any (there is no HTTP cache
+// on Linux yet, so it loads), sends "Accept-Encoding: gzip", and times out
+// after timeoutInterval() seconds without progress (30 by default).
+//
+// The fraction reported after each chunk is the body length so far divided
+// by the response's expected length, both as float, and it is kept raw on
+// purpose: negative while the length is unknown (-1), infinite before any
+// response, above 1 when the body runs past what was announced. A second
+// response keeps the bytes already collected. HTTP status codes are never
+// looked at: an error page is a finished body.
+//
+// The delegate is not owned: a delegate that went away is not called.
+// Events from any platform connection other than this object's own are
+// ignored. After cancel() no delegate operation is called.
+//
+// Callers: the image loader. Thread rule: call start() on a thread whose
+// run loop turns; every delegate operation runs on that thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include <NimbFoundation/Platform/Error.h>
+#include <NimbFoundation/Platform/URL.h>
+#include <NimbFoundation/Platform/URLConnection.h>
+#include <NimbFoundation/Platform/Value.h>
+
+namespace nimb {
+
+class VQImageLoadConnection;
+
+// What the connection reports; each operation is optional (leave it empty).
+struct VQImageLoadConnectionDelegate {
+  // After each chunk of body bytes: the received fraction (see above).
+  std::function<void(float percent, VQImageLoadConnection& connection)>
+      imageLoadConnectionDidReceivePercent;
+  // Once, when the body is complete; responseData() holds all of it.
+  std::function<void(VQImageLoadConnection& connection)> imageLoadConnectionDidFinishLoading;
+  // Once, when the transfer failed, with the platform's error unchanged.
+  std::function<void(VQImageLoadConnection& connection, const Error& error)> imageLoadConnection;
+};
+
+class VQImageLoadConnection : public std::enable_shared_from_this<VQImageLoadConnection> {
+  struct Passkey {};
+
+ public:
+  static constexpr double kDefaultTimeoutInterval = 30.0;
+
+  // Keeps the URL and the delegate; nothing is sent until start().
+  static std::shared_ptr<VQImageLoadConnection> create(
+      URL imageURL, std::weak_ptr<VQImageLoadConnectionDelegate> delegate);
+
+  // Sends the request (see makeRequest). Calling it twice starts a second
+  // transfer and forgets the first one's events.
+  void start();
+  // Cancels the transfer; no delegate operation is called because of it.
+  void cancel();
+
+  // The request start() sends.
+  URLRequest makeRequest() const;
+
+  const URL& imageURL() const { return imageURL_; }
+  const Data& responseData() const { return responseData_; }
+  const std::optional<URLResponse>& response() const { return response_; }
+  void setResponse(std::optional<URLResponse> response) { response_ = std::move(response); }
+  std::weak_ptr<VQImageLoadConnectionDelegate> delegate() const { return delegate_; }
+  void setDelegate(std::weak_ptr<VQImageLoadConnectionDelegate> d) { delegate_ = std::move(d); }
+  double timeoutInterval() const { return timeoutInterval_; }
+  void setTimeoutInterval(double seconds) { timeoutInterval_ = seconds; }
+  // The running platform connection, if started.
+  const std::shared_ptr<URLConnection>& connection() const { return connection_; }
+
+  // The platform connection's events. Each first checks that `from` is this
+  // object's own connection and ignores it otherwise.
+  void connection(URLConnection& from, const URLResponse& response);
+  void connection(URLConnection& from, std::span<const std::uint8_t> data);
+  void connectionDidFinishLoading(URLConnection& from);
+  void connection(URLConnection& from, const Error& error);
+
+  VQImageLoadConnection(Passkey, URL imageURL,
+                        std::weak_ptr<VQImageLoadConnectionDelegate> delegate);
+  ~VQImageLoadConnection();
+
+ private:
+  URL imageURL_;
+  std::optional<URLResponse> response_;
+  Data responseData_;
+  std::shared_ptr<URLConnection> connection_;
+  double timeoutInterval_ = kDefaultTimeoutInterval;
+  std::weak_ptr<VQImageLoadConnectionDelegate> delegate_;
+};
+
+}  // namespace nimb

@@ -1,0 +1,411 @@
+#include <NimbFoundation/Platform/URLConnection.h>
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include <NimbFoundation/Platform/RunLoop.h>
+
+namespace nimb {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How often the network thread looks at idle and paused transfers when
+// nothing else wakes it.
+constexpr auto kHousekeepingInterval = std::chrono::milliseconds(50);
+constexpr const char* kUserAgent = "NimbFoundation/" NIMB_VERSION_STRING;
+
+std::string trim(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+  while (!s.empty() &&
+         (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' || s.back() == '\n'))
+    s.remove_suffix(1);
+  return std::string(s);
+}
+
+bool sameField(std::string_view a, std::string_view b) {
+  return !CaseInsensitiveLess{}(a, b) && !CaseInsensitiveLess{}(b, a);
+}
+
+long errorCodeFor(CURLcode code) {
+  switch (code) {
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return kURLErrorUnsupportedURL;
+    case CURLE_URL_MALFORMAT:
+      return kURLErrorBadURL;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return kURLErrorCannotFindHost;
+    case CURLE_COULDNT_CONNECT:
+      return kURLErrorCannotConnectToHost;
+    case CURLE_OPERATION_TIMEDOUT:
+      return kURLErrorTimedOut;
+    case CURLE_PARTIAL_FILE:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_GOT_NOTHING:
+      return kURLErrorNetworkConnectionLost;
+    case CURLE_TOO_MANY_REDIRECTS:
+      return kURLErrorHTTPTooManyRedirects;
+    case CURLE_BAD_CONTENT_ENCODING:
+      return kURLErrorCannotDecodeContentData;
+    case CURLE_WEIRD_SERVER_REPLY:
+      return kURLErrorBadServerResponse;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return kURLErrorServerCertificateUntrusted;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+      return kURLErrorSecureConnectionFailed;
+    default:
+      return kURLErrorUnknown;
+  }
+}
+
+}  // namespace
+
+// The one thread that runs every transfer of the process on a libcurl multi
+// handle. Other threads talk to it only through its command queue; every
+// curl call happens here.
+class NetworkThread {
+ public:
+  static NetworkThread& shared() {
+    // Never destroyed: transfers may be in flight while the process exits.
+    static NetworkThread* thread = new NetworkThread;
+    return *thread;
+  }
+
+  void add(std::shared_ptr<URLConnection> connection) {
+    post([this, c = std::move(connection)]() mutable { begin(std::move(c)); });
+  }
+  void remove(URLConnection* connection) {
+    post([this, connection] { end(connection); });
+  }
+  std::size_t activeCount() const { return active_.load(); }
+
+ private:
+  struct Transfer {
+    std::shared_ptr<URLConnection> connection;
+    CURL* easy = nullptr;
+    curl_slist* headers = nullptr;
+    bool inHeaderBlock = false;
+    HTTPHeaderFields responseHeaders;
+    bool started = false;  // out of the queue for a free connection
+    bool paused = false;   // waiting for the receiver to catch up
+    Clock::time_point lastProgress;
+    curl_off_t lastDownloaded = -1;
+    std::atomic<std::size_t>* undelivered = nullptr;
+  };
+
+  NetworkThread() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    multi_ = curl_multi_init();
+    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, URLConnection::kMaxConnectionsPerHost);
+    std::thread([this] { run(); }).detach();
+  }
+
+  void post(std::function<void()> command) {
+    {
+      std::lock_guard lock(mutex_);
+      commands_.push_back(std::move(command));
+    }
+    curl_multi_wakeup(multi_);
+  }
+
+  void run() {
+    for (;;) {
+      std::vector<std::function<void()>> commands;
+      {
+        std::lock_guard lock(mutex_);
+        commands.swap(commands_);
+      }
+      for (auto& c : commands) c();
+      int running = 0;
+      curl_multi_perform(multi_, &running);
+      int left = 0;
+      while (CURLMsg* msg = curl_multi_info_read(multi_, &left)) {
+        if (msg->msg == CURLMSG_DONE) done(msg->easy_handle, msg->data.result);
+      }
+      housekeeping();
+      int ignored = 0;
+      curl_multi_poll(multi_, nullptr, 0, static_cast<int>(kHousekeepingInterval.count()),
+                      &ignored);
+    }
+  }
+
+  // Posts one event to the connection's run loop, in order.
+  static void deliver(Transfer& t, URLConnection::Event event, bool last) {
+    auto c = t.connection;
+    c->loop_->perform([c, event = std::move(event), last] { c->deliver(event, last); });
+  }
+
+  static void fail(Transfer& t, long code, const std::string& description) {
+    Error error = Error::urlError(code, t.connection->request_.url.absoluteString(), description);
+    deliver(
+        t,
+        [error](URLConnection& c, URLConnectionDelegate& d) {
+          if (d.didFailWithError) d.didFailWithError(c, error);
+        },
+        true);
+  }
+
+  void begin(std::shared_ptr<URLConnection> connection) {
+    auto t = std::make_unique<Transfer>();
+    t->connection = std::move(connection);
+    t->undelivered = &t->connection->undeliveredBytes_;
+    const URLRequest& request = t->connection->request_;
+    if (t->connection->cancelled_) return;
+    ++active_;
+    const std::string& scheme = request.url.scheme();
+    if (scheme != "http" && scheme != "https") {
+      fail(*t, kURLErrorUnsupportedURL, "unsupported URL");
+      --active_;
+      return;
+    }
+    CURL* easy = curl_easy_init();
+    if (!easy) {
+      fail(*t, kURLErrorUnknown, "cannot create a transfer");
+      --active_;
+      return;
+    }
+    t->easy = easy;
+    std::string acceptEncoding = "gzip";
+    for (const auto& [field, value] : request.allHTTPHeaderFields) {
+      // libcurl must know the encodings it is to undo, so the field is
+      // handed to it rather than sent as written.
+      if (sameField(field, "Accept-Encoding")) {
+        acceptEncoding = value;
+      } else {
+        t->headers = curl_slist_append(t->headers, (field + ": " + value).c_str());
+      }
+    }
+    long timeoutMs = request.timeoutInterval > 0
+                         ? static_cast<long>(std::min(request.timeoutInterval, 1e6) * 1000)
+                         : 0;
+    curl_easy_setopt(easy, CURLOPT_URL, request.url.absoluteString().c_str());
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, t.get());
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, acceptEncoding.c_str());
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, t->headers);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, kUserAgent);
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    if (timeoutMs > 0) curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &NetworkThread::onHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, t.get());
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &NetworkThread::onData);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, t.get());
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &NetworkThread::onProgress);
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, t.get());
+    byConnection_[t->connection.get()] = easy;
+    curl_multi_add_handle(multi_, easy);
+    transfers_[easy] = std::move(t);
+  }
+
+  // Removes a transfer without a word to its delegate (a cancel).
+  void end(URLConnection* connection) {
+    auto it = byConnection_.find(connection);
+    if (it == byConnection_.end()) return;
+    release(it->second);
+  }
+
+  void release(CURL* easy) {
+    auto it = transfers_.find(easy);
+    if (it == transfers_.end()) return;
+    curl_multi_remove_handle(multi_, easy);
+    curl_easy_cleanup(easy);
+    curl_slist_free_all(it->second->headers);
+    byConnection_.erase(it->second->connection.get());
+    transfers_.erase(it);
+    --active_;
+  }
+
+  void done(CURL* easy, CURLcode result) {
+    auto it = transfers_.find(easy);
+    if (it == transfers_.end()) return;
+    Transfer& t = *it->second;
+    if (result == CURLE_OK) {
+      deliver(
+          t,
+          [](URLConnection& c, URLConnectionDelegate& d) {
+            if (d.didFinishLoading) d.didFinishLoading(c);
+          },
+          true);
+    } else {
+      fail(t, errorCodeFor(result), curl_easy_strerror(result));
+    }
+    release(easy);
+  }
+
+  // Fails transfers that made no progress for their timeout, and resumes
+  // paused ones whose receiver has caught up.
+  void housekeeping() {
+    auto now = Clock::now();
+    std::vector<CURL*> timedOut;
+    for (auto& [easy, t] : transfers_) {
+      if (t->paused) {
+        if (t->undelivered->load() < URLConnection::kMaxUndeliveredBytes / 2) {
+          t->paused = false;
+          t->lastProgress = now;
+          curl_easy_pause(easy, CURLPAUSE_CONT);
+        }
+        continue;
+      }
+      double timeout = t->connection->request_.timeoutInterval;
+      if (t->started && timeout > 0 &&
+          std::chrono::duration<double>(now - t->lastProgress).count() >= timeout) {
+        timedOut.push_back(easy);
+      }
+    }
+    for (CURL* easy : timedOut) {
+      fail(*transfers_[easy], kURLErrorTimedOut, "The request timed out.");
+      release(easy);
+    }
+  }
+
+  static int onProgress(void* p, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t) {
+    auto* t = static_cast<Transfer*>(p);
+    if (!t->started || downloaded != t->lastDownloaded) {
+      t->started = true;
+      t->lastDownloaded = downloaded;
+      t->lastProgress = Clock::now();
+    }
+    return 0;
+  }
+
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* p) {
+    auto* t = static_cast<Transfer*>(p);
+    std::size_t n = size * count;
+    std::string_view line(data, n);
+    t->lastProgress = Clock::now();
+    if (line.starts_with("HTTP/")) {
+      t->inHeaderBlock = true;
+      t->responseHeaders.clear();
+      return n;
+    }
+    if (!t->inHeaderBlock) return n;  // trailers
+    if (line == "\r\n" || line == "\n") {
+      t->inHeaderBlock = false;
+      responseComplete(*t);
+      return n;
+    }
+    auto colon = line.find(':');
+    if (colon != std::string_view::npos) {
+      std::string field = trim(line.substr(0, colon));
+      std::string value = trim(line.substr(colon + 1));
+      auto [it, inserted] = t->responseHeaders.emplace(field, value);
+      if (!inserted) it->second += ", " + value;
+    }
+    return n;
+  }
+
+  static void responseComplete(Transfer& t) {
+    long status = 0;
+    curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
+    // Interim and followed-redirect responses stay inside the transfer.
+    if (status / 100 == 1) return;
+    if (status / 100 == 3 && t.responseHeaders.count("Location")) return;
+    URLResponse response{t.connection->request_.url, status, std::move(t.responseHeaders), -1};
+    t.responseHeaders = {};
+    char* effective = nullptr;
+    if (curl_easy_getinfo(t.easy, CURLINFO_EFFECTIVE_URL, &effective) == CURLE_OK && effective) {
+      if (auto url = URL::withString(effective)) response.url = *url;
+    }
+    auto length = response.allHeaderFields.find("Content-Length");
+    if (length != response.allHeaderFields.end()) {
+      std::int64_t value = -1;
+      auto& text = length->second;
+      auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+      if (ec == std::errc() && ptr == text.data() + text.size() && value >= 0) {
+        response.expectedContentLength = value;
+      }
+    }
+    deliver(
+        t,
+        [response = std::move(response)](URLConnection& c, URLConnectionDelegate& d) {
+          if (d.didReceiveResponse) d.didReceiveResponse(c, response);
+        },
+        false);
+  }
+
+  static std::size_t onData(char* data, std::size_t size, std::size_t count, void* p) {
+    auto* t = static_cast<Transfer*>(p);
+    std::size_t n = size * count;
+    if (t->connection->cancelled_) return 0;  // ends the transfer; the cancel removes it
+    if (t->undelivered->load() > URLConnection::kMaxUndeliveredBytes) {
+      t->paused = true;
+      return CURL_WRITEFUNC_PAUSE;
+    }
+    t->lastProgress = Clock::now();
+    t->undelivered->fetch_add(n);
+    auto chunk = std::make_shared<Data>(reinterpret_cast<std::uint8_t*>(data),
+                                        reinterpret_cast<std::uint8_t*>(data) + n);
+    auto c = t->connection;
+    c->loop_->perform([c, chunk] {
+      c->undeliveredBytes_.fetch_sub(chunk->size());
+      c->deliver(
+          [&chunk](URLConnection& conn, URLConnectionDelegate& d) {
+            if (d.didReceiveData) d.didReceiveData(conn, *chunk);
+          },
+          false);
+    });
+    return n;
+  }
+
+  CURLM* multi_ = nullptr;
+  std::mutex mutex_;
+  std::vector<std::function<void()>> commands_;
+  std::unordered_map<CURL*, std::unique_ptr<Transfer>> transfers_;
+  std::unordered_map<URLConnection*, CURL*> byConnection_;
+  std::atomic<std::size_t> active_{0};
+};
+
+std::shared_ptr<URLConnection> URLConnection::start(const URLRequest& request,
+                                                    URLConnectionDelegate delegate) {
+  auto connection = std::make_shared<URLConnection>(Passkey{}, request, std::move(delegate),
+                                                    RunLoop::currentShared());
+  NetworkThread::shared().add(connection);
+  return connection;
+}
+
+URLConnection::URLConnection(Passkey, URLRequest request, URLConnectionDelegate delegate,
+                             std::shared_ptr<RunLoop> loop)
+    : request_(std::move(request)), delegate_(std::move(delegate)), loop_(std::move(loop)) {}
+
+URLConnection::~URLConnection() = default;
+
+void URLConnection::cancel() {
+  if (cancelled_.exchange(true)) return;
+  NetworkThread::shared().remove(this);
+  // The delegate is touched only on the starting thread; let it go there.
+  if (loop_) loop_->perform([self = shared_from_this()] { self->delegate_ = {}; });
+}
+
+std::size_t URLConnection::activeTransferCount() {
+  return NetworkThread::shared().activeCount();
+}
+
+void URLConnection::deliver(const Event& event, bool last) {
+  if (cancelled_ || ended_) return;
+  if (last) ended_ = true;
+  // Held in a local while it runs: the delegate may cancel, or drop the last
+  // reference to whoever owns this connection, from inside its own call.
+  URLConnectionDelegate delegate = std::move(delegate_);
+  event(*this, delegate);
+  if (!last && !cancelled_) delegate_ = std::move(delegate);
+}
+
+}  // namespace nimb
