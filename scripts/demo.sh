@@ -40,3 +40,20 @@ step "$nimbkit" cache list
 echo
 echo "Index file, as written by the cache:"
 cat "$("$nimbkit" cache path)/VQCache.plist"
+
+echo
+echo "== Fetching over HTTP (VQImageLoadConnection) =="
+mkdir -p "$demo_home/www"
+head -c 300000 /dev/urandom >"$demo_home/www/photo.bin"
+"$nimbkit" serve "$demo_home/www" --port 0 --for 30 >"$demo_home/serve.out" &
+server=$!
+trap 'kill $server 2>/dev/null; rm -rf "$demo_home"' EXIT
+for _ in $(seq 50); do grep -q 'serving' "$demo_home/serve.out" 2>/dev/null && break; sleep 0.1; done
+base=$(sed -E 's/.* at //' "$demo_home/serve.out")
+echo "(a loopback server: $base)"
+step "$nimbkit" fetch "${base}photo.bin" --output "$demo_home/fetched.bin"
+cmp -s "$demo_home/www/photo.bin" "$demo_home/fetched.bin" && echo "(the fetched bytes match the served file)"
+step "$nimbkit" cache set photo --file "$demo_home/fetched.bin"
+step "$nimbkit" cache list
+step "$nimbkit" fetch "${base}missing.bin" >/dev/null
+step "$nimbkit" fetch "http://127.0.0.1:1/closed-port" || echo "exit status $?: the transfer failed"

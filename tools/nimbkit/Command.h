@@ -29,5 +29,7 @@ using Action = std::function<int()>;
 // Registers `nimbkit cache ...` on `app`; `selected` receives the action of
 // the subcommand the user picked.
 void addCacheCommand(CLI::App& app, Action& selected);
+// Registers `nimbkit fetch URL` and `nimbkit serve DIR`.
+void addFetchCommands(CLI::App& app, Action& selected);
 
 }  // namespace nimbkit
