@@ -139,13 +139,22 @@ void BM_Fetch1000_CurlMultiFedBySix(benchmark::State& state) {
   fetchWithCurlMulti(state, 6);
 }
 
-BENCHMARK(BM_Fetch1000_CurlMulti)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
+BENCHMARK(BM_Fetch1000_CurlMulti)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime()
+    ->Iterations(1)
+    ->Repetitions(5);
 BENCHMARK(BM_Fetch1000_CurlMultiFedBySix)
     ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime()
     ->Iterations(1)
     ->Repetitions(5);
 BENCHMARK(BM_Fetch1000_VQImageLoadConnection)
     ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime()
     ->Iterations(1)
     ->Repetitions(5);
 

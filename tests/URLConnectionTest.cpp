@@ -195,7 +195,7 @@ TEST_F(URLConnectionTest, EventsArriveInOrderOnTheStartingThread) {
   ASSERT_GE(e->kinds.size(), 3u);
   EXPECT_EQ(e->kinds.front(), "response");
   EXPECT_EQ(e->count("response"), 1);
-  EXPECT_GE(e->count("data"), 2);  // 300 KB never comes in one piece
+  EXPECT_GE(e->count("data"), 1);  // bytes of one hand-over may come as one chunk
   EXPECT_EQ(e->kinds.back(), "finish");
   EXPECT_EQ(e->count("finish") + e->count("fail"), 1);
   EXPECT_EQ(e->body.size(), 300u * 1024);

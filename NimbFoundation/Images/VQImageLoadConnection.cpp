@@ -1,5 +1,7 @@
 #include <NimbFoundation/Images/VQImageLoadConnection.h>
 
+#include <algorithm>
+
 namespace nimb {
 
 std::shared_ptr<VQImageLoadConnection> VQImageLoadConnection::create(
@@ -52,6 +54,13 @@ void VQImageLoadConnection::connection(URLConnection& from, const URLResponse& r
   if (&from != connection_.get()) return;
   // A later response (a new multipart part) keeps the bytes gathered so far.
   response_ = response;
+  // Room for the announced body up front, so the buffer grows in place
+  // rather than by copies; a lie about the length costs at most the cap.
+  constexpr std::int64_t kReserveCap = 64 << 20;
+  if (response.expectedContentLength > 0) {
+    auto wanted = std::min(response.expectedContentLength, kReserveCap);
+    responseData_.reserve(responseData_.size() + static_cast<std::size_t>(wanted));
+  }
 }
 
 void VQImageLoadConnection::connection(URLConnection& from, std::span<const std::uint8_t> data) {

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -22,6 +23,9 @@ using Clock = std::chrono::steady_clock;
 // How often the network thread looks at idle and paused transfers when
 // nothing else wakes it.
 constexpr auto kHousekeepingInterval = std::chrono::milliseconds(50);
+// The longest an event waits on the network thread for others to travel
+// with it to the same run loop.
+constexpr auto kBatchWindow = std::chrono::microseconds(1000);
 constexpr const char* kUserAgent = "NimbFoundation/" NIMB_VERSION_STRING;
 
 std::string trim(std::string_view s) {
@@ -95,12 +99,19 @@ class NetworkThread {
 
  private:
   struct Transfer {
+    NetworkThread* owner = nullptr;
     std::shared_ptr<URLConnection> connection;
+    // The data event of the batch being gathered, while it is still the
+    // transfer's latest event: later bytes join it instead of making another.
+    std::shared_ptr<Data> openChunk;
+    std::uint64_t openChunkBatch = 0;
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     bool inHeaderBlock = false;
     HTTPHeaderFields responseHeaders;
-    bool started = false;  // out of the queue for a free connection
+    std::string hostKey;   // scheme://host: what the per-host limit counts
+    bool waiting = false;  // queued here until its host has a free connection
+    bool started = false;  // libcurl has begun work on it
     bool paused = false;   // waiting for the receiver to catch up
     Clock::time_point lastProgress;
     curl_off_t lastDownloaded = -1;
@@ -136,17 +147,53 @@ class NetworkThread {
       while (CURLMsg* msg = curl_multi_info_read(multi_, &left)) {
         if (msg->msg == CURLMSG_DONE) done(msg->easy_handle, msg->data.result);
       }
-      housekeeping();
+      auto now = Clock::now();
+      if (now - lastHousekeeping_ >= kHousekeepingInterval) {
+        lastHousekeeping_ = now;
+        housekeeping();
+      }
+      // Events wait up to kBatchWindow for company: each hand-over wakes the
+      // receiving thread, and on a busy machine those wake-ups, not the
+      // events, are what cost.
+      auto wait = kHousekeepingInterval;
+      if (!outbox_.empty()) {
+        auto age = Clock::now() - outboxSince_;
+        if (age >= kBatchWindow || transfers_.empty()) {
+          flush();
+        } else {
+          wait = std::chrono::duration_cast<std::chrono::milliseconds>(kBatchWindow - age) +
+                 std::chrono::milliseconds(1);
+        }
+      }
       int ignored = 0;
-      curl_multi_poll(multi_, nullptr, 0, static_cast<int>(kHousekeepingInterval.count()),
-                      &ignored);
+      curl_multi_poll(multi_, nullptr, 0, static_cast<int>(wait.count()), &ignored);
     }
   }
 
-  // Posts one event to the connection's run loop, in order.
+  // Queues one event for the connection's run loop, in order. Events are
+  // handed over in one batch per run loop and pass of the network loop:
+  // waking the receiving thread once per event costs more than the event.
   static void deliver(Transfer& t, URLConnection::Event event, bool last) {
     auto c = t.connection;
-    c->loop_->perform([c, event = std::move(event), last] { c->deliver(event, last); });
+    t.openChunk.reset();
+    t.owner->enqueue(*c, [c, event = std::move(event), last] { c->deliver(event, last); });
+  }
+
+  void enqueue(URLConnection& c, std::function<void()> task) {
+    if (outbox_.empty()) outboxSince_ = Clock::now();
+    auto& box = outbox_[c.loop_.get()];
+    if (!box.loop) box.loop = c.loop_;
+    box.tasks.push_back(std::move(task));
+  }
+
+  void flush() {
+    for (auto& [key, box] : outbox_) {
+      box.loop->perform([tasks = std::move(box.tasks)]() mutable {
+        for (auto& task : tasks) task();
+      });
+    }
+    outbox_.clear();
+    ++batch_;  // chunks handed over are closed
   }
 
   static void fail(Transfer& t, long code, const std::string& description) {
@@ -161,6 +208,7 @@ class NetworkThread {
 
   void begin(std::shared_ptr<URLConnection> connection) {
     auto t = std::make_unique<Transfer>();
+    t->owner = this;
     t->connection = std::move(connection);
     t->undelivered = &t->connection->undeliveredBytes_;
     const URLRequest& request = t->connection->request_;
@@ -210,9 +258,21 @@ class NetworkThread {
     curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &NetworkThread::onProgress);
     curl_easy_setopt(easy, CURLOPT_XFERINFODATA, t.get());
+    t->hostKey = request.url.scheme() + "://" + request.url.host();
     byConnection_[t->connection.get()] = easy;
-    curl_multi_add_handle(multi_, easy);
+    Transfer& added = *t;
     transfers_[easy] = std::move(t);
+    // The per-host limit is kept here rather than by libcurl: libcurl walks
+    // every handle it holds on each call, so a thousand queued transfers
+    // would slow the few that run.
+    auto& host = hosts_[added.hostKey];
+    if (host.running < URLConnection::kMaxConnectionsPerHost) {
+      ++host.running;
+      curl_multi_add_handle(multi_, easy);
+    } else {
+      added.waiting = true;
+      host.waiting.push_back(easy);
+    }
   }
 
   // Removes a transfer without a word to its delegate (a cancel).
@@ -225,12 +285,30 @@ class NetworkThread {
   void release(CURL* easy) {
     auto it = transfers_.find(easy);
     if (it == transfers_.end()) return;
-    curl_multi_remove_handle(multi_, easy);
+    Transfer& t = *it->second;
+    auto host = hosts_.find(t.hostKey);
+    if (t.waiting) {
+      auto& queue = host->second.waiting;
+      queue.erase(std::find(queue.begin(), queue.end(), easy));
+    } else {
+      curl_multi_remove_handle(multi_, easy);
+      --host->second.running;
+    }
     curl_easy_cleanup(easy);
-    curl_slist_free_all(it->second->headers);
-    byConnection_.erase(it->second->connection.get());
+    curl_slist_free_all(t.headers);
+    byConnection_.erase(t.connection.get());
     transfers_.erase(it);
     --active_;
+    // The freed connection goes to the next transfer waiting for this host.
+    auto& h = host->second;
+    while (h.running < URLConnection::kMaxConnectionsPerHost && !h.waiting.empty()) {
+      CURL* next = h.waiting.front();
+      h.waiting.pop_front();
+      transfers_[next]->waiting = false;
+      ++h.running;
+      curl_multi_add_handle(multi_, next);
+    }
+    if (h.running == 0 && h.waiting.empty()) hosts_.erase(host);
   }
 
   void done(CURL* easy, CURLcode result) {
@@ -256,6 +334,7 @@ class NetworkThread {
     auto now = Clock::now();
     std::vector<CURL*> timedOut;
     for (auto& [easy, t] : transfers_) {
+      if (t->waiting) continue;
       if (t->paused) {
         if (t->undelivered->load() < URLConnection::kMaxUndeliveredBytes / 2) {
           t->paused = false;
@@ -351,10 +430,14 @@ class NetworkThread {
     }
     t->lastProgress = Clock::now();
     t->undelivered->fetch_add(n);
-    auto chunk = std::make_shared<Data>(reinterpret_cast<std::uint8_t*>(data),
-                                        reinterpret_cast<std::uint8_t*>(data) + n);
+    auto* bytes = reinterpret_cast<const std::uint8_t*>(data);
+    if (t->openChunk && t->openChunkBatch == t->owner->batch_) {
+      t->openChunk->insert(t->openChunk->end(), bytes, bytes + n);
+      return n;
+    }
+    auto chunk = std::make_shared<Data>(bytes, bytes + n);
     auto c = t->connection;
-    c->loop_->perform([c, chunk] {
+    t->owner->enqueue(*c, [c, chunk] {
       c->undeliveredBytes_.fetch_sub(chunk->size());
       c->deliver(
           [&chunk](URLConnection& conn, URLConnectionDelegate& d) {
@@ -362,6 +445,8 @@ class NetworkThread {
           },
           false);
     });
+    t->openChunk = std::move(chunk);
+    t->openChunkBatch = t->owner->batch_;
     return n;
   }
 
@@ -370,6 +455,19 @@ class NetworkThread {
   std::vector<std::function<void()>> commands_;
   std::unordered_map<CURL*, std::unique_ptr<Transfer>> transfers_;
   std::unordered_map<URLConnection*, CURL*> byConnection_;
+  struct Host {
+    long running = 0;
+    std::deque<CURL*> waiting;
+  };
+  std::unordered_map<std::string, Host> hosts_;
+  struct Outbox {
+    std::shared_ptr<RunLoop> loop;
+    std::vector<std::function<void()>> tasks;
+  };
+  std::unordered_map<RunLoop*, Outbox> outbox_;
+  std::uint64_t batch_ = 0;
+  Clock::time_point outboxSince_;
+  Clock::time_point lastHousekeeping_;
   std::atomic<std::size_t> active_{0};
 };
 

@@ -14,7 +14,10 @@
 //   - at most kMaxConnectionsPerHost connections run at once per host; the
 //     rest wait their turn;
 //   - HTTP status codes are not failures: an error page is a body.
-// After cancel() no event reaches the delegate any more, not even one
+// Events travel to the run loop in batches (an event waits at most about a
+// millisecond for company), and body bytes that arrive within one batch
+// come as one chunk: waking the receiving thread per event would cost more
+// than the events. After cancel() no event reaches the delegate any more, not even one
 // already queued on the run loop. The starting thread must turn its run loop
 // for events to arrive. Should that loop fall behind by more than
 // kMaxUndeliveredBytes, the transfer pauses until it catches up, so a
