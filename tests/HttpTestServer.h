@@ -56,13 +56,17 @@ class HttpTestServer {
       res.set_content(body, kBinary);
     });
   }
+  // Bytes the endless handlers have written so far.
+  std::atomic<std::size_t> endlessBytes{0};
   // A chunked body that goes on until the client hangs up.
   void serveEndless(const std::string& path) {
     server_.Get(path, [this](const httplib::Request&, httplib::Response& res) {
       res.set_chunked_content_provider(kBinary, [this](size_t, httplib::DataSink& sink) {
-        const std::string block(16 * 1024, 'e');
-        while (!stopping() && sink.write(block.data(), block.size()))
+        const std::string block(64 * 1024, 'e');
+        while (!stopping() && sink.write(block.data(), block.size())) {
+          endlessBytes += block.size();
           pause(std::chrono::milliseconds(1));
+        }
         return false;
       });
     });

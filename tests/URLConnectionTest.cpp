@@ -251,6 +251,22 @@ TEST_F(URLConnectionTest, CancelDuringTheBodyStopsEventsAndTheTransfer) {
   EXPECT_TRUE(pumpUntil([] { return URLConnection::activeTransferCount() == 0; }, 5));
 }
 
+TEST_F(URLConnectionTest, AReceiverThatFallsBehindPausesTheTransfer) {
+  auto e = std::make_shared<Events>();
+  auto connection = URLConnection::start(request(url("/endless")), recorder(e));
+  ASSERT_TRUE(pumpUntil([&] { return !e->body.empty(); }, 10));
+  // The receiving thread stops turning its loop: on purpose, not a wait.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  std::size_t sentWhileStalled = server.endlessBytes;
+  // Unbounded, the server would have sent tens of MiB by now; paused, the
+  // undelivered allowance plus the sockets' buffers.
+  EXPECT_LT(sentWhileStalled, URLConnection::kMaxUndeliveredBytes + 8u * 1024 * 1024);
+  // Once the receiver catches up, the transfer resumes.
+  ASSERT_TRUE(pumpUntil([&] { return server.endlessBytes > sentWhileStalled + 1024 * 1024; }, 10));
+  connection->cancel();
+  EXPECT_TRUE(pumpUntil([] { return URLConnection::activeTransferCount() == 0; }, 5));
+}
+
 TEST_F(URLConnectionTest, AThousandTransfersQueueBehindSixConnections) {
   constexpr int kCount = 1000;
   std::vector<std::shared_ptr<Events>> events;
