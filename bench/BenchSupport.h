@@ -39,4 +39,21 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> seconds_;
 };
 
+// The main of every benchmark binary: runs the benchmarks with repetitions
+// interleaved at random (so a busy spell of the machine does not land on one
+// side only), then prints the ratios of `pairs`.
+inline int runWithRatios(int argc, char** argv,
+                         const std::vector<std::pair<std::string, std::string>>& pairs) {
+  std::vector<char*> args(argv, argv + argc);
+  std::string interleave = "--benchmark_enable_random_interleaving=true";
+  args.insert(args.begin() + 1, interleave.data());
+  int count = static_cast<int>(args.size());
+  benchmark::Initialize(&count, args.data());
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.printRatios(pairs);
+  benchmark::Shutdown();
+  return 0;
+}
+
 }  // namespace nimb::bench

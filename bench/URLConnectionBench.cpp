@@ -162,19 +162,11 @@ BENCHMARK(BM_Fetch1000_VQImageLoadConnection)
 
 int main(int argc, char** argv) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
-  // Interleave repetitions unless told otherwise, so that a busy spell of the
-  // machine does not land on one side only.
-  std::vector<char*> args(argv, argv + argc);
-  std::string interleave = "--benchmark_enable_random_interleaving=true";
-  args.insert(args.begin() + 1, interleave.data());
-  int count = static_cast<int>(args.size());
-  benchmark::Initialize(&count, args.data());
-  nimb::bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios({{"BM_Fetch1000_VQImageLoadConnection", "BM_Fetch1000_CurlMulti"},
-                        {"BM_Fetch1000_VQImageLoadConnection", "BM_Fetch1000_CurlMultiFedBySix"}});
-  benchmark::Shutdown();
+  int status = nimb::bench::runWithRatios(
+      argc, argv,
+      {{"BM_Fetch1000_VQImageLoadConnection", "BM_Fetch1000_CurlMulti"},
+       {"BM_Fetch1000_VQImageLoadConnection", "BM_Fetch1000_CurlMultiFedBySix"}});
   server().stop();
   curl_global_cleanup();
-  return 0;
+  return status;
 }

@@ -148,20 +148,12 @@ int main(int argc, char** argv) {
   if (!mkdtemp(home.data())) return 1;
   setenv("XDG_CACHE_HOME", home.c_str(), 1);
 
-  // Interleave repetitions unless told otherwise, so that a slow spell of
-  // the disk does not land on one side only.
-  std::vector<char*> args(argv, argv + argc);
-  std::string interleave = "--benchmark_enable_random_interleaving=true";
-  args.insert(args.begin() + 1, interleave.data());
-  int count = static_cast<int>(args.size());
-  benchmark::Initialize(&count, args.data());
-  nimb::bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios({{"BM_SetThenGet_VQCache", "BM_SetThenGet_DirectFiles"},
-                        {"BM_StartUp100k_VQCache", "BM_StartUp100k_ParseIndexOnly"},
-                        {"BM_StartUp100k_ParseIndexOnly", "BM_StartUp100k_LibplistParse"},
-                        {"BM_StartUp100k_VQCache", "BM_StartUp100k_LibplistParse"}});
-  benchmark::Shutdown();
+  int status =
+      nimb::bench::runWithRatios(argc, argv,
+                                 {{"BM_SetThenGet_VQCache", "BM_SetThenGet_DirectFiles"},
+                                  {"BM_StartUp100k_VQCache", "BM_StartUp100k_ParseIndexOnly"},
+                                  {"BM_StartUp100k_ParseIndexOnly", "BM_StartUp100k_LibplistParse"},
+                                  {"BM_StartUp100k_VQCache", "BM_StartUp100k_LibplistParse"}});
   std::filesystem::remove_all(home);
-  return 0;
+  return status;
 }
