@@ -55,5 +55,5 @@ step "$nimbkit" fetch "${base}photo.bin" --output "$demo_home/fetched.bin"
 cmp -s "$demo_home/www/photo.bin" "$demo_home/fetched.bin" && echo "(the fetched bytes match the served file)"
 step "$nimbkit" cache set photo --file "$demo_home/fetched.bin"
 step "$nimbkit" cache list
-step "$nimbkit" fetch "${base}missing.bin" >/dev/null
+step "$nimbkit" fetch "${base}missing.bin" --output "$demo_home/missing.html"
 step "$nimbkit" fetch "http://127.0.0.1:1/closed-port" || echo "exit status $?: the transfer failed"
