@@ -1,7 +1,5 @@
 #include <NimbFoundation/Images/VQImageLoadConnection.h>
 
-#include <algorithm>
-
 namespace nimb {
 
 std::shared_ptr<VQImageLoadConnection> VQImageLoadConnection::create(
@@ -34,8 +32,8 @@ void VQImageLoadConnection::start() {
   events.didReceiveResponse = [weak](URLConnection& from, const URLResponse& response) {
     if (auto self = weak.lock()) self->connection(from, response);
   };
-  events.didReceiveData = [weak](URLConnection& from, std::span<const std::uint8_t> data) {
-    if (auto self = weak.lock()) self->connection(from, data);
+  events.didReceiveData = [weak](URLConnection& from, Data& chunk) {
+    if (auto self = weak.lock()) self->receive(from, chunk);
   };
   events.didFinishLoading = [weak](URLConnection& from) {
     if (auto self = weak.lock()) self->connectionDidFinishLoading(from);
@@ -54,18 +52,27 @@ void VQImageLoadConnection::connection(URLConnection& from, const URLResponse& r
   if (&from != connection_.get()) return;
   // A later response (a new multipart part) keeps the bytes gathered so far.
   response_ = response;
-  // Room for the announced body up front, so the buffer grows in place
-  // rather than by copies; a lie about the length costs at most the cap.
-  constexpr std::int64_t kReserveCap = 64 << 20;
-  if (response.expectedContentLength > 0) {
-    auto wanted = std::min(response.expectedContentLength, kReserveCap);
-    responseData_.reserve(responseData_.size() + static_cast<std::size_t>(wanted));
-  }
 }
 
 void VQImageLoadConnection::connection(URLConnection& from, std::span<const std::uint8_t> data) {
   if (&from != connection_.get()) return;
   responseData_.insert(responseData_.end(), data.begin(), data.end());
+  reportPercent();
+}
+
+void VQImageLoadConnection::receive(URLConnection& from, Data& chunk) {
+  if (&from != connection_.get()) return;
+  // The first chunk comes with room for the rest of the announced body: it
+  // becomes the buffer, and later chunks grow it in place.
+  if (responseData_.empty()) {
+    responseData_.swap(chunk);
+  } else {
+    responseData_.insert(responseData_.end(), chunk.begin(), chunk.end());
+  }
+  reportPercent();
+}
+
+void VQImageLoadConnection::reportPercent() {
   // Kept raw on purpose: negative for an unknown length, infinite with no
   // response yet, above 1 for a body longer than announced.
   float expected = response_ ? static_cast<float>(response_->expectedContentLength) : 0.0f;

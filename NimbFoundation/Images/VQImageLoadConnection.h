@@ -90,6 +90,11 @@ class VQImageLoadConnection : public std::enable_shared_from_this<VQImageLoadCon
   ~VQImageLoadConnection();
 
  private:
+  // The data event as the platform connection delivers it: same checks as
+  // connection(from, data), but the chunk may become the buffer itself.
+  void receive(URLConnection& from, Data& chunk);
+  void reportPercent();
+
   URL imageURL_;
   std::optional<URLResponse> response_;
   Data responseData_;

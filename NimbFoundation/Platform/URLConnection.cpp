@@ -105,6 +105,8 @@ class NetworkThread {
     // transfer's latest event: later bytes join it instead of making another.
     std::shared_ptr<Data> openChunk;
     std::uint64_t openChunkBatch = 0;
+    // Body bytes still to come by the announced length; -1 when unknown.
+    std::int64_t bodyLeft = -1;
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     bool inHeaderBlock = false;
@@ -400,7 +402,8 @@ class NetworkThread {
     URLResponse response{t.connection->request_.url, status, std::move(t.responseHeaders), -1};
     t.responseHeaders = {};
     char* effective = nullptr;
-    if (curl_easy_getinfo(t.easy, CURLINFO_EFFECTIVE_URL, &effective) == CURLE_OK && effective) {
+    if (curl_easy_getinfo(t.easy, CURLINFO_EFFECTIVE_URL, &effective) == CURLE_OK && effective &&
+        response.url.absoluteString() != effective) {
       if (auto url = URL::withString(effective)) response.url = *url;
     }
     auto length = response.allHeaderFields.find("Content-Length");
@@ -412,6 +415,7 @@ class NetworkThread {
         response.expectedContentLength = value;
       }
     }
+    t.bodyLeft = response.expectedContentLength;
     deliver(
         t,
         [response = std::move(response)](URLConnection& c, URLConnectionDelegate& d) {
@@ -430,12 +434,19 @@ class NetworkThread {
     }
     t->lastProgress = Clock::now();
     t->undelivered->fetch_add(n);
+    if (t->bodyLeft > 0) t->bodyLeft -= std::min<std::int64_t>(t->bodyLeft, n);
     auto* bytes = reinterpret_cast<const std::uint8_t*>(data);
     if (t->openChunk && t->openChunkBatch == t->owner->batch_) {
       t->openChunk->insert(t->openChunk->end(), bytes, bytes + n);
       return n;
     }
-    auto chunk = std::make_shared<Data>(bytes, bytes + n);
+    auto chunk = std::make_shared<Data>();
+    // Room for the rest of the announced body, so a receiver that keeps this
+    // chunk as its buffer grows it in place.
+    constexpr std::int64_t kReserveCap = 64 << 20;
+    chunk->reserve(std::max<std::size_t>(
+        n, static_cast<std::size_t>(std::clamp<std::int64_t>(t->bodyLeft, 0, kReserveCap))));
+    chunk->assign(bytes, bytes + n);
     auto c = t->connection;
     t->owner->enqueue(*c, [c, chunk] {
       c->undeliveredBytes_.fetch_sub(chunk->size());

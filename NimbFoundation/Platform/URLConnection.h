@@ -48,7 +48,9 @@ class URLConnection;
 // cancelled, then lets it go.
 struct URLConnectionDelegate {
   std::function<void(URLConnection&, const URLResponse&)> didReceiveResponse;
-  std::function<void(URLConnection&, std::span<const std::uint8_t>)> didReceiveData;
+  // The chunk is the receiver's to keep: it may move the bytes out rather
+  // than copy them (a callable taking a span works too).
+  std::function<void(URLConnection&, Data& chunk)> didReceiveData;
   std::function<void(URLConnection&)> didFinishLoading;
   std::function<void(URLConnection&, const Error&)> didFailWithError;
 };
