@@ -133,6 +133,12 @@ TEST(RunLoop, RunUntilDeadlineAndStop) {
   start = std::chrono::steady_clock::now();
   loop.run();  // returns once the request stops it
   EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+
+  // A stop nobody was running for ends the next run, and only that one.
+  loop.stop();
+  loop.performAfterDelay(0.05, nullptr, "", [] {});
+  EXPECT_FALSE(loop.runUntilIdle(5));
+  EXPECT_TRUE(loop.runUntilIdle(5));
 }
 
 TEST(RunLoop, ThrowingTaskIsDroppedAndTheLoopGoesOn) {

@@ -218,7 +218,15 @@ void RunLoop::run() {
 bool RunLoop::runUntilIdle(double maxSeconds) {
   auto deadline = after(maxSeconds);
   for (;;) {
-    if (!hasPendingWork()) return true;
+    {
+      std::lock_guard lock(mutex_);
+      if (queue_.empty() && timers_.empty()) return true;
+      // A stop ends this run too; left pending, it would cut every wait short.
+      if (stopRequested_) {
+        stopRequested_ = false;
+        return false;
+      }
+    }
     auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return false;
     runOnce(std::chrono::duration_cast<Seconds>(deadline - now).count());

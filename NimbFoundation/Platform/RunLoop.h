@@ -71,11 +71,13 @@ class RunLoop {
   void runUntil(TimePoint deadline);
   void runFor(double seconds);
   // Turns the loop until nothing is queued or scheduled, waiting for delayed
-  // requests to fall due; gives up after `maxSeconds`. True when idle.
+  // requests to fall due; gives up after `maxSeconds` or at stop(). True
+  // when idle.
   bool runUntilIdle(double maxSeconds = 3600);
   // Turns the loop until stop() is called.
   void run();
-  // Makes the current or next run()/runUntil() return after its turn.
+  // Makes the current or next run(), runUntil() or runUntilIdle() return
+  // after its turn.
   void stop();
 
   // Whether tasks are queued or delayed requests scheduled.
