@@ -57,3 +57,15 @@ step "$nimbkit" cache set photo --file "$demo_home/fetched.bin"
 step "$nimbkit" cache list
 step "$nimbkit" fetch "${base}missing.bin" --output "$demo_home/missing.html"
 step "$nimbkit" fetch "http://127.0.0.1:1/closed-port" || echo "exit status $?: the transfer failed"
+
+echo
+echo "== Base-N encoding (VQStringEncoding) =="
+printf '\n$ printf foobar | nimbkit encode --encoding base64\n'
+printf foobar | "$nimbkit" encode --encoding base64
+printf '\n$ printf foobar | nimbkit encode --encoding base32\n'
+printf foobar | "$nimbkit" encode --encoding base32
+printf '\n$ echo MZXW6YTBOI | nimbkit encode --encoding base32 --decode\n'
+echo MZXW6YTBOI | "$nimbkit" encode --encoding base32 --decode
+echo
+printf '\n$ echo "Zm9v!" | nimbkit encode --encoding base64 --decode\n'
+echo "Zm9v!" | "$nimbkit" encode --encoding base64 --decode || echo "exit status $?: not base-64"

@@ -31,5 +31,8 @@ using Action = std::function<int()>;
 void addCacheCommand(CLI::App& app, Action& selected);
 // Registers `nimbkit fetch URL` and `nimbkit serve DIR`.
 void addFetchCommands(CLI::App& app, Action& selected);
+// Registers `nimbkit encode --encoding NAME [--decode]` and its custom
+// alphabet form.
+void addEncodeCommand(CLI::App& app, Action& selected);
 
 }  // namespace nimbkit

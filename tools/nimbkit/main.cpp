@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
   nimbkit::Action selected;
   nimbkit::addCacheCommand(app, selected);
   nimbkit::addFetchCommands(app, selected);
+  nimbkit::addEncodeCommand(app, selected);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,215 @@
+#include <NimbFoundation/Encode/VQStringEncoding.h>
+
+#include <cstdio>
+#include <numeric>
+
+#include <NimbFoundation/Platform/Text.h>
+
+namespace nimb {
+
+namespace {
+
+bool isAscii(std::string_view s) {
+  for (char c : s) {
+    if (static_cast<unsigned char>(c) >= 128) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+VQStringEncoding::VQStringEncoding(Passkey, Data alphabet, std::int32_t shift,
+                                   const std::array<std::int32_t, 128>& reverseCharMap)
+    : charMapData_(std::move(alphabet)),
+      reverseCharMap_(reverseCharMap),
+      shift_(shift),
+      mask_((1 << shift) - 1),
+      padLen_(std::lcm(8, shift) / shift) {}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::stringEncodingWithString(
+    std::string_view alphabet) {
+  if (!isAscii(alphabet)) return nullptr;
+  // One unsigned test covers both ends of 2..128; the AND clears the lowest
+  // set bit, so it is zero exactly for powers of two.
+  std::size_t length = alphabet.size();
+  if (length - 2 > 126 || ((length - 1) & length) != 0) return nullptr;
+
+  std::array<std::int32_t, 128> reverse;
+  reverse.fill(kUnknown);
+  for (std::size_t i = 0; i < length; ++i) {
+    auto c = static_cast<unsigned char>(alphabet[i]);
+    if (reverse[c] != kUnknown) return nullptr;  // repeated character
+    reverse[c] = static_cast<std::int32_t>(i);
+  }
+  std::int32_t shift = 0;
+  for (std::size_t v = 1; v < length; v <<= 1) ++shift;
+
+  return std::make_shared<VQStringEncoding>(Passkey{}, Data(alphabet.begin(), alphabet.end()),
+                                            shift, reverse);
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::named(std::string_view alphabet,
+                                                          std::string_view synonyms, bool pad) {
+  auto encoding = stringEncodingWithString(alphabet);
+  if (!synonyms.empty()) encoding->addDecodeSynonyms(synonyms);
+  if (pad) {
+    encoding->setPaddingChar('=');
+    encoding->setDoPad(true);
+  }
+  return encoding;
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::binaryStringEncoding() {
+  return named("01", "", false);
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::hexStringEncoding() {
+  return named("0123456789ABCDEF", "AaBbCcDdEeFf", false);
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::rfc4648Base32StringEncoding() {
+  return named("ABCDEFGHIJKLMNOPQRSTUVWXYZ234567", "", true);
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::rfc4648Base32HexStringEncoding() {
+  return named("0123456789ABCDEFGHIJKLMNOPQRSTUV", "", true);
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::crockfordBase32StringEncoding() {
+  return named("0123456789ABCDEFGHJKMNPQRSTVWXYZ",
+               "0oO1iIlLAaBbCcDdEeFfGgHhJjKkMmNnPpQqRrSsTtVvWwXxYyZz", false);
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::rfc4648Base64StringEncoding() {
+  return named("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/", "", true);
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::rfc4648Base64WebsafeStringEncoding() {
+  return named("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_", "", true);
+}
+
+bool VQStringEncoding::addDecodeSynonyms(std::string_view synonyms) {
+  if (!isAscii(synonyms)) return false;
+  std::int32_t current = kUnknown;
+  for (char ch : synonyms) {
+    auto c = static_cast<unsigned char>(ch);
+    if (reverseCharMap_[c] == kUnknown) {
+      reverseCharMap_[c] = current;
+    } else {
+      current = reverseCharMap_[c];
+    }
+  }
+  return true;
+}
+
+bool VQStringEncoding::ignoreCharacters(std::string_view characters) {
+  if (!isAscii(characters)) return false;
+  for (char ch : characters) reverseCharMap_[static_cast<unsigned char>(ch)] = kIgnored;
+  return true;
+}
+
+bool VQStringEncoding::setPaddingChar(char c) {
+  auto code = static_cast<unsigned char>(c);
+  if (code >= 128) return false;
+  paddingChar_ = c;
+  reverseCharMap_[code] = kPadding;
+  return true;
+}
+
+std::string VQStringEncoding::encode(const Data& bytes) const {
+  const std::size_t n = bytes.size();
+  if (n == 0) return "";
+  const auto shift = static_cast<std::size_t>(shift_);
+  std::size_t outLen = (n * 8 + shift - 1) / shift;
+  if (doPad_) {
+    const auto padLen = static_cast<std::size_t>(padLen_);
+    outLen = (outLen + padLen - 1) / padLen * padLen;
+  }
+
+  std::string out(outLen, '\0');
+  std::uint32_t buffer = bytes[0];
+  std::int32_t bitsLeft = 8;
+  std::size_t next = 1;
+  std::size_t written = 0;
+  do {
+    if (bitsLeft < shift_) {
+      if (next < n) {
+        buffer = (buffer << 8) | bytes[next++];
+        bitsLeft += 8;
+      } else {
+        // Zero bits complete the last character.
+        buffer <<= shift_ - bitsLeft;
+        bitsLeft = shift_;
+      }
+    }
+    bitsLeft -= shift_;
+    out[written++] = static_cast<char>(charMapData_[(buffer >> bitsLeft) & mask_]);
+  } while (next < n || bitsLeft > 0);
+
+  if (doPad_) {
+    while (written < outLen) out[written++] = paddingChar_;
+  }
+  out.resize(written);
+  return out;
+}
+
+std::string VQStringEncoding::encodeString(std::string_view string) const {
+  return encode(Data(string.begin(), string.end()));
+}
+
+std::optional<Data> VQStringEncoding::decode(std::string_view text) const {
+  // The whole text must be ASCII, but decoding reads it as a C string.
+  if (!isAscii(text)) return std::nullopt;
+  const std::size_t n = text.find('\0') == std::string_view::npos ? text.size() : text.find('\0');
+
+  Data out(n * static_cast<std::size_t>(shift_) / 8);
+  std::uint32_t buffer = 0;
+  std::int32_t bitsLeft = 0;
+  bool expectPad = false;
+  std::size_t written = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::int32_t value = reverseCharMap_[static_cast<unsigned char>(text[i])];
+    switch (value) {
+      case kIgnored:
+        continue;
+      case kPadding:
+        expectPad = true;
+        continue;
+      case kUnknown:
+        return std::nullopt;
+      default:
+        if (expectPad) return std::nullopt;  // data after padding
+        buffer = (buffer << shift_) | static_cast<std::uint32_t>(value & mask_);
+        bitsLeft += shift_;
+        if (bitsLeft >= 8) {
+          bitsLeft -= 8;
+          out[written++] = static_cast<std::uint8_t>(buffer >> bitsLeft);
+        }
+    }
+  }
+  if (bitsLeft > 0 && (buffer & ((1u << bitsLeft) - 1)) != 0) return std::nullopt;
+  out.resize(written);
+  return out;
+}
+
+std::optional<std::string> VQStringEncoding::stringByDecoding(std::string_view text) const {
+  auto bytes = decode(text);
+  if (!bytes) return std::nullopt;
+  std::string s(bytes->begin(), bytes->end());
+  if (!isValidUtf8(s)) return std::nullopt;
+  return s;
+}
+
+std::string VQStringEncoding::description() const {
+  std::string bytes = "<";
+  char hex[3];
+  for (std::size_t i = 0; i < charMapData_.size(); ++i) {
+    if (i > 0 && i % 4 == 0) bytes += ' ';
+    std::snprintf(hex, sizeof hex, "%02x", charMapData_[i]);
+    bytes += hex;
+  }
+  bytes += '>';
+  return "<Base" + std::to_string(1 << shift_) + " StringEncoder: " + bytes + ">";
+}
+
+}  // namespace nimb

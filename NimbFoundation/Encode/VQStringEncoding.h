@@ -1,0 +1,130 @@
+// VQStringEncoding: turns bytes into text and text back into bytes for any
+// alphabet of 2, 4, 8, 16, 32, 64 or 128 distinct ASCII characters. Each
+// character carries log2(alphabet size) bits, most significant bits first.
+//
+// The base-64 helpers of VQUtils use the two base-64 encoders; anyone who
+// needs hex, base-32 or a private alphabet builds one here. Seven ready-made
+// encoders come from the static functions; each call builds a fresh one.
+//
+// This is the plain bit-at-a-time implementation. It is kept deliberately
+// simple because faster paths are checked against it.
+//
+// How it behaves, and why:
+//   - Creation fails (nullptr) for an alphabet with a non-ASCII byte, a size
+//     that is not a power of two from 2 to 128, or a repeated character. A
+//     NUL byte is ASCII and may be part of an alphabet.
+//   - One 128-entry reverse table says what each ASCII character decodes to:
+//     a value, unknown, padding or ignored. addDecodeSynonyms(),
+//     ignoreCharacters() and setPaddingChar() all write into it, so the
+//     order of those calls matters:
+//       * addDecodeSynonyms() walks the string; a character that already
+//         means something opens a run and the unknown characters after it
+//         become its synonyms. Mapped characters never change, unknown ones
+//         before any mapped one stay unknown, and padding or ignored
+//         characters open runs too (unknowns after the padding character
+//         become more padding).
+//       * ignoreCharacters() overwrites, alphabet characters included.
+//       * setPaddingChar() overwrites; an earlier padding character keeps
+//         its padding entry.
+//     Input holding a byte of 128 or more is refused (false) and the table is
+//     left as it was; synonym and ignore strings are taken byte for byte, a
+//     NUL byte included.
+//   - Padding is off and the padding character is NUL after creation, so
+//     turning on setDoPad() alone pads with NUL characters.
+//   - encode() of no bytes is "" even when padding is on.
+//   - decode() is lenient about padding and strict about bits: padding is
+//     optional and its count never checked, nor is the length against whole
+//     groups ("Zg", "Zg=" and "Zg=====" all give "f", "==" gives nothing),
+//     but data after padding fails, and the bits left over at the end must be
+//     zero: in base 64 "A" decodes to no bytes while "B" fails.
+//   - decode() fails on any non-ASCII byte and on any unknown character,
+//     whitespace and line breaks included unless ignored. Text after the
+//     first NUL byte is not looked at.
+//
+// Thread rule: build and configure on one thread; after that encode() and
+// decode() only read, so one encoder can serve many threads at once.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <NimbFoundation/Platform/Value.h>
+
+namespace nimb {
+
+class VQStringEncoding {
+  struct Passkey {};
+
+ public:
+  // Reverse-table markers for characters that carry no value.
+  static constexpr std::int32_t kUnknown = -1;
+  static constexpr std::int32_t kPadding = -2;
+  static constexpr std::int32_t kIgnored = -3;
+
+  // A new encoder for `alphabet`, or nullptr when it cannot make one.
+  static std::shared_ptr<VQStringEncoding> stringEncodingWithString(std::string_view alphabet);
+
+  // "01", no padding.
+  static std::shared_ptr<VQStringEncoding> binaryStringEncoding();
+  // "0-9A-F"; a-f decode as A-F; encoding writes upper case; no padding.
+  static std::shared_ptr<VQStringEncoding> hexStringEncoding();
+  // RFC 4648 base 32 ("A-Z2-7"), padded with "=".
+  static std::shared_ptr<VQStringEncoding> rfc4648Base32StringEncoding();
+  // RFC 4648 extended-hex base 32 ("0-9A-V"), padded with "=".
+  static std::shared_ptr<VQStringEncoding> rfc4648Base32HexStringEncoding();
+  // Crockford base 32, no padding. o/O read as 0, i/I/l/L as 1, lower case
+  // as upper case; U and u stay invalid.
+  static std::shared_ptr<VQStringEncoding> crockfordBase32StringEncoding();
+  // RFC 4648 base 64 ("+/"), padded with "=".
+  static std::shared_ptr<VQStringEncoding> rfc4648Base64StringEncoding();
+  // RFC 4648 URL- and file-safe base 64 ("-_"), padded with "=".
+  static std::shared_ptr<VQStringEncoding> rfc4648Base64WebsafeStringEncoding();
+
+  // Set-up, before first use. Each returns false, changing nothing, for a
+  // character outside ASCII.
+  bool addDecodeSynonyms(std::string_view synonyms);
+  bool ignoreCharacters(std::string_view characters);
+  bool setPaddingChar(char c);
+
+  bool doPad() const { return doPad_; }
+  void setDoPad(bool doPad) { doPad_ = doPad; }
+
+  // Never fails.
+  std::string encode(const Data& bytes) const;
+  // encode() of the string's bytes (its UTF-8 form).
+  std::string encodeString(std::string_view string) const;
+  // nullopt when the text is not valid for this encoder (see above).
+  std::optional<Data> decode(std::string_view text) const;
+  // The decoded bytes as a string; nullopt when decode() fails or the bytes
+  // are not well-formed UTF-8, never a lossy repair.
+  std::optional<std::string> stringByDecoding(std::string_view text) const;
+
+  // "<Base64 StringEncoder: <41424344 ...>>": the alphabet size, then the
+  // alphabet's bytes as the platform prints a byte buffer (lower-case hex,
+  // a space after every fourth byte, in angle brackets).
+  std::string description() const;
+
+  // Use stringEncodingWithString() or the named encoders.
+  VQStringEncoding(Passkey, Data alphabet, std::int32_t shift,
+                   const std::array<std::int32_t, 128>& reverseCharMap);
+
+ private:
+  // A named encoder: the alphabet, optional synonyms, and whether it pads
+  // with "=".
+  static std::shared_ptr<VQStringEncoding> named(std::string_view alphabet,
+                                                 std::string_view synonyms, bool pad);
+
+  Data charMapData_;
+  std::array<std::int32_t, 128> reverseCharMap_;
+  std::int32_t shift_;
+  std::int32_t mask_;
+  bool doPad_ = false;
+  char paddingChar_ = '\0';
+  std::int32_t padLen_;
+};
+
+}  // namespace nimb
