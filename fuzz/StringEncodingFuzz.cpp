@@ -3,21 +3,19 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>
+#include <vector>
 
 #include <NimbFoundation/Encode/VQStringEncoding.h>
 
 using nimb::VQStringEncoding;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const std::shared_ptr<VQStringEncoding> encoders[] = {
-      VQStringEncoding::binaryStringEncoding(),
-      VQStringEncoding::hexStringEncoding(),
-      VQStringEncoding::rfc4648Base32StringEncoding(),
-      VQStringEncoding::rfc4648Base32HexStringEncoding(),
-      VQStringEncoding::crockfordBase32StringEncoding(),
-      VQStringEncoding::rfc4648Base64StringEncoding(),
-      VQStringEncoding::rfc4648Base64WebsafeStringEncoding(),
-  };
+  static const auto encoders = [] {
+    std::vector<std::shared_ptr<VQStringEncoding>> all;
+    for (auto name : VQStringEncoding::encodingNames())
+      all.push_back(VQStringEncoding::encodingNamed(name));
+    return all;
+  }();
   std::string_view text(reinterpret_cast<const char*>(data), size);
   for (const auto& encoder : encoders) {
     auto bytes = encoder->decode(text);

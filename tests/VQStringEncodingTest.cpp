@@ -13,7 +13,6 @@ using nimb::VQStringEncoding;
 namespace {
 
 using Factory = std::shared_ptr<VQStringEncoding> (*)();
-
 Data bytes(std::string_view s) {
   return Data(s.begin(), s.end());
 }
@@ -23,21 +22,6 @@ std::optional<Data> some(std::string_view s) {
 }
 
 const std::string kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-struct Named {
-  const char* name;
-  Factory make;
-};
-
-const Named kNamed[] = {
-    {"binary", &VQStringEncoding::binaryStringEncoding},
-    {"hex", &VQStringEncoding::hexStringEncoding},
-    {"base32", &VQStringEncoding::rfc4648Base32StringEncoding},
-    {"base32hex", &VQStringEncoding::rfc4648Base32HexStringEncoding},
-    {"crockford", &VQStringEncoding::crockfordBase32StringEncoding},
-    {"base64", &VQStringEncoding::rfc4648Base64StringEncoding},
-    {"base64url", &VQStringEncoding::rfc4648Base64WebsafeStringEncoding},
-};
 
 }  // namespace
 
@@ -109,7 +93,10 @@ TEST(VQStringEncoding, EncodeExamples) {
   };
   for (const auto& row : rows) EXPECT_EQ(row.make()->encode(row.in), row.out) << row.out;
   // Every named encoder gives "" for no bytes, padded ones included.
-  for (const auto& n : kNamed) EXPECT_EQ(n.make()->encode({}), "") << n.name;
+  for (auto name : VQStringEncoding::encodingNames()) {
+    EXPECT_EQ(VQStringEncoding::encodingNamed(name)->encode({}), "") << name;
+  }
+  EXPECT_EQ(VQStringEncoding::encodingNamed("base63"), nullptr);
 }
 
 TEST(VQStringEncoding, DecodeIsLenientAboutPaddingAndStrictAboutBits) {
@@ -155,7 +142,9 @@ TEST(VQStringEncoding, DecodeIsLenientAboutPaddingAndStrictAboutBits) {
 
 TEST(VQStringEncoding, RandomBytesRoundTrip) {
   std::vector<std::shared_ptr<VQStringEncoding>> encoders;
-  for (const auto& n : kNamed) encoders.push_back(n.make());
+  for (auto name : VQStringEncoding::encodingNames()) {
+    encoders.push_back(VQStringEncoding::encodingNamed(name));
+  }
   // Custom alphabets of every size, without NUL so the output reads back whole.
   std::string printable;
   for (int c = 1; c < 128; ++c) printable += static_cast<char>(c);

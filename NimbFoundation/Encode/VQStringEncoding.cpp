@@ -88,6 +88,36 @@ std::shared_ptr<VQStringEncoding> VQStringEncoding::rfc4648Base64WebsafeStringEn
   return named("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_", "", true);
 }
 
+namespace {
+using Factory = std::shared_ptr<VQStringEncoding> (*)();
+// Name and maker of each ready-made encoder, in the order of encodingNames().
+const std::pair<std::string_view, Factory> kNamedEncodings[] = {
+    {"binary", &VQStringEncoding::binaryStringEncoding},
+    {"hex", &VQStringEncoding::hexStringEncoding},
+    {"base32", &VQStringEncoding::rfc4648Base32StringEncoding},
+    {"base32hex", &VQStringEncoding::rfc4648Base32HexStringEncoding},
+    {"crockford", &VQStringEncoding::crockfordBase32StringEncoding},
+    {"base64", &VQStringEncoding::rfc4648Base64StringEncoding},
+    {"base64url", &VQStringEncoding::rfc4648Base64WebsafeStringEncoding},
+};
+}  // namespace
+
+const std::vector<std::string_view>& VQStringEncoding::encodingNames() {
+  static const std::vector<std::string_view> names = [] {
+    std::vector<std::string_view> out;
+    for (const auto& entry : kNamedEncodings) out.push_back(entry.first);
+    return out;
+  }();
+  return names;
+}
+
+std::shared_ptr<VQStringEncoding> VQStringEncoding::encodingNamed(std::string_view name) {
+  for (const auto& [entryName, make] : kNamedEncodings) {
+    if (entryName == name) return make();
+  }
+  return nullptr;
+}
+
 bool VQStringEncoding::addDecodeSynonyms(std::string_view synonyms) {
   if (!isAscii(synonyms)) return false;
   std::int32_t current = kUnknown;

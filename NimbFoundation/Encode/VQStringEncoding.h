@@ -51,6 +51,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <NimbFoundation/Platform/Value.h>
 
@@ -83,6 +84,12 @@ class VQStringEncoding {
   static std::shared_ptr<VQStringEncoding> rfc4648Base64StringEncoding();
   // RFC 4648 URL- and file-safe base 64 ("-_"), padded with "=".
   static std::shared_ptr<VQStringEncoding> rfc4648Base64WebsafeStringEncoding();
+
+  // The short names of the seven encodings above, in this order: "binary",
+  // "hex", "base32", "base32hex", "crockford", "base64", "base64url".
+  static const std::vector<std::string_view>& encodingNames();
+  // A fresh encoder for one of those names; nullptr for any other name.
+  static std::shared_ptr<VQStringEncoding> encodingNamed(std::string_view name);
 
   // Set-up, before first use. Each returns false, changing nothing, for a
   // character outside ASCII.

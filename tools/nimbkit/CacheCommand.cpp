@@ -154,9 +154,7 @@ void addCacheCommand(CLI::App& app, Action& selected) {
   auto* cache = app.add_subcommand("cache", "Store, read and inspect the shared disk cache");
   cache->require_subcommand(1);
 
-  auto on = [&selected](CLI::App* sub, Action action) {
-    sub->callback([&selected, action] { selected = action; });
-  };
+  auto on = [&selected](CLI::App* sub, Action action) { onSelected(sub, selected, action); };
 
   auto* setCmd = cache->add_subcommand("set", "Store bytes (standard input, or --file) under KEY");
   setCmd->add_option("KEY", options->key, "Cache key")->required();

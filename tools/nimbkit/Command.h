@@ -26,6 +26,11 @@ struct UsageError : std::runtime_error {
 // A command's body, run after the command line has been parsed.
 using Action = std::function<int()>;
 
+// Makes `action` the one to run when the user picks `sub`.
+inline void onSelected(CLI::App* sub, Action& selected, Action action) {
+  sub->callback([&selected, action = std::move(action)] { selected = action; });
+}
+
 // Registers `nimbkit cache ...` on `app`; `selected` receives the action of
 // the subcommand the user picked.
 void addCacheCommand(CLI::App& app, Action& selected);

@@ -5,7 +5,6 @@
 // decoding drops one trailing line break (or CR LF) before it decodes, so
 // the two pipe into each other and `echo` can feed the decoder.
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -30,21 +29,6 @@ struct EncodeOptions {
   bool decode = false;
 };
 
-using Factory = std::shared_ptr<VQStringEncoding> (*)();
-
-const std::map<std::string, Factory>& namedEncodings() {
-  static const std::map<std::string, Factory> named{
-      {"binary", &VQStringEncoding::binaryStringEncoding},
-      {"hex", &VQStringEncoding::hexStringEncoding},
-      {"base32", &VQStringEncoding::rfc4648Base32StringEncoding},
-      {"base32hex", &VQStringEncoding::rfc4648Base32HexStringEncoding},
-      {"crockford", &VQStringEncoding::crockfordBase32StringEncoding},
-      {"base64", &VQStringEncoding::rfc4648Base64StringEncoding},
-      {"base64url", &VQStringEncoding::rfc4648Base64WebsafeStringEncoding},
-  };
-  return named;
-}
-
 // The library only says no; the user deserves to know which rule was broken.
 std::string whyNoEncoder(const std::string& alphabet) {
   for (char c : alphabet) {
@@ -61,7 +45,7 @@ std::string whyNoEncoder(const std::string& alphabet) {
 std::shared_ptr<VQStringEncoding> makeEncoder(const EncodeOptions& o) {
   if (!o.alphabet) {
     if (o.encoding.empty()) throw UsageError("give --encoding NAME or --alphabet STRING");
-    return namedEncodings().at(o.encoding)();
+    return VQStringEncoding::encodingNamed(o.encoding);
   }
   auto encoder = VQStringEncoding::stringEncodingWithString(*o.alphabet);
   if (!encoder) throw UsageError("--alphabet " + whyNoEncoder(*o.alphabet));
@@ -108,8 +92,8 @@ void addEncodeCommand(CLI::App& app, Action& selected) {
   auto options = std::make_shared<EncodeOptions>();
   auto* cmd = app.add_subcommand(
       "encode", "Encode standard input as text (or decode text with --decode) to standard output");
-  std::set<std::string> names;
-  for (const auto& entry : namedEncodings()) names.insert(entry.first);
+  std::set<std::string> names(VQStringEncoding::encodingNames().begin(),
+                              VQStringEncoding::encodingNames().end());
   auto* encoding = cmd->add_option("--encoding", options->encoding, "A named encoding")
                        ->check(CLI::IsMember(names));
   auto* alphabet = cmd->add_option("--alphabet", options->alphabet,
@@ -120,7 +104,7 @@ void addEncodeCommand(CLI::App& app, Action& selected) {
   cmd->add_flag("--pad", options->pad, "Pad a custom alphabet's output to whole groups")
       ->needs(alphabet);
   cmd->add_flag("--decode", options->decode, "Read text and write the bytes it stands for");
-  cmd->callback([&selected, options] { selected = [options] { return run(*options); }; });
+  onSelected(cmd, selected, [options] { return run(*options); });
 }
 
 }  // namespace nimbkit

@@ -111,16 +111,14 @@ void addFetchCommands(CLI::App& app, Action& selected) {
   fetchCmd->add_option("--output,-o", fetchOptions->output, "Write the body to this file");
   fetchCmd->add_option("--timeout", fetchOptions->timeout,
                        "Seconds without progress before giving up (default 30)");
-  fetchCmd->callback(
-      [&selected, fetchOptions] { selected = [fetchOptions] { return fetch(*fetchOptions); }; });
+  onSelected(fetchCmd, selected, [fetchOptions] { return fetch(*fetchOptions); });
 
   auto serveOptions = std::make_shared<ServeOptions>();
   auto* serveCmd = app.add_subcommand("serve", "Serve DIR over HTTP on 127.0.0.1");
   serveCmd->add_option("DIR", serveOptions->directory, "Directory to serve")->required();
   serveCmd->add_option("--port", serveOptions->port, "Port (0 picks a free one; default 8080)");
   serveCmd->add_option("--for", serveOptions->seconds, "Stop after this many seconds");
-  serveCmd->callback(
-      [&selected, serveOptions] { selected = [serveOptions] { return serve(*serveOptions); }; });
+  onSelected(serveCmd, selected, [serveOptions] { return serve(*serveOptions); });
 }
 
 }  // namespace nimbkit
