@@ -47,15 +47,6 @@ double requireTtl(double ttl) {
   return ttl;
 }
 
-Data readAll(std::FILE* in) {
-  Data bytes;
-  unsigned char buf[65536];
-  std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, in)) > 0) bytes.insert(bytes.end(), buf, buf + n);
-  if (std::ferror(in)) throw UsageError("cannot read standard input");
-  return bytes;
-}
-
 // Lets the deferred index save run and queued file writes land, so that
 // nothing this process set is lost when it exits.
 void settle(VQCache& cache) {
@@ -72,7 +63,7 @@ int set(const CacheOptions& o) {
     if (!contents) throw UsageError("cannot read " + o.path);
     bytes = std::move(*contents);
   } else {
-    bytes = readAll(stdin);
+    bytes = readStandardInput();
   }
   auto cache = VQCache::currentCache();
   if (o.ttl) {

@@ -2,11 +2,14 @@
 // the registration of a subcommand with CLI11.
 #pragma once
 
+#include <cstdio>
 #include <functional>
 #include <stdexcept>
 #include <string>
 
 #include <CLI/CLI.hpp>
+
+#include <NimbFoundation/Platform/Value.h>
 
 namespace nimbkit {
 
@@ -25,6 +28,16 @@ struct UsageError : std::runtime_error {
 
 // A command's body, run after the command line has been parsed.
 using Action = std::function<int()>;
+
+// All of standard input; a read error is a UsageError.
+inline nimb::Data readStandardInput() {
+  nimb::Data bytes;
+  unsigned char buf[65536];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, stdin)) > 0) bytes.insert(bytes.end(), buf, buf + n);
+  if (std::ferror(stdin)) throw UsageError("cannot read standard input");
+  return bytes;
+}
 
 // Makes `action` the one to run when the user picks `sub`.
 inline void onSelected(CLI::App* sub, Action& selected, Action action) {

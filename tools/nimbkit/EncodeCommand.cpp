@@ -58,23 +58,15 @@ std::shared_ptr<VQStringEncoding> makeEncoder(const EncodeOptions& o) {
   return encoder;
 }
 
-std::string readAll(std::FILE* in) {
-  std::string bytes;
-  char buf[65536];
-  std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, in)) > 0) bytes.append(buf, n);
-  if (std::ferror(in)) throw UsageError("cannot read standard input");
-  return bytes;
-}
-
 int run(const EncodeOptions& o) {
   auto encoder = makeEncoder(o);
-  std::string input = readAll(stdin);
+  Data raw = readStandardInput();
   if (!o.decode) {
-    std::string text = encoder->encode(Data(input.begin(), input.end())) + "\n";
+    std::string text = encoder->encode(raw) + "\n";
     std::fwrite(text.data(), 1, text.size(), stdout);
     return kOk;
   }
+  std::string input(raw.begin(), raw.end());
   if (!input.empty() && input.back() == '\n') input.pop_back();
   if (!input.empty() && input.back() == '\r') input.pop_back();
   auto bytes = encoder->decode(input);
