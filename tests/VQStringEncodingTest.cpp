@@ -270,3 +270,63 @@ TEST(VQStringEncoding, StringsAndDescription) {
   EXPECT_EQ(VQStringEncoding::binaryStringEncoding()->description(),
             "<Base2 StringEncoder: <3031>>");
 }
+
+// The block kernels must agree with the bit loop on every verdict and every
+// byte. Valid text is mutated with the characters that end a kernel's run
+// (padding, ignored characters, synonyms, invalid and non-ASCII bytes, NUL)
+// and the decodings through each path are compared.
+TEST(VQStringEncoding, FastPathsDecodeExactlyLikeTheBitLoop) {
+  using Path = VQStringEncoding::Path;
+  std::vector<std::shared_ptr<VQStringEncoding>> encoders;
+  for (auto name : VQStringEncoding::encodingNames()) {
+    encoders.push_back(VQStringEncoding::encodingNamed(name));
+  }
+  auto lenient = VQStringEncoding::rfc4648Base64StringEncoding();
+  lenient->ignoreCharacters(" \n");
+  lenient->addDecodeSynonyms("+-/_");
+  encoders.push_back(lenient);
+  // Custom alphabets, one holding NUL, whose output then stops decoding.
+  std::string codes;
+  for (int c = 0; c < 128; ++c) codes += static_cast<char>(c);
+  for (std::size_t size : {8, 32, 128}) {
+    auto custom = VQStringEncoding::stringEncodingWithString(codes.substr(128 - size));
+    ASSERT_NE(custom, nullptr);
+    custom->setPaddingChar('\x01');
+    custom->setDoPad(true);
+    encoders.push_back(custom);
+  }
+  const std::string strange = std::string("= \n\0-_aA+/\x80\xff~", 14);
+  std::mt19937 rng(4648);
+  for (const auto& e : encoders) {
+    for (int round = 0; round < 300; ++round) {
+      Data in(rng() % 200);
+      for (auto& b : in) b = static_cast<std::uint8_t>(rng());
+      std::string text = e->encode(in);
+      if (round > 0) {
+        for (int m = rng() % 3; m >= 0 && !text.empty(); --m) {
+          const std::size_t at = rng() % text.size();
+          switch (rng() % 4) {
+            case 0:
+              text[at] = strange[rng() % strange.size()];
+              break;
+            case 1:
+              text.insert(at, 1, strange[rng() % strange.size()]);
+              break;
+            case 2:
+              text.erase(at, 1);
+              break;
+            default:
+              text[at] = static_cast<char>(rng());
+          }
+        }
+      }
+      const auto exact = e->decode(text, Path::kExact);
+      if (round == 0) {
+        EXPECT_EQ(exact, in);
+      }
+      for (auto path : {Path::kScalar, Path::kVector, Path::kAutomatic}) {
+        ASSERT_EQ(e->decode(text, path), exact) << e->description() << " text " << text;
+      }
+    }
+  }
+}

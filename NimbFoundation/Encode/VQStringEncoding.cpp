@@ -1,8 +1,11 @@
 #include <NimbFoundation/Encode/VQStringEncoding.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <map>
 #include <numeric>
 
+#include <NimbFoundation/Encode/BaseNKernels.h>
 #include <NimbFoundation/Platform/Text.h>
 
 namespace nimb {
@@ -16,7 +19,37 @@ bool isAscii(std::string_view s) {
   return true;
 }
 
+// Below this many bytes or characters the bit loop is as quick as looking
+// up (or building) the kernels.
+constexpr std::size_t kKernelMinimum = 48;
+
+// Kernels shared by encoders with the same alphabet and reverse table, so
+// that the named encoders, made afresh on every call, build their tables
+// once per process. Bounded: past kMaxShared tables an encoder keeps its own.
+std::shared_ptr<const BaseNKernels> sharedKernels(const Data& alphabet,
+                                                  const std::array<std::int32_t, 128>& reverse) {
+  constexpr std::size_t kMaxShared = 32;
+  static std::mutex mutex;
+  static std::map<std::string, std::shared_ptr<const BaseNKernels>, std::less<>> shared;
+  std::string key(alphabet.begin(), alphabet.end());
+  key.append(reinterpret_cast<const char*>(reverse.data()), sizeof reverse);
+  const std::string_view alphabetText(reinterpret_cast<const char*>(alphabet.data()),
+                                      alphabet.size());
+  {
+    std::lock_guard lock(mutex);
+    if (auto found = shared.find(key); found != shared.end()) return found->second;
+  }
+  auto kernels = std::make_shared<const BaseNKernels>(alphabetText, reverse);
+  std::lock_guard lock(mutex);
+  if (shared.size() < kMaxShared) shared.emplace(std::move(key), kernels);
+  return kernels;
+}
+
 }  // namespace
+
+bool VQStringEncoding::vectorPathAvailable() {
+  return BaseNKernels::processorHasAvx2();
+}
 
 VQStringEncoding::VQStringEncoding(Passkey, Data alphabet, std::int32_t shift,
                                    const std::array<std::int32_t, 128>& reverseCharMap)
@@ -129,12 +162,14 @@ bool VQStringEncoding::addDecodeSynonyms(std::string_view synonyms) {
       current = reverseCharMap_[c];
     }
   }
+  dropKernels();
   return true;
 }
 
 bool VQStringEncoding::ignoreCharacters(std::string_view characters) {
   if (!isAscii(characters)) return false;
   for (char ch : characters) reverseCharMap_[static_cast<unsigned char>(ch)] = kIgnored;
+  dropKernels();
   return true;
 }
 
@@ -143,20 +178,67 @@ bool VQStringEncoding::setPaddingChar(char c) {
   if (code >= 128) return false;
   paddingChar_ = c;
   reverseCharMap_[code] = kPadding;
+  dropKernels();
   return true;
 }
 
-std::string VQStringEncoding::encode(const Data& bytes) const {
-  const std::size_t n = bytes.size();
-  if (n == 0) return "";
+void VQStringEncoding::dropKernels() {
+  std::lock_guard lock(kernelsMutex_);
+  kernelsReady_.store(nullptr, std::memory_order_release);
+  kernels_.reset();
+}
+
+const BaseNKernels& VQStringEncoding::kernels() const {
+  if (const auto* ready = kernelsReady_.load(std::memory_order_acquire)) return *ready;
+  std::lock_guard lock(kernelsMutex_);
+  if (!kernels_) kernels_ = sharedKernels(charMapData_, reverseCharMap_);
+  kernelsReady_.store(kernels_.get(), std::memory_order_release);
+  return *kernels_;
+}
+
+bool VQStringEncoding::usesKernels(Path path, std::size_t length) const {
+  return path == Path::kScalar || path == Path::kVector ||
+         (path == Path::kAutomatic && length >= kKernelMinimum);
+}
+
+namespace {
+BaseNKernels::Kind kindFor(VQStringEncoding::Path path) {
+  return path == VQStringEncoding::Path::kScalar ? BaseNKernels::Kind::kScalar
+                                                 : BaseNKernels::Kind::kVector;
+}
+}  // namespace
+
+std::size_t VQStringEncoding::encodedLength(std::size_t count) const {
+  if (count == 0) return 0;
   const auto shift = static_cast<std::size_t>(shift_);
-  std::size_t outLen = (n * 8 + shift - 1) / shift;
+  std::size_t length = (count * 8 + shift - 1) / shift;
   if (doPad_) {
     const auto padLen = static_cast<std::size_t>(padLen_);
-    outLen = (outLen + padLen - 1) / padLen * padLen;
+    length = (length + padLen - 1) / padLen * padLen;
   }
+  return length;
+}
 
-  std::string out(outLen, '\0');
+std::size_t VQStringEncoding::encodeInto(const std::uint8_t* bytes, std::size_t count, char* out,
+                                         Path path) const {
+  if (count == 0) return 0;
+  std::size_t consumed = 0;
+  if (usesKernels(path, count)) {
+    consumed = kernels().encodeBlocks(bytes, count, out, kindFor(path));
+  }
+  // Kernels stop at a block boundary, where the bit buffer is empty.
+  std::size_t written = consumed / static_cast<std::size_t>(shift_) * 8;
+  if (consumed < count) written += encodeBits(bytes + consumed, count - consumed, out + written);
+  if (doPad_) {
+    const std::size_t total = encodedLength(count);
+    std::fill(out + written, out + total, paddingChar_);
+    written = total;
+  }
+  return written;
+}
+
+std::size_t VQStringEncoding::encodeBits(const std::uint8_t* bytes, std::size_t n,
+                                         char* out) const {
   std::uint32_t buffer = bytes[0];
   std::int32_t bitsLeft = 8;
   std::size_t next = 1;
@@ -175,11 +257,12 @@ std::string VQStringEncoding::encode(const Data& bytes) const {
     bitsLeft -= shift_;
     out[written++] = static_cast<char>(charMapData_[(buffer >> bitsLeft) & mask_]);
   } while (next < n || bitsLeft > 0);
+  return written;
+}
 
-  if (doPad_) {
-    while (written < outLen) out[written++] = paddingChar_;
-  }
-  out.resize(written);
+std::string VQStringEncoding::encode(const Data& bytes, Path path) const {
+  std::string out(encodedLength(bytes.size()), '\0');
+  out.resize(encodeInto(bytes.data(), bytes.size(), out.data(), path));
   return out;
 }
 
@@ -187,17 +270,33 @@ std::string VQStringEncoding::encodeString(std::string_view string) const {
   return encode(Data(string.begin(), string.end()));
 }
 
-std::optional<Data> VQStringEncoding::decode(std::string_view text) const {
-  // The whole text must be ASCII, but decoding reads it as a C string.
-  if (!isAscii(text)) return std::nullopt;
-  const std::size_t n = text.find('\0') == std::string_view::npos ? text.size() : text.find('\0');
+std::size_t VQStringEncoding::decodedCapacity(std::size_t textLength) const {
+  return textLength * static_cast<std::size_t>(shift_) / 8;
+}
 
-  Data out(n * static_cast<std::size_t>(shift_) / 8);
+std::optional<std::size_t> VQStringEncoding::decodeInto(std::string_view text, std::uint8_t* out,
+                                                        Path path) const {
+  std::size_t consumed = 0;
+  if (usesKernels(path, text.size())) {
+    consumed = kernels().decodeBlocks(text.data(), text.size(), out, kindFor(path));
+  }
+  return decodeBits(text, consumed, out, consumed / 8 * static_cast<std::size_t>(shift_));
+}
+
+std::optional<std::size_t> VQStringEncoding::decodeBits(std::string_view text, std::size_t from,
+                                                        std::uint8_t* out,
+                                                        std::size_t written) const {
+  // The whole text must be ASCII, but decoding reads it as a C string. What
+  // a kernel consumed was alphabet characters, so only the rest needs both
+  // checks.
+  const std::string_view rest = text.substr(from);
+  if (!isAscii(rest)) return std::nullopt;
+  const std::size_t n = from + std::min(rest.find('\0'), rest.size());
+
   std::uint32_t buffer = 0;
   std::int32_t bitsLeft = 0;
   bool expectPad = false;
-  std::size_t written = 0;
-  for (std::size_t i = 0; i < n; ++i) {
+  for (std::size_t i = from; i < n; ++i) {
     const std::int32_t value = reverseCharMap_[static_cast<unsigned char>(text[i])];
     switch (value) {
       case kIgnored:
@@ -218,7 +317,14 @@ std::optional<Data> VQStringEncoding::decode(std::string_view text) const {
     }
   }
   if (bitsLeft > 0 && (buffer & ((1u << bitsLeft) - 1)) != 0) return std::nullopt;
-  out.resize(written);
+  return written;
+}
+
+std::optional<Data> VQStringEncoding::decode(std::string_view text, Path path) const {
+  Data out(decodedCapacity(text.size()));
+  auto written = decodeInto(text, out.data(), path);
+  if (!written) return std::nullopt;
+  out.resize(*written);
   return out;
 }
 

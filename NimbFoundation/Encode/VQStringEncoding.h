@@ -6,8 +6,13 @@
 // needs hex, base-32 or a private alphabet builds one here. Seven ready-made
 // encoders come from the static functions; each call builds a fresh one.
 //
-// This is the plain bit-at-a-time implementation. It is kept deliberately
-// simple because faster paths are checked against it.
+// Two implementations give the same bytes and the same verdicts: the plain
+// bit-at-a-time loop, kept deliberately simple as the reference, and the
+// block kernels of BaseNKernels (table-driven, and AVX2 where the processor
+// has it), which handle whole blocks of input and leave everything else
+// (the tail, padding, synonyms, ignored or invalid characters) to the loop.
+// encode() and decode() pick the fastest for the input; tests and
+// benchmarks can pick one with Path.
 //
 // How it behaves, and why:
 //   - Creation fails (nullptr) for an alphabet with a non-ASCII byte, a size
@@ -46,8 +51,10 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -57,6 +64,8 @@
 
 namespace nimb {
 
+class BaseNKernels;
+
 class VQStringEncoding {
   struct Passkey {};
 
@@ -65,6 +74,16 @@ class VQStringEncoding {
   static constexpr std::int32_t kUnknown = -1;
   static constexpr std::int32_t kPadding = -2;
   static constexpr std::int32_t kIgnored = -3;
+
+  // Which implementation does the work. All give identical results.
+  enum class Path {
+    kAutomatic,  // the block kernels for inputs long enough to gain, else kExact
+    kExact,      // the plain bit loop, the reference
+    kScalar,     // table-driven block kernel, then the bit loop
+    kVector,     // AVX2 block kernel where it exists, else as kScalar
+  };
+  // Whether this processor can run the AVX2 kernels.
+  static bool vectorPathAvailable();
 
   // A new encoder for `alphabet`, or nullptr when it cannot make one.
   static std::shared_ptr<VQStringEncoding> stringEncodingWithString(std::string_view alphabet);
@@ -101,14 +120,26 @@ class VQStringEncoding {
   void setDoPad(bool doPad) { doPad_ = doPad; }
 
   // Never fails.
-  std::string encode(const Data& bytes) const;
+  std::string encode(const Data& bytes, Path path = Path::kAutomatic) const;
   // encode() of the string's bytes (its UTF-8 form).
   std::string encodeString(std::string_view string) const;
   // nullopt when the text is not valid for this encoder (see above).
-  std::optional<Data> decode(std::string_view text) const;
+  std::optional<Data> decode(std::string_view text, Path path = Path::kAutomatic) const;
   // The decoded bytes as a string; nullopt when decode() fails or the bytes
   // are not well-formed UTF-8, never a lossy repair.
   std::optional<std::string> stringByDecoding(std::string_view text) const;
+
+  // The same into caller-owned memory, for callers that reuse buffers.
+  // encodeInto() writes exactly encodedLength(count) characters and returns
+  // that count; decodeInto() writes at most decodedCapacity(text.size())
+  // bytes and returns how many, or nullopt where decode() fails (the
+  // buffer's contents are then unspecified).
+  std::size_t encodedLength(std::size_t count) const;
+  std::size_t encodeInto(const std::uint8_t* bytes, std::size_t count, char* out,
+                         Path path = Path::kAutomatic) const;
+  std::size_t decodedCapacity(std::size_t textLength) const;
+  std::optional<std::size_t> decodeInto(std::string_view text, std::uint8_t* out,
+                                        Path path = Path::kAutomatic) const;
 
   // "<Base64 StringEncoder: <41424344 ...>>": the alphabet size, then the
   // alphabet's bytes as the platform prints a byte buffer (lower-case hex,
@@ -125,6 +156,20 @@ class VQStringEncoding {
   static std::shared_ptr<VQStringEncoding> named(std::string_view alphabet,
                                                  std::string_view synonyms, bool pad);
 
+  // The bit loop over bytes[0, count), without padding; returns the
+  // characters written.
+  std::size_t encodeBits(const std::uint8_t* bytes, std::size_t count, char* out) const;
+  // The bit loop from text[from], where a block kernel stopped having
+  // written `written` bytes.
+  std::optional<std::size_t> decodeBits(std::string_view text, std::size_t from, std::uint8_t* out,
+                                        std::size_t written) const;
+  bool usesKernels(Path path, std::size_t length) const;
+  // The block kernels for this alphabet and reverse table, built on first
+  // use (and shared with other encoders that have the same tables).
+  const BaseNKernels& kernels() const;
+  // Set-up changed the reverse table: the kernels must be rebuilt.
+  void dropKernels();
+
   Data charMapData_;
   std::array<std::int32_t, 128> reverseCharMap_;
   std::int32_t shift_;
@@ -132,6 +177,10 @@ class VQStringEncoding {
   bool doPad_ = false;
   char paddingChar_ = '\0';
   std::int32_t padLen_;
+
+  mutable std::mutex kernelsMutex_;
+  mutable std::shared_ptr<const BaseNKernels> kernels_;
+  mutable std::atomic<const BaseNKernels*> kernelsReady_{nullptr};
 };
 
 }  // namespace nimb

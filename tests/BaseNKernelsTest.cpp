@@ -1,0 +1,108 @@
+#include <NimbFoundation/Encode/BaseNKernels.h>
+#include <NimbFoundation/Encode/VQStringEncoding.h>
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+using nimb::BaseNKernels;
+using nimb::Data;
+using nimb::VQStringEncoding;
+using Path = VQStringEncoding::Path;
+
+namespace {
+
+const std::string kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+const std::string kHex = "0123456789ABCDEF";
+
+std::array<std::int32_t, 128> reverseOf(const std::string& alphabet) {
+  std::array<std::int32_t, 128> reverse;
+  reverse.fill(VQStringEncoding::kUnknown);
+  for (std::size_t i = 0; i < alphabet.size(); ++i) {
+    reverse[static_cast<unsigned char>(alphabet[i])] = static_cast<std::int32_t>(i);
+  }
+  return reverse;
+}
+
+std::vector<BaseNKernels::Kind> kinds() {
+  std::vector<BaseNKernels::Kind> all{BaseNKernels::Kind::kScalar};
+  if (BaseNKernels::processorHasAvx2()) all.push_back(BaseNKernels::Kind::kVector);
+  return all;
+}
+
+}  // namespace
+
+TEST(BaseNKernels, VectorKernelsCoverTheRfcAlphabetsOnAvx2) {
+  if (!BaseNKernels::processorHasAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
+  const std::string websafe = kBase64.substr(0, 62) + "-_";
+  for (const auto& alphabet : {kBase64, websafe, kHex, std::string("0123456789abcdef")}) {
+    BaseNKernels k(alphabet, reverseOf(alphabet));
+    EXPECT_TRUE(k.hasVectorEncode()) << alphabet;
+    EXPECT_TRUE(k.hasVectorDecode()) << alphabet;
+  }
+  // A 64-character alphabet of another shape still decodes by rows, but has
+  // no vector encoder.
+  std::string shuffled = kBase64;
+  std::swap(shuffled[0], shuffled[63]);
+  BaseNKernels k(shuffled, reverseOf(shuffled));
+  EXPECT_FALSE(k.hasVectorEncode());
+  EXPECT_TRUE(k.hasVectorDecode());
+}
+
+// A kernel takes whole blocks of alphabet characters and stops at the start
+// of the first block holding anything else, whatever that is.
+TEST(BaseNKernels, DecodingStopsAtTheBlockOfTheFirstOtherCharacter) {
+  std::mt19937 rng(7);
+  auto reverse = reverseOf(kBase64);
+  reverse['='] = VQStringEncoding::kPadding;
+  reverse['\n'] = VQStringEncoding::kIgnored;
+  reverse['a'] = VQStringEncoding::kIgnored;  // an alphabet character set-up took away
+  reverse['-'] = 62;                          // a synonym of "+"
+  const BaseNKernels k(kBase64, reverse);
+  const char others[] = {'=', '\n', 'a', '-', '\0', '!', '\x80', '\xff'};
+  for (auto kind : kinds()) {
+    for (char other : others) {
+      for (std::size_t at : {0u, 5u, 31u, 32u, 63u, 64u, 100u, 127u}) {
+        std::string text(128, 'A');
+        for (auto& c : text) {
+          do c = kBase64[rng() % 64];
+          while (c == 'a');
+        }
+        text[at] = other;
+        std::vector<std::uint8_t> out(96);
+        EXPECT_EQ(k.decodeBlocks(text.data(), text.size(), out.data(), kind), at / 8 * 8)
+            << "character " << static_cast<int>(other) << " at " << at;
+      }
+    }
+  }
+}
+
+// Encoding the same bytes through each kernel and through the bit loop
+// gives the same text, for every alphabet size and lengths around the
+// kernels' block and vector widths.
+TEST(BaseNKernels, EncodingMatchesTheBitLoopForEverySize) {
+  std::string printable;
+  for (int c = 33; c < 127; ++c) printable += static_cast<char>(c);
+  std::mt19937 rng(11);
+  std::vector<std::string> alphabets{kBase64, kHex};
+  for (std::size_t size = 2; size <= 128; size *= 2) {
+    std::string alphabet;
+    for (std::size_t i = 0; i < size; ++i) {
+      alphabet += size == 128 ? static_cast<char>(i) : printable[i];
+    }
+    alphabets.push_back(alphabet);
+  }
+  for (const auto& alphabet : alphabets) {
+    auto encoder = VQStringEncoding::stringEncodingWithString(alphabet);
+    ASSERT_NE(encoder, nullptr) << alphabet.size();
+    for (std::size_t length : {1u, 7u, 8u, 27u, 28u, 31u, 32u, 33u, 95u, 96u, 97u, 1000u}) {
+      Data in(length);
+      for (auto& b : in) b = static_cast<std::uint8_t>(rng());
+      const std::string exact = encoder->encode(in, Path::kExact);
+      EXPECT_EQ(encoder->encode(in, Path::kScalar), exact) << alphabet.size() << "/" << length;
+      EXPECT_EQ(encoder->encode(in, Path::kVector), exact) << alphabet.size() << "/" << length;
+    }
+  }
+}
