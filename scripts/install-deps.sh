@@ -12,7 +12,7 @@ packages=(
   # libraries
   libplist-dev libpng-dev libturbojpeg0-dev libicu-dev libcli11-dev libcurl4-openssl-dev
   # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libssl-dev
 )
 
 missing=()
