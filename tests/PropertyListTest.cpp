@@ -150,6 +150,19 @@ TEST(PropertyListParse, MalformedInputGivesNulloptWithoutCrashing) {
   // An array holding itself; 2^40 nodes once expanded, each level referring to the next twice.
   EXPECT_FALSE(PropertyList::parse(binaryPlist({{0xA1, 0, 0}})));
   EXPECT_FALSE(PropertyList::parse(nestedBinary(41, 2)));
+  // One 60 KB string shared by 20,000 places: 1.2 GB once copied into each.
+  // Referenced a few times it is fine.
+  auto sharedString = [](std::uint16_t places) {
+    Data array{0xAF, 0x11, std::uint8_t(places >> 8), std::uint8_t(places)};
+    for (int i = 0; i < places; ++i) array.insert(array.end(), {0, 1});
+    Data string{0x5F, 0x11, 0xEA, 0x60};
+    string.resize(string.size() + 60000, 'a');
+    return binaryPlist({array, string});
+  };
+  EXPECT_FALSE(PropertyList::parse(sharedString(20000)));
+  auto few = PropertyList::parse(sharedString(4));
+  ASSERT_TRUE(few && few->asArray());
+  EXPECT_EQ(few->asArray()->size(), 4u);
   // Every cut short of the end (of the root's closing tag, in XML).
   const Value sample = Dictionary{{"a", Array{1, "s", 2.5}}, {"b", true}};
   const Data binary = *PropertyList::serialize(sample, kBinary);

@@ -189,6 +189,18 @@ bool isSafeKey(const BinaryLayout& l, std::uint64_t object) {
 // cycles, nesting deeper than kMaxNesting and graphs that expand into far more
 // nodes than the file holds. libplist's reader recurses once per level and
 // copies shared objects, so both would otherwise be attacks on it.
+// What a string or data object adds to the parsed tree beyond its node, in
+// node-sized units of 16 bytes (UTF-16 text grows to up to 3 bytes a
+// character as UTF-8). A long string that many places share is copied into
+// each of them, so its length must count against the expansion limit.
+std::uint64_t payloadCost(const BinaryLayout& l, std::uint64_t offset) {
+  const unsigned kind = l.bytes[offset] >> 4;
+  if (kind != 0x4 && kind != 0x5 && kind != 0x6) return 0;
+  const auto size = objectSize(l, offset);
+  if (!size) return 0;
+  return size->count * (kind == 0x6 ? 3 : 1) / 16;
+}
+
 bool binaryGraphIsSafe(std::span<const std::uint8_t> bytes) {
   const auto layout = readLayout(bytes);
   if (!layout) return false;
@@ -235,7 +247,7 @@ bool binaryGraphIsSafe(std::span<const std::uint8_t> bytes) {
     }
     // All children are done: settle this object from them.
     std::uint32_t deepest = 0;
-    std::uint64_t count = 1;
+    std::uint64_t count = 1 + payloadCost(l, l.offsetOf(f.object));
     for (std::uint64_t k = 0; k < f.refs.count; ++k) {
       const std::uint64_t child =
           readBigEndian(l.bytes.data() + f.refs.at + k * l.refSize, l.refSize);
