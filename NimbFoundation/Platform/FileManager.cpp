@@ -66,6 +66,31 @@ std::string FileManager::cachesDirectory() {
   return "/tmp/.cache";
 }
 
+namespace {
+
+// $`variable` when it holds an absolute path, else `underHome` inside the
+// user's home ($HOME, then the password database).
+std::string xdgDirectory(const char* variable, std::string_view underHome) {
+  if (const char* xdg = std::getenv(variable); xdg && xdg[0] == '/') return xdg;
+  if (const char* home = std::getenv("HOME"); home && home[0] != '\0') {
+    return FileManager::appendingPathComponent(home, underHome);
+  }
+  if (passwd* pw = ::getpwuid(::getuid()); pw && pw->pw_dir) {
+    return FileManager::appendingPathComponent(pw->pw_dir, underHome);
+  }
+  return FileManager::appendingPathComponent("/tmp", underHome);
+}
+
+}  // namespace
+
+std::string FileManager::dataDirectory() {
+  return xdgDirectory("XDG_DATA_HOME", ".local/share");
+}
+
+std::string FileManager::configDirectory() {
+  return xdgDirectory("XDG_CONFIG_HOME", ".config");
+}
+
 std::string FileManager::processName() {
   const char* name = program_invocation_short_name;
   return (name && name[0]) ? name : "process";

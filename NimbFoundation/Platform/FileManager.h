@@ -22,6 +22,12 @@ class FileManager {
   // The user's caches directory: $XDG_CACHE_HOME when set to an absolute
   // path, else $HOME/.cache, else the password database's home + "/.cache".
   static std::string cachesDirectory();
+  // The user's data directory: $XDG_DATA_HOME when set to an absolute path,
+  // else $HOME/.local/share, else the password database's home + "/.local/share".
+  static std::string dataDirectory();
+  // The user's configuration directory: $XDG_CONFIG_HOME when set to an
+  // absolute path, else $HOME/.config, else the password database's home + "/.config".
+  static std::string configDirectory();
   // The process name: the last component of argv[0].
   static std::string processName();
 

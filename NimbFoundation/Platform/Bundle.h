@@ -1,0 +1,55 @@
+// Bundle: the main bundle, that is the running application as a reporting
+// protocol sees it: its information dictionary and its identifier.
+//
+// On Linux an application has no bundle folder. Its information dictionary
+// is the property list "Info.plist" beside the executable, or a file the
+// host names with setInfoDictionaryPath(). The dictionary always answers
+// "CFBundleIdentifier" and "CFBundleExecutable": the identifier comes from
+// setBundleIdentifier() when the host set one (nimbkit's --app-id), else
+// from the file, else it is the process name. User defaults are kept per
+// identifier.
+//
+// Used by VQProtocolData (bundle fields), UserDefaults (its folder) and
+// Device (the vendor of the per-vendor identifier). Thread rule: any thread;
+// the setters swap a fresh snapshot under a lock, and a snapshot once handed
+// out never changes.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <NimbFoundation/Platform/Value.h>
+
+namespace nimb {
+
+class Bundle {
+ public:
+  // The running application's bundle, read once and kept until a setter
+  // changes it.
+  static std::shared_ptr<const Bundle> mainBundle();
+  // Where to read the information dictionary; "" restores the default
+  // (Info.plist beside the executable).
+  static void setInfoDictionaryPath(std::string path);
+  // Makes the process act as the application `identifier`; "" clears it.
+  static void setBundleIdentifier(std::string identifier);
+
+  const Dictionary& infoDictionary() const { return info_; }
+  // The value under `key`, or nullptr.
+  const Value* objectForInfoDictionaryKey(std::string_view key) const;
+  // "CFBundleIdentifier", never empty.
+  const std::string& bundleIdentifier() const { return identifier_; }
+  // The folder of the executable.
+  const std::string& bundlePath() const { return path_; }
+
+  Bundle(std::string path, Dictionary info, std::string identifier)
+      : path_(std::move(path)), info_(std::move(info)), identifier_(std::move(identifier)) {}
+
+ private:
+  std::string path_;
+  Dictionary info_;
+  std::string identifier_;
+};
+
+}  // namespace nimb

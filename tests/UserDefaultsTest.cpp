@@ -1,0 +1,116 @@
+#include <NimbFoundation/Platform/FileManager.h>
+#include <NimbFoundation/Platform/PropertyList.h>
+#include <NimbFoundation/Platform/UserDefaults.h>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "TestSupport.h"
+
+using nimb::Array;
+using nimb::Data;
+using nimb::Date;
+using nimb::Dictionary;
+using nimb::FileManager;
+using nimb::UserDefaults;
+using nimb::Value;
+
+namespace {
+class UserDefaultsTest : public ::testing::Test {
+ protected:
+  std::string dir = nimb::test::makeTemporaryDirectory("nimb-defaults");
+  std::string path = dir + "/app/UserDefaults.plist";  // "app" is made on first write
+  void TearDown() override { std::filesystem::remove_all(dir); }
+};
+}  // namespace
+
+TEST_F(UserDefaultsTest, ValuesPersistAcrossInstancesAndProcesses) {
+  const Value nested(Dictionary{
+      {"when", Date::fromTimeIntervalSince1970(1700000000)},
+      {"blob", Data{0, 1, 2, 255}},
+      {"numbers", Array{Value(42), Value(-7.5), Value(true)}},
+      {"inner", Dictionary{{"name", "Zoë"}}},
+  });
+  UserDefaults first(path);
+  ASSERT_TRUE(first.setObject(nested, "settings"));
+  ASSERT_TRUE(first.setObject("gone soon", "temporary"));
+  first.removeObjectForKey("temporary");
+  EXPECT_EQ(first.objectForKey("settings"), nested);
+
+  UserDefaults second(path);
+  EXPECT_EQ(second.objectForKey("settings"), nested);
+  EXPECT_FALSE(second.objectForKey("temporary"));
+
+  std::fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    UserDefaults child(path);
+    bool ok = child.objectForKey("settings") == nested && child.setObject(7, "fromChild");
+    _exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_FALSE(first.objectForKey("fromChild"));  // until it reads the file again
+  EXPECT_TRUE(first.synchronize());
+  EXPECT_EQ(first.objectForKey("fromChild"), Value(7));
+}
+
+TEST_F(UserDefaultsTest, RefusedChangesLeaveEverythingAsItWas) {
+  UserDefaults defaults(path);
+  ASSERT_TRUE(defaults.setObject("kept", "key"));
+  EXPECT_FALSE(defaults.setObject(Value(), "key"));
+  EXPECT_FALSE(defaults.setObject(Dictionary{{"deep", Array{Value(nimb::Null{})}}}, "key"));
+  EXPECT_FALSE(defaults.setObject(nimb::Uid{3}, "key"));
+  EXPECT_FALSE(defaults.setObject("x", std::string("bad\0key", 7)));
+  EXPECT_EQ(defaults.objectForKey("key"), Value("kept"));
+  EXPECT_EQ(UserDefaults(path).objectForKey("key"), Value("kept"));
+
+  // A file that cannot be written: nothing changes in memory either.
+  ASSERT_TRUE(FileManager::writeAtomically(dir + "/file", std::string_view("x")));
+  UserDefaults unwritable(dir + "/file/UserDefaults.plist");
+  EXPECT_FALSE(unwritable.setObject(1, "key"));
+  EXPECT_FALSE(unwritable.objectForKey("key"));
+}
+
+TEST_F(UserDefaultsTest, DamagedFileReadsEmptyUntilTheNextWrite) {
+  ASSERT_TRUE(FileManager::createDirectory(dir + "/app"));
+  ASSERT_TRUE(FileManager::writeAtomically(path, std::string_view("<?xml version=\"1.0\"?><pl")));
+  UserDefaults defaults(path);
+  EXPECT_FALSE(defaults.objectForKey("anything"));
+  EXPECT_FALSE(defaults.synchronize());
+  ASSERT_TRUE(defaults.setObject("fixed", "state"));
+  auto onDisk = nimb::PropertyList::dictionaryWithContentsOfFile(path);
+  ASSERT_TRUE(onDisk);
+  EXPECT_EQ(*onDisk, (Dictionary{{"state", "fixed"}}));
+  EXPECT_TRUE(defaults.synchronize());
+}
+
+TEST_F(UserDefaultsTest, StandardStoreLivesUnderTheConfigHome) {
+  std::string appDir = std::string(std::getenv("XDG_CONFIG_HOME")) + "/NimbFoundationTests";
+  UserDefaults& standard = UserDefaults::standardUserDefaults();
+  EXPECT_EQ(&standard, &UserDefaults::standardUserDefaults());
+  EXPECT_EQ(standard.path(), appDir + "/UserDefaults.plist");
+  ASSERT_TRUE(standard.setObject("on", "feature"));
+
+  struct stat st {};
+  ASSERT_EQ(stat(appDir.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  ASSERT_EQ(stat(standard.path().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  auto text = FileManager::contentsAtPath(standard.path());
+  ASSERT_TRUE(text);
+  EXPECT_TRUE(std::string(text->begin(), text->end()).starts_with("<?xml"));
+
+  // A fresh shared instance reads the file again; the old reference still works.
+  ASSERT_TRUE(FileManager::writeAtomically(standard.path(), std::string_view("")));
+  UserDefaults::resetStandardUserDefaults();
+  EXPECT_FALSE(UserDefaults::standardUserDefaults().objectForKey("feature"));
+  EXPECT_EQ(standard.objectForKey("feature"), Value("on"));
+}
