@@ -1,0 +1,224 @@
+#include <NimbFoundation/Utils/VQProtocolData.h>
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <vector>
+
+#include <NimbFoundation/Platform/Bundle.h>
+#include <NimbFoundation/Platform/Clock.h>
+#include <NimbFoundation/Platform/DateFormatter.h>
+#include <NimbFoundation/Platform/Device.h>
+#include <NimbFoundation/Platform/Digest.h>
+#include <NimbFoundation/Platform/Locale.h>
+#include <NimbFoundation/Platform/NetworkInterfaces.h>
+#include <NimbFoundation/Platform/TimeZone.h>
+#include <NimbFoundation/Platform/UUID.h>
+#include <NimbFoundation/Utils/VQSharedUDID.h>
+
+namespace nimb {
+
+namespace {
+
+std::string nowFormatted(std::string_view pattern) {
+  return DateFormatter(pattern).stringFromDate(Clock::current()->now());
+}
+
+std::string bundleString(std::string_view key) {
+  const Value* v = Bundle::mainBundle()->objectForInfoDictionaryKey(key);
+  if (!v) return "";
+  if (const std::string* s = v->asString()) return *s;
+  if (const std::int64_t* i = v->asInteger()) return std::to_string(*i);
+  return "";
+}
+
+// Writes one of the hardware-address failures to standard output.
+void report(const char* line) {
+  std::fputs(line, stdout);
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+std::string VQProtocolData::dateString() {
+  return nowFormatted("yyyy-MM-dd");
+}
+
+std::string VQProtocolData::timeString() {
+  return nowFormatted("HH:mm:ss");
+}
+
+std::string VQProtocolData::timeMSString() {
+  return nowFormatted("HH:mm:ss.SSS");
+}
+
+std::string VQProtocolData::latString() {
+  return "";
+}
+
+std::string VQProtocolData::lngString() {
+  return "";
+}
+
+std::string VQProtocolData::cpuString() {
+  return "";
+}
+
+std::string VQProtocolData::deviceIDVendorString() {
+  auto id = Device::identifierForVendor();
+  return id ? id->UUIDString() : "";
+}
+
+std::optional<std::string> VQProtocolData::deviceMacString() {
+  const unsigned index = NetworkInterfaces::indexOf("en0");
+  if (index == 0) {
+    report("Error: if_nametoindex error\n");
+    return std::nullopt;
+  }
+  const auto answer = NetworkInterfaces::hardwareAddress(index);
+  switch (answer.status) {
+    case NetworkInterfaces::HardwareQuery::kQueryFailed:
+      report("Error: sysctl, take 1\n");
+      return std::nullopt;
+    case NetworkInterfaces::HardwareQuery::kNoMemory:
+      report("Could not allocate memory. error!\n");
+      return std::nullopt;
+    case NetworkInterfaces::HardwareQuery::kReadFailed:
+      report("Error: sysctl, take 2");
+      return std::nullopt;
+    case NetworkInterfaces::HardwareQuery::kOk:
+      break;
+  }
+  const auto& b = answer.bytes;
+  char out[18];
+  std::snprintf(out, sizeof out, "%02X:%02X:%02X:%02X:%02X:%02X", b[0], b[1], b[2], b[3], b[4],
+                b[5]);
+  return std::string(out);
+}
+
+std::string VQProtocolData::sharedUDIDString() {
+  try {
+    return VQSharedUDID::value();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "Exception occurred: %s, %s\n", e.what(), "(null)");
+  } catch (...) {
+    std::fprintf(stderr, "Exception occurred: %s, %s\n", "unknown exception", "(null)");
+  }
+  return "";
+}
+
+std::string VQProtocolData::UUIDString() {
+  return UUID::create().UUIDString();
+}
+
+std::string VQProtocolData::UUIDMD5String() {
+  return md5Value(UUIDString());
+}
+
+std::string VQProtocolData::deviceModelString() {
+  return Device::machine();
+}
+
+std::string VQProtocolData::resolutionString() {
+  int height = 0, width = 0;
+  if (auto screen = Device::mainScreen()) {
+    if (screen->modeSize) {
+      height = static_cast<int>(screen->modeSize->height);
+      width = static_cast<int>(screen->modeSize->width);
+    } else if (screen->scale) {
+      height = static_cast<int>(screen->bounds.height * *screen->scale);
+      width = static_cast<int>(screen->bounds.width * *screen->scale);
+    } else {
+      height = static_cast<int>(screen->bounds.height);
+      width = static_cast<int>(screen->bounds.width);
+    }
+  }
+  char out[32];
+  std::snprintf(out, sizeof out, "%d x %d", height, width);
+  return out;
+}
+
+std::string VQProtocolData::osString() {
+  return "iOS";
+}
+
+std::string VQProtocolData::osVersionString() {
+  return Device::systemVersion();
+}
+
+std::string VQProtocolData::orientationString() {
+  // Codes 1 and 2 are the two portraits; unknown (0) falls on the "1" side.
+  const auto code = static_cast<unsigned>(static_cast<int>(Device::orientation()));
+  return code - 1u < 2u ? "0" : "1";
+}
+
+bool VQProtocolData::isDeviceJailBreak() {
+  return Device::isIntegrityCompromised();
+}
+
+std::string VQProtocolData::deviceJailBreakString() {
+  return isDeviceJailBreak() ? "YES" : "NO";
+}
+
+bool VQProtocolData::isPad() {
+  auto idiom = Device::userInterfaceIdiom();
+  return idiom && *idiom == UserInterfaceIdiom::kPad;
+}
+
+std::string VQProtocolData::accessString() {
+  const std::string machine = deviceModelString();
+  if (Device::model() == "iPhone Simulator" || machine == "x86_64" || machine == "i386") {
+    return "WiFi";
+  }
+  std::vector<std::string> names;
+  if (auto interfaces = NetworkInterfaces::list()) {
+    for (const auto& a : *interfaces) {
+      if (a.family == AF_INET && (a.flags & 8u) == 0) names.push_back(a.name);
+    }
+  }
+  if (std::find(names.begin(), names.end(), "en0") != names.end()) return "WiFi";
+  return names.empty() ? "" : "CellNetwork";
+}
+
+std::string VQProtocolData::carrierString() {
+  return "";
+}
+
+std::string VQProtocolData::appPackageNameString() {
+  return bundleString("CFBundleIdentifier");
+}
+
+std::string VQProtocolData::appDisplayNameString() {
+  return bundleString("CFBundleDisplayName");
+}
+
+std::string VQProtocolData::appBundleVersionString() {
+  return bundleString("CFBundleVersion");
+}
+
+std::string VQProtocolData::appShortVersionString() {
+  return bundleString("CFBundleShortVersionString");
+}
+
+std::string VQProtocolData::countryString() {
+  return Locale::currentCountryCode();
+}
+
+std::string VQProtocolData::languageString() {
+  auto languages = Locale::preferredLanguages();
+  return languages.empty() ? "" : languages.front();
+}
+
+std::string VQProtocolData::timezoneString() {
+  const long seconds =
+      TimeZone::secondsFromGMT(TimeZone::systemTimeZoneName(), Clock::current()->now());
+  return std::to_string(seconds / 3600);
+}
+
+std::string VQProtocolData::md5Value(std::string_view text) {
+  return Digest::hex(Digest::md5(text.substr(0, text.find('\0'))), true);
+}
+
+}  // namespace nimb

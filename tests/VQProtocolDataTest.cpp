@@ -1,0 +1,189 @@
+#include <NimbFoundation/Utils/VQProtocolData.h>
+
+#include <NimbFoundation/Platform/Bundle.h>
+#include <NimbFoundation/Platform/Clock.h>
+#include <NimbFoundation/Platform/Device.h>
+#include <NimbFoundation/Platform/NetworkInterfaces.h>
+#include <NimbFoundation/Platform/PropertyList.h>
+#include <NimbFoundation/Platform/TimeZone.h>
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "TestSupport.h"
+
+using nimb::Device;
+using nimb::InterfaceAddress;
+using nimb::NetworkInterfaces;
+using nimb::VQProtocolData;
+
+namespace {
+
+constexpr int kIPv4 = 2, kIPv6 = 10, kLoopback = 8;
+
+void listInterfaces(std::vector<InterfaceAddress> list) {
+  NetworkInterfaces::Source source;
+  source.list = [list] { return std::optional(list); };
+  NetworkInterfaces::setSource(source);
+}
+
+}  // namespace
+
+TEST(VQProtocolData, DateAndTimeFollowTheClockAndTheDefaultZone) {
+  // 2026-03-04 05:06:07.089 UTC
+  nimb::Clock::setCurrent(
+      std::make_shared<nimb::ManualClock>(nimb::Date::fromTimeIntervalSince1970(1772600767.089)));
+  nimb::TimeZone::setDefaultTimeZoneName("GMT");
+  EXPECT_EQ(VQProtocolData::dateString(), "2026-03-04");
+  EXPECT_EQ(VQProtocolData::timeString(), "05:06:07");
+  EXPECT_EQ(VQProtocolData::timeMSString(), "05:06:07.089");
+  nimb::TimeZone::setDefaultTimeZoneName("Pacific/Marquesas");  // -09:30, the day before
+  EXPECT_EQ(VQProtocolData::dateString(), "2026-03-03");
+  EXPECT_EQ(VQProtocolData::timeMSString(), "19:36:07.089");
+  nimb::Clock::setCurrent(nullptr);
+}
+
+TEST(VQProtocolData, TimeZoneTruncatesTowardZero) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"Pacific/Marquesas", "-9"}, {"Asia/Kathmandu", "5"},   {"Asia/Kolkata", "5"}, {"GMT", "0"},
+      {"Etc/GMT+3", "-3"},         {"Pacific/Chatham", "13"},
+  };
+  // A southern-summer instant, so Chatham is at +13:45.
+  nimb::Clock::setCurrent(std::make_shared<nimb::ManualClock>(
+      nimb::Date::fromTimeIntervalSince1970(1767225600)));  // 2026-01-01
+  for (const auto& [zone, expected] : cases) {
+    nimb::TimeZone::setSystemTimeZoneName(zone);
+    EXPECT_EQ(VQProtocolData::timezoneString(), expected) << zone;
+  }
+  nimb::Clock::setCurrent(nullptr);
+}
+
+TEST(VQProtocolData, AccessTypeFromTheInterfaceList) {
+  Device::Overrides device;
+  device.machine = "aarch64";
+  Device::setOverrides(device);
+  listInterfaces({{"lo", kIPv4, kLoopback}, {"en0", kIPv6, 0}});
+  EXPECT_EQ(VQProtocolData::accessString(), "");
+  listInterfaces({{"lo", kIPv4, kLoopback}, {"en0", kIPv6, 0}, {"pdp_ip0", kIPv4, 0}});
+  EXPECT_EQ(VQProtocolData::accessString(), "CellNetwork");
+  listInterfaces({{"pdp_ip0", kIPv4, 0}, {"en0", kIPv4, 0}});
+  EXPECT_EQ(VQProtocolData::accessString(), "WiFi");
+  // A loopback-flagged en0 does not count.
+  listInterfaces({{"en0", kIPv4, kLoopback}});
+  EXPECT_EQ(VQProtocolData::accessString(), "");
+  // A list that cannot be read counts as empty.
+  NetworkInterfaces::Source failing;
+  failing.list = [] { return std::optional<std::vector<InterfaceAddress>>(); };
+  NetworkInterfaces::setSource(failing);
+  EXPECT_EQ(VQProtocolData::accessString(), "");
+  // Simulator-like machines answer WiFi without looking.
+  for (const char* machine : {"x86_64", "i386"}) {
+    device.machine = machine;
+    Device::setOverrides(device);
+    EXPECT_EQ(VQProtocolData::accessString(), "WiFi") << machine;
+  }
+  device.machine = "aarch64";
+  device.model = "iPhone Simulator";
+  Device::setOverrides(device);
+  EXPECT_EQ(VQProtocolData::accessString(), "WiFi");
+}
+
+TEST(VQProtocolData, ScreenOrientationAndIdiom) {
+  Device::Overrides device;
+  device.mainScreen = nimb::ScreenFacts{{320, 568}, 2.0, nimb::Size{640, 1136}};
+  Device::setOverrides(device);
+  EXPECT_EQ(VQProtocolData::resolutionString(), "1136 x 640");
+  device.mainScreen = nimb::ScreenFacts{{320.7, 568.9}, 2.0, std::nullopt};
+  Device::setOverrides(device);
+  EXPECT_EQ(VQProtocolData::resolutionString(), "1137 x 641");
+  device.mainScreen = nimb::ScreenFacts{{320.7, 568.9}, std::nullopt, std::nullopt};
+  Device::setOverrides(device);
+  EXPECT_EQ(VQProtocolData::resolutionString(), "568 x 320");
+  device.mainScreen = std::optional<nimb::ScreenFacts>();
+  Device::setOverrides(device);
+  EXPECT_EQ(VQProtocolData::resolutionString(), "0 x 0");
+
+  const char* expected[] = {"1", "0", "0", "1", "1", "1", "1"};
+  for (int code = 0; code <= 6; ++code) {
+    device.orientation = static_cast<nimb::DeviceOrientation>(code);
+    Device::setOverrides(device);
+    EXPECT_EQ(VQProtocolData::orientationString(), expected[code]) << code;
+  }
+  device.userInterfaceIdiom = nimb::UserInterfaceIdiom::kPad;
+  Device::setOverrides(device);
+  EXPECT_TRUE(VQProtocolData::isPad());
+  device.userInterfaceIdiom = std::optional<nimb::UserInterfaceIdiom>();
+  Device::setOverrides(device);
+  EXPECT_FALSE(VQProtocolData::isPad());
+  device.integrityCompromised = true;
+  Device::setOverrides(device);
+  EXPECT_EQ(VQProtocolData::deviceJailBreakString(), "YES");
+}
+
+TEST(VQProtocolData, HardwareAddressAndItsFourFailures) {
+  NetworkInterfaces::Source source;
+  unsigned index = 0;
+  NetworkInterfaces::HardwareAddress answer;
+  source.indexOf = [&index](std::string_view name) { return name == "en0" ? index : 0u; };
+  source.hardwareAddress = [&answer](unsigned) { return answer; };
+  NetworkInterfaces::setSource(source);
+  using Query = NetworkInterfaces::HardwareQuery;
+  const std::pair<Query, const char*> failures[] = {
+      {Query::kQueryFailed, "Error: sysctl, take 1\n"},
+      {Query::kNoMemory, "Could not allocate memory. error!\n"},
+      {Query::kReadFailed, "Error: sysctl, take 2"},
+  };
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(VQProtocolData::deviceMacString(), std::nullopt);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: if_nametoindex error\n");
+  index = 3;
+  for (const auto& [status, line] : failures) {
+    answer.status = status;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(VQProtocolData::deviceMacString(), std::nullopt);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
+  }
+  answer = {Query::kOk, {0x00, 0x1a, 0x2B, 0xc3, 0x04, 0xff}};
+  EXPECT_EQ(VQProtocolData::deviceMacString(), "00:1A:2B:C3:04:FF");
+}
+
+TEST(VQProtocolData, DigestsIdentifiersAndConstants) {
+  EXPECT_EQ(VQProtocolData::md5Value(""), "D41D8CD98F00B204E9800998ECF8427E");
+  EXPECT_EQ(VQProtocolData::md5Value("abc"), "900150983CD24FB0D6963F7D28E17F72");
+  EXPECT_EQ(VQProtocolData::md5Value(std::string("abc\0def", 7)), VQProtocolData::md5Value("abc"));
+  const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  EXPECT_TRUE(std::regex_match(VQProtocolData::UUIDString(), uuid));
+  const std::string md5a = VQProtocolData::UUIDMD5String();
+  EXPECT_TRUE(std::regex_match(md5a, std::regex("[0-9A-F]{32}")));
+  EXPECT_NE(md5a, VQProtocolData::UUIDMD5String());
+  for (const auto& placeholder : {VQProtocolData::latString(), VQProtocolData::lngString(),
+                                  VQProtocolData::cpuString(), VQProtocolData::carrierString()}) {
+    EXPECT_EQ(placeholder, "");
+  }
+  EXPECT_EQ(VQProtocolData::osString(), "iOS");
+}
+
+TEST(VQProtocolData, BundleFieldsAndTheVendorIdentifier) {
+  const std::string dir = nimb::test::makeTemporaryDirectory("bundle");
+  nimb::Dictionary info{{"CFBundleIdentifier", "com.example.chat"},
+                        {"CFBundleVersion", "4711"},
+                        {"CFBundleShortVersionString", "2.3"}};
+  ASSERT_TRUE(nimb::PropertyList::writeDictionaryToFile(info, dir + "/Info.plist"));
+  nimb::Bundle::setInfoDictionaryPath(dir + "/Info.plist");
+  EXPECT_EQ(VQProtocolData::appPackageNameString(), "com.example.chat");
+  EXPECT_EQ(VQProtocolData::appBundleVersionString(), "4711");
+  EXPECT_EQ(VQProtocolData::appShortVersionString(), "2.3");
+  EXPECT_EQ(VQProtocolData::appDisplayNameString(), "");
+  // One vendor, one identifier; another vendor, another.
+  const std::string chat = VQProtocolData::deviceIDVendorString();
+  nimb::Bundle::setBundleIdentifier("com.example.photos");
+  EXPECT_EQ(VQProtocolData::appPackageNameString(), "com.example.photos");
+  const std::string photos = VQProtocolData::deviceIDVendorString();
+  nimb::Bundle::setBundleIdentifier("org.other.chat");
+  const std::string other = VQProtocolData::deviceIDVendorString();
+  if (chat.empty()) GTEST_SKIP() << "this machine has no machine id";
+  EXPECT_EQ(chat.size(), 36u);
+  EXPECT_EQ(chat, photos);
+  EXPECT_NE(chat, other);
+}

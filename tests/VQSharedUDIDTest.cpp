@@ -1,0 +1,158 @@
+#include <NimbFoundation/Utils/VQSharedUDID.h>
+
+#include <NimbFoundation/Platform/Pasteboard.h>
+#include <NimbFoundation/Platform/UserDefaults.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <set>
+
+#include "TestSupport.h"
+
+using nimb::Dictionary;
+using nimb::Error;
+using nimb::Pasteboard;
+using nimb::UserDefaults;
+using nimb::VQSharedUDID;
+
+namespace {
+
+std::string slotName(int slot) {
+  return VQSharedUDID::kSlotPrefix + std::to_string(slot);
+}
+
+// Publishes `identifier` in a slot as another application would.
+void fillSlot(int slot, const std::string& identifier, const std::string& appUID = "other-app") {
+  auto pasteboard = Pasteboard::pasteboardWithName(slotName(slot), true);
+  ASSERT_NE(pasteboard, nullptr);
+  pasteboard->setPersistent(true);
+  VQSharedUDID::_setDict({{"SharedUDID", identifier}, {"SharedUDID_appUID", appUID}}, *pasteboard);
+}
+
+std::string recordSlot() {
+  auto record = UserDefaults::standardUserDefaults().objectForKey("SharedUDID");
+  const nimb::Value* slot = record ? record->find("SharedUDID_slot") : nullptr;
+  return slot && slot->asString() ? *slot->asString() : "";
+}
+
+struct AppRun {
+  std::string identifier;
+  std::string description;
+  std::string slot;
+};
+
+// One application run in its own process, through nimbkit.
+AppRun runAs(const std::string& appId) {
+  auto r = nimb::test::runNimbkit({"udid", "--app-id", appId, "--verbose"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  std::smatch m;
+  const std::regex lines("([0-9a-f]{40})\ncode: 0\ndescription: (.*)\nslot: (.*)\n");
+  EXPECT_TRUE(std::regex_match(r.out, m, lines)) << r.out;
+  return m.empty() ? AppRun{} : AppRun{m[1], m[2], m[3]};
+}
+
+}  // namespace
+
+TEST(VQSharedUDID, ApplicationsInSeparateProcessesAgreeAndClaimOneSlotEach) {
+  const AppRun first = runAs("com.example.one");
+  EXPECT_EQ(first.description, "SharedUDID succesfully retrieved");
+  const AppRun second = runAs("com.example.two");
+  const AppRun third = runAs("org.elsewhere.three");
+  EXPECT_EQ(second.identifier, first.identifier);
+  EXPECT_EQ(third.identifier, first.identifier);
+  EXPECT_EQ(first.slot, slotName(0));
+  EXPECT_EQ(second.slot, slotName(1));
+  EXPECT_EQ(third.slot, slotName(2));
+
+  // Started again, an application keeps its slot and takes no other.
+  const AppRun again = runAs("com.example.two");
+  EXPECT_EQ(again.identifier, first.identifier);
+  EXPECT_EQ(again.slot, slotName(1));
+  std::set<std::string> files;
+  for (const auto& e : std::filesystem::directory_iterator(Pasteboard::storeDirectory())) {
+    if (e.path().extension() == ".pasteboard") files.insert(e.path().filename().string());
+  }
+  EXPECT_EQ(files.size(), 3u);
+
+  // Once its slot is gone and is the lowest free one, it claims it again.
+  ASSERT_TRUE(Pasteboard::removePasteboardWithName(slotName(0)));
+  const AppRun back = runAs("com.example.one");
+  EXPECT_EQ(back.identifier, first.identifier);
+  EXPECT_EQ(back.slot, slotName(0));
+}
+
+TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
+  Error error;
+  const std::string id = VQSharedUDID::valueWithError(&error);
+  EXPECT_TRUE(std::regex_match(id, std::regex("[0-9a-f]{40}"))) << id;
+  EXPECT_EQ(error.domain, "org.SharedUDID");
+  EXPECT_EQ(error.code, 0);
+  EXPECT_EQ(*error.userInfo.at("description").asString(), "SharedUDID succesfully retrieved");
+  EXPECT_EQ(recordSlot(), slotName(0));
+  auto slot = Pasteboard::pasteboardWithName(slotName(0), false);
+  ASSERT_NE(slot, nullptr);
+  EXPECT_TRUE(slot->isPersistent());
+  EXPECT_EQ(*VQSharedUDID::_getDictFromPasteboard(*slot).at("SharedUDID").asString(), id);
+
+  // Later calls answer from the cache, whatever the slots say now.
+  fillSlot(1, std::string(40, 'b'));
+  fillSlot(2, std::string(40, 'b'));
+  EXPECT_EQ(VQSharedUDID::valueWithError(&error), id);
+  EXPECT_EQ(error.code, 0);
+  EXPECT_EQ(*error.userInfo.at("description").asString(), "SharedUDID in cache from first call");
+  EXPECT_NE(VQSharedUDID::_generateFreshSharedUDID(), VQSharedUDID::_generateFreshSharedUDID());
+}
+
+TEST(VQSharedUDID, TheStoredIdentifierWinsOverTheSlotsWithADiscrepancy) {
+  const std::string a(40, 'a'), b(40, 'b');
+  UserDefaults::standardUserDefaults().setObject(Dictionary{{"SharedUDID", a}}, "SharedUDID");
+  for (int slot : {0, 1, 2}) fillSlot(slot, b);
+  fillSlot(3, a);
+  Error error;
+  EXPECT_EQ(VQSharedUDID::valueWithError(&error), a);
+  EXPECT_EQ(error.code, 2);
+  EXPECT_EQ(*error.userInfo.at("description").asString(),
+            "Found a discrepancy between stored SharedUDID (reliable) and redundant copies; one "
+            "of the apps on the device is most likely corrupting the SharedUDID protocol");
+  // It claimed the free slot 4 and saved the record with it.
+  EXPECT_EQ(recordSlot(), slotName(4));
+}
+
+TEST(VQSharedUDID, ElectionCountsSlotsAndForeignPayloadsLeaveASlotFree) {
+  const std::string b(40, 'b'), c(40, 'c');
+  fillSlot(0, c);
+  fillSlot(1, b);
+  fillSlot(2, b);
+  // Slot 3 holds bytes that are no keyed archive; slot 4 holds no identifier.
+  auto junk = Pasteboard::pasteboardWithName(slotName(3), true);
+  junk->setPersistent(true);
+  junk->setData({'n', 'o', 'p', 'e'}, VQSharedUDID::kPasteboardType);
+  auto empty = Pasteboard::pasteboardWithName(slotName(4), true);
+  empty->setPersistent(true);
+  VQSharedUDID::_setDict({{"SharedUDID_appUID", "x"}}, *empty);
+  EXPECT_TRUE(VQSharedUDID::_getDictFromPasteboard(*junk).empty());
+
+  EXPECT_EQ(VQSharedUDID::value(), b);
+  EXPECT_EQ(recordSlot(), slotName(3));
+  auto claimed = Pasteboard::pasteboardWithName(slotName(3), false);
+  EXPECT_EQ(*VQSharedUDID::_getDictFromPasteboard(*claimed).at("SharedUDID").asString(), b);
+}
+
+TEST(VQSharedUDID, OptingOutAnswersZerosUntilOptingIn) {
+  const std::string id = VQSharedUDID::value();
+  VQSharedUDID::setOptOut(true);
+  Error error;
+  EXPECT_EQ(VQSharedUDID::valueWithError(&error), std::string(40, '0'));
+  EXPECT_EQ(error.code, 1);
+  const std::regex message(
+      "Application with unique id [0-9A-F-]{36} is opted-out from SharedUDID as of "
+      "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000");
+  EXPECT_TRUE(std::regex_match(*error.userInfo.at("description").asString(), message))
+      << *error.userInfo.at("description").asString();
+  VQSharedUDID::setOptOut(false);
+  EXPECT_EQ(VQSharedUDID::valueWithError(&error), id);
+  EXPECT_EQ(error.code, 0);
+  EXPECT_EQ(recordSlot(), slotName(0));  // no second slot on the way
+}
