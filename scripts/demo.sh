@@ -17,7 +17,10 @@ nimbkit=build/demo/tools/nimbkit/nimbkit
 
 demo_home=$(mktemp -d)
 trap 'rm -rf "$demo_home"' EXIT
+# The demo's cache, pasteboards and user defaults live in a scratch folder.
 export XDG_CACHE_HOME="$demo_home/cache"
+export XDG_DATA_HOME="$demo_home/data"
+export XDG_CONFIG_HOME="$demo_home/config"
 
 step() { printf '\n$ %s\n' "$*"; "$@"; }
 
@@ -69,3 +72,11 @@ echo MZXW6YTBOI | "$nimbkit" encode --encoding base32 --decode
 echo
 printf '\n$ echo "Zm9v!" | nimbkit encode --encoding base64 --decode\n'
 echo "Zm9v!" | "$nimbkit" encode --encoding base64 --decode || echo "exit status $?: not base-64"
+
+echo
+echo "== Device report and the shared identifier (VQProtocolData, VQSharedUDID) =="
+step "$nimbkit" device
+step "$nimbkit" udid --app-id com.example.chat --verbose
+step "$nimbkit" udid --app-id org.example.photos --verbose
+echo "(two applications, one identifier, two slots:)"
+ls "$XDG_DATA_HOME/NimbFoundation/Pasteboards"

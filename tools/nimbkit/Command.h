@@ -52,5 +52,7 @@ void addFetchCommands(CLI::App& app, Action& selected);
 // Registers `nimbkit encode --encoding NAME [--decode]` and its custom
 // alphabet form.
 void addEncodeCommand(CLI::App& app, Action& selected);
+// Registers `nimbkit device [--json]` and `nimbkit udid [--app-id ID] ...`.
+void addDeviceCommands(CLI::App& app, Action& selected);
 
 }  // namespace nimbkit

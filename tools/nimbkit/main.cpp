@@ -25,6 +25,7 @@ int main(int argc, char** argv) {
   nimbkit::addCacheCommand(app, selected);
   nimbkit::addFetchCommands(app, selected);
   nimbkit::addEncodeCommand(app, selected);
+  nimbkit::addDeviceCommands(app, selected);
 
   try {
     app.parse(argc, argv);
