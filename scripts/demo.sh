@@ -78,5 +78,5 @@ echo "== Device report and the shared identifier (VQProtocolData, VQSharedUDID) 
 step "$nimbkit" device
 step "$nimbkit" udid --app-id com.example.chat --verbose
 step "$nimbkit" udid --app-id org.example.photos --verbose
-echo "(two applications, one identifier, two slots:)"
+echo "(nimbkit itself, chat and photos: one identifier, one slot each:)"
 ls "$XDG_DATA_HOME/NimbFoundation/Pasteboards"
