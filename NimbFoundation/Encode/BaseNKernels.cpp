@@ -99,6 +99,17 @@ std::size_t decodeScalar(const char* text, std::size_t n, std::uint8_t* out,
   return b * 8;
 }
 
+// The scalar kernels by shift (index 0 unused).
+using ScalarEncoder = std::size_t (*)(const std::uint8_t*, std::size_t, char*, const char*);
+using ScalarDecoder = std::size_t (*)(const char*, std::size_t, std::uint8_t*,
+                                      const std::array<std::uint64_t, 256>*);
+constexpr ScalarEncoder kScalarEncoders[] = {nullptr,         encodeScalar<1>, encodeScalar<2>,
+                                             encodeScalar<3>, encodeScalar<4>, encodeScalar<5>,
+                                             encodeScalar<6>, encodeScalar<7>};
+constexpr ScalarDecoder kScalarDecoders[] = {nullptr,         decodeScalar<1>, decodeScalar<2>,
+                                             decodeScalar<3>, decodeScalar<4>, decodeScalar<5>,
+                                             decodeScalar<6>, decodeScalar<7>};
+
 // The value of each character the decoding kernels may take, else -1.
 std::array<int, 256> fastValues(std::string_view alphabet,
                                 const std::array<std::int32_t, 128>& reverseCharMap) {
@@ -229,23 +240,7 @@ std::size_t BaseNKernels::encodeBlocks(const std::uint8_t* in, std::size_t n, ch
   in += done;
   n -= done;
   out += done / static_cast<std::size_t>(shift_) * 8;
-  const char* table = encodeTable_.data();
-  switch (shift_) {
-    case 1:
-      return done + encodeScalar<1>(in, n, out, table);
-    case 2:
-      return done + encodeScalar<2>(in, n, out, table);
-    case 3:
-      return done + encodeScalar<3>(in, n, out, table);
-    case 4:
-      return done + encodeScalar<4>(in, n, out, table);
-    case 5:
-      return done + encodeScalar<5>(in, n, out, table);
-    case 6:
-      return done + encodeScalar<6>(in, n, out, table);
-    default:
-      return done + encodeScalar<7>(in, n, out, table);
-  }
+  return done + kScalarEncoders[shift_](in, n, out, encodeTable_.data());
 }
 
 std::size_t BaseNKernels::decodeBlocks(const char* in, std::size_t n, std::uint8_t* out,
@@ -261,23 +256,7 @@ std::size_t BaseNKernels::decodeBlocks(const char* in, std::size_t n, std::uint8
   in += done;
   n -= done;
   out += done / 8 * static_cast<std::size_t>(shift_);
-  const auto* table = decodeTable_.data();
-  switch (shift_) {
-    case 1:
-      return done + decodeScalar<1>(in, n, out, table);
-    case 2:
-      return done + decodeScalar<2>(in, n, out, table);
-    case 3:
-      return done + decodeScalar<3>(in, n, out, table);
-    case 4:
-      return done + decodeScalar<4>(in, n, out, table);
-    case 5:
-      return done + decodeScalar<5>(in, n, out, table);
-    case 6:
-      return done + decodeScalar<6>(in, n, out, table);
-    default:
-      return done + decodeScalar<7>(in, n, out, table);
-  }
+  return done + kScalarDecoders[shift_](in, n, out, decodeTable_.data());
 }
 
 }  // namespace nimb
