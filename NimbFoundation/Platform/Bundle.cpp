@@ -16,6 +16,7 @@ std::mutex gMutex;
 std::shared_ptr<const Bundle> gMain;
 std::string gInfoPath;
 std::string gIdentifier;
+std::string gResourcePath;
 
 std::string executableFolder() {
   char buffer[PATH_MAX];
@@ -41,7 +42,24 @@ std::shared_ptr<const Bundle> load() {
   if (identifier.empty()) identifier = FileManager::processName();
   info["CFBundleIdentifier"] = identifier;
   if (!info.contains("CFBundleExecutable")) info["CFBundleExecutable"] = FileManager::processName();
-  return std::make_shared<const Bundle>(std::move(folder), std::move(info), std::move(identifier));
+  return std::make_shared<const Bundle>(std::move(folder), std::move(info), std::move(identifier),
+                                        gResourcePath);
+}
+
+// The string value under CFBundleIdentifier, "" when there is none.
+std::string identifierIn(const Dictionary& info) {
+  auto found = info.find("CFBundleIdentifier");
+  if (found == info.end() || !found->second.asString()) return {};
+  return *found->second.asString();
+}
+
+// "Assets" for ".../Assets.bundle"; a leading dot starts no extension.
+std::string nameWithoutExtension(std::string_view path) {
+  const auto slash = path.rfind('/');
+  std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+  const auto dot = name.rfind('.');
+  if (dot != std::string_view::npos && dot > 0) name = name.substr(0, dot);
+  return std::string(name);
 }
 
 }  // namespace
@@ -62,6 +80,40 @@ void Bundle::setBundleIdentifier(std::string identifier) {
   std::lock_guard lock(gMutex);
   gIdentifier = std::move(identifier);
   gMain.reset();
+}
+
+void Bundle::setResourcePath(std::string path) {
+  std::lock_guard lock(gMutex);
+  gResourcePath = std::move(path);
+  gMain.reset();
+}
+
+std::shared_ptr<const Bundle> Bundle::bundleWithPath(std::string_view path) {
+  try {
+    std::string folder(path);
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    if (folder.empty() || folder.find('\0') != std::string::npos ||
+        !FileManager::isDirectory(folder)) {
+      return nullptr;
+    }
+    const std::string contents = FileManager::appendingPathComponent(folder, "Contents");
+    auto info = PropertyList::dictionaryWithContentsOfFile(
+        FileManager::appendingPathComponent(folder, "Info.plist"));
+    if (!info) {
+      info = PropertyList::dictionaryWithContentsOfFile(
+          FileManager::appendingPathComponent(contents, "Info.plist"));
+    }
+    if (!info) info.emplace();
+    std::string identifier = identifierIn(*info);
+    if (identifier.empty()) identifier = nameWithoutExtension(folder);
+    if (identifier.empty()) identifier = folder;
+    std::string resources = FileManager::appendingPathComponent(contents, "Resources");
+    if (!FileManager::isDirectory(resources)) resources = folder;
+    return std::make_shared<const Bundle>(std::move(folder), std::move(*info),
+                                          std::move(identifier), std::move(resources));
+  } catch (...) {
+    return nullptr;
+  }
 }
 
 const Value* Bundle::objectForInfoDictionaryKey(std::string_view key) const {

@@ -9,10 +9,15 @@
 // from the file, else it is the process name. User defaults are kept per
 // identifier.
 //
-// Used by VQProtocolData (bundle fields), UserDefaults (its folder) and
-// Device (the vendor of the per-vendor identifier). Thread rule: any thread;
-// the setters swap a fresh snapshot under a lock, and a snapshot once handed
-// out never changes.
+// Resources sit in the executable's folder, the flat layout of phone
+// applications, unless the host names another folder. bundleWithPath()
+// opens a bundle folder found among them ("Assets.bundle"), flat or in the
+// desktop layout with Contents/Info.plist and Contents/Resources.
+//
+// Used by VQProtocolData (bundle fields), UserDefaults (its folder),
+// Device (the vendor of the per-vendor identifier) and VQUtils (resources).
+// Thread rule: any thread; the setters swap a fresh snapshot under a lock,
+// and a snapshot once handed out never changes.
 #pragma once
 
 #include <memory>
@@ -34,6 +39,16 @@ class Bundle {
   static void setInfoDictionaryPath(std::string path);
   // Makes the process act as the application `identifier`; "" clears it.
   static void setBundleIdentifier(std::string identifier);
+  // Where the main bundle's resources are; "" restores the default (the
+  // bundle path).
+  static void setResourcePath(std::string path);
+
+  // The bundle in the folder `path`, or nullptr when there is no such
+  // folder. Its information dictionary is its Info.plist (or
+  // Contents/Info.plist), empty when it has none; its identifier is that
+  // dictionary's CFBundleIdentifier, else the folder name without its
+  // extension. A fresh snapshot on every call.
+  static std::shared_ptr<const Bundle> bundleWithPath(std::string_view path);
 
   const Dictionary& infoDictionary() const { return info_; }
   // The value under `key`, or nullptr.
@@ -42,12 +57,20 @@ class Bundle {
   const std::string& bundleIdentifier() const { return identifier_; }
   // The folder of the executable.
   const std::string& bundlePath() const { return path_; }
+  // The folder of the bundle's resources: Contents/Resources for a bundle in
+  // the desktop layout, else the bundle path.
+  const std::string& resourcePath() const { return resourcePath_; }
 
-  Bundle(std::string path, Dictionary info, std::string identifier)
-      : path_(std::move(path)), info_(std::move(info)), identifier_(std::move(identifier)) {}
+  // An empty `resourcePath` means the bundle path.
+  Bundle(std::string path, Dictionary info, std::string identifier, std::string resourcePath = {})
+      : path_(std::move(path)),
+        resourcePath_(resourcePath.empty() ? path_ : std::move(resourcePath)),
+        info_(std::move(info)),
+        identifier_(std::move(identifier)) {}
 
  private:
   std::string path_;
+  std::string resourcePath_;
   Dictionary info_;
   std::string identifier_;
 };
