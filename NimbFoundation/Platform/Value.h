@@ -82,6 +82,14 @@ class Value {
   // The value under `key` when this is a dictionary holding it, else nullptr.
   const Value* find(std::string_view key) const;
 
+  // The platform's description, the text "%@" gives: strings as they are,
+  // numbers in shortest form ("5", "7.9", booleans "1" and "0"), dates as
+  // "2001-01-01 00:00:00 +0000", data as "<61626364 65>", the null marker as
+  // "<null>", and arrays and dictionaries in the old property-list style,
+  // indented by four spaces per level, with strings quoted and non-ASCII
+  // characters written "\Uxxxx" inside them.
+  std::string description() const;
+
   friend bool operator==(const Value&, const Value&) = default;
 
  private:
