@@ -11,8 +11,11 @@ packages=(
   g++ clang cmake ninja-build pkg-config make git
   # libraries
   libplist-dev libpng-dev libturbojpeg0-dev libicu-dev libcli11-dev libcurl4-openssl-dev
+  libssl-dev
   # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libssl-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
+  # the AES tests compare with the openssl command
+  openssl
 )
 
 missing=()

@@ -35,9 +35,11 @@ struct ToolResult {
   std::string err;
 };
 
-// Runs the nimbkit binary with `args`, feeding `input` on standard input,
-// in this process's environment (so it shares the temporary HOME).
-inline ToolResult runNimbkit(const std::vector<std::string>& args, const std::string& input = "") {
+// Runs `command` (found on PATH unless it holds a "/"), feeding `input` on
+// standard input, in this process's environment (so it shares the
+// temporary HOME).
+inline ToolResult runProgram(const std::vector<std::string>& command,
+                             const std::string& input = "") {
   std::string dir = makeTemporaryDirectory("nimbkit-io");
   std::string inPath = dir + "/in", outPath = dir + "/out", errPath = dir + "/err";
   {
@@ -54,14 +56,13 @@ inline ToolResult runNimbkit(const std::vector<std::string>& args, const std::st
                                    0600);
   posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0600);
-  std::vector<std::string> argvStore{NIMBKIT_PATH};
-  argvStore.insert(argvStore.end(), args.begin(), args.end());
+  std::vector<std::string> argvStore = command;
   std::vector<char*> argv;
   for (auto& a : argvStore) argv.push_back(a.data());
   argv.push_back(nullptr);
   pid_t pid = 0;
   ToolResult result;
-  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+  if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
     int status = 0;
     ::waitpid(pid, &status, 0);
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -81,6 +82,13 @@ inline ToolResult runNimbkit(const std::vector<std::string>& args, const std::st
   std::error_code ec;
   std::filesystem::remove_all(dir, ec);
   return result;
+}
+
+// Runs the nimbkit binary with `args`.
+inline ToolResult runNimbkit(const std::vector<std::string>& args, const std::string& input = "") {
+  std::vector<std::string> command{NIMBKIT_PATH};
+  command.insert(command.end(), args.begin(), args.end());
+  return runProgram(command, input);
 }
 
 }  // namespace nimb::test
