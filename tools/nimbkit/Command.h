@@ -54,5 +54,8 @@ void addFetchCommands(CLI::App& app, Action& selected);
 void addEncodeCommand(CLI::App& app, Action& selected);
 // Registers `nimbkit device [--json]` and `nimbkit udid [--app-id ID] ...`.
 void addDeviceCommands(CLI::App& app, Action& selected);
+// Registers `nimbkit md5`, `aes`, `url-encode`, `url-decode`, `query-parse`
+// and `query-build`.
+void addUtilsCommands(CLI::App& app, Action& selected);
 
 }  // namespace nimbkit

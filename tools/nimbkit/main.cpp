@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
   nimbkit::addFetchCommands(app, selected);
   nimbkit::addEncodeCommand(app, selected);
   nimbkit::addDeviceCommands(app, selected);
+  nimbkit::addUtilsCommands(app, selected);
 
   try {
     app.parse(argc, argv);

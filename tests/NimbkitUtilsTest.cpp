@@ -1,0 +1,58 @@
+#include <NimbFoundation/Utils/VQUtils.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "TestSupport.h"
+
+using nimb::test::runNimbkit;
+using nimb::test::runProgram;
+
+TEST(NimbkitUtils, AesMatchesTheOpensslCommandForSecretsOfSixteenToThirtyTwoCharacters) {
+  for (const std::string secret :
+       {"0123456789abcdef", "correct horse battery", "twenty-four characters!!",
+        "exactly thirty-two characters ok"}) {
+    const std::string text = "user=42&token=é";
+    auto ours = runNimbkit({"aes", "--secret", secret, text});
+    ASSERT_EQ(ours.exitCode, 0) << ours.err;
+
+    std::string keyHex, vectorHex;
+    char two[3];
+    for (std::size_t i = 0; i < 32; ++i) {
+      std::snprintf(two, sizeof two, "%02x",
+                    i < secret.size() ? static_cast<unsigned char>(secret[i]) : 0u);
+      keyHex += two;
+      if (i < 16) vectorHex += two;
+    }
+    // openssl writes standard base 64 on one line; ours is web-safe.
+    auto theirs = runProgram(
+        {"openssl", "enc", "-aes-256-cbc", "-K", keyHex, "-iv", vectorHex, "-base64", "-A"}, text);
+    ASSERT_EQ(theirs.exitCode, 0) << "the openssl command is needed: " << theirs.err;
+    std::string expected = theirs.out;
+    for (char& c : expected) c = c == '+' ? '-' : c == '/' ? '_' : c;
+    if (!expected.empty() && expected.back() != '\n') expected += '\n';
+    EXPECT_EQ(ours.out, expected) << secret;
+  }
+  auto refused = runNimbkit({"aes", "--secret", "too short", "text"});
+  EXPECT_EQ(refused.exitCode, 2);
+  EXPECT_NE(refused.err.find("secret"), std::string::npos);
+}
+
+TEST(NimbkitUtils, EscapesDigestsAndQueryStrings) {
+  EXPECT_EQ(runNimbkit({"md5", ""}).out, "D41D8CD98F00B204E9800998ECF8427E\n");
+  EXPECT_EQ(runNimbkit({"url-encode", "a b/é"}).out, "a%20b%2F%C3%A9\n");
+  EXPECT_EQ(runNimbkit({"url-decode", "a%20b+%C3%A9"}).out, "a b+é\n");
+  auto bad = runNimbkit({"url-decode", "%C3%28"});
+  EXPECT_EQ(bad.exitCode, 1);
+  EXPECT_EQ(bad.out, "");
+  EXPECT_NE(bad.err.find("UTF-8"), std::string::npos);
+
+  auto parsed = runNimbkit({"query-parse", "z=1&a=%20x&c&d=1=2&z=3"});
+  EXPECT_EQ(parsed.exitCode, 0);
+  EXPECT_EQ(parsed.out, "a= x\nz=3\n");
+  EXPECT_EQ(runNimbkit({"query-parse", "a=%FF"}).exitCode, 1);
+
+  EXPECT_EQ(runNimbkit({"query-build", "k=a b&c", "b=2=3"}).out, "b=2%3D3&k=a%20b%26c\n");
+  EXPECT_EQ(runNimbkit({"query-build", "novalue"}).exitCode, 2);
+}
