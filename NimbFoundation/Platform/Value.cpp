@@ -47,7 +47,7 @@ std::string quoted(const std::string& s) {
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(s.data());
   const auto length = static_cast<std::int32_t>(s.size());
   std::int32_t i = 0;
-  char unit[8];
+  char unit[16];
   while (i < length) {
     UChar32 c;
     U8_NEXT(bytes, i, length, c);
