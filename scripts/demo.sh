@@ -80,3 +80,13 @@ step "$nimbkit" udid --app-id com.example.chat --verbose
 step "$nimbkit" udid --app-id org.example.photos --verbose
 echo "(nimbkit itself, chat and photos: one identifier, one slot each:)"
 ls "$XDG_DATA_HOME/NimbFoundation/Pasteboards"
+
+echo
+echo "== Utilities (VQUtils) =="
+step "$nimbkit" md5 "https://example.com/avatar.jpg"
+step "$nimbkit" aes --secret "0123456789abcdef0123456789abcdef" "uid=42&ts=1700000000"
+step "$nimbkit" url-encode "tag=café & more/ok"
+step "$nimbkit" url-decode "caf%C3%A9+%26%20more"
+step "$nimbkit" url-decode "%C3%28" || echo "exit status $?: not UTF-8"
+step "$nimbkit" query-parse "z=last&a=%20x&flag&d=1=2&z=3"
+step "$nimbkit" query-build "q=50% off" "lang=中文"

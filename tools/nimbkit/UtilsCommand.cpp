@@ -31,7 +31,7 @@ void addTextCommand(CLI::App& app, Action& selected, const char* name, const cha
 }  // namespace
 
 void addUtilsCommands(CLI::App& app, Action& selected) {
-  addTextCommand(app, selected, "md5", "print the MD5 of TEXT as 32 upper-case hex digits",
+  addTextCommand(app, selected, "md5", "Print the MD5 of TEXT as 32 upper-case hex digits",
                  [](const std::string& text) {
                    printLine(VQUtils::md5Value(text));
                    return kOk;
@@ -40,7 +40,7 @@ void addUtilsCommands(CLI::App& app, Action& selected) {
   auto secret = std::make_shared<std::string>();
   auto plain = std::make_shared<std::string>();
   auto* aes = app.add_subcommand(
-      "aes", "encrypt TEXT with AES-256-CBC under SECRET, print it in web-safe base 64");
+      "aes", "Encrypt TEXT with AES-256-CBC under SECRET, print it in web-safe base 64");
   aes->add_option("--secret", *secret, "16 to 32 bytes, the first 16 ASCII")->required();
   aes->add_option("TEXT", *plain, "the text to encrypt")->required();
   onSelected(aes, selected, [secret, plain] {
@@ -55,13 +55,13 @@ void addUtilsCommands(CLI::App& app, Action& selected) {
   });
 
   addTextCommand(app, selected, "url-encode",
-                 "percent-escape TEXT: all but letters, digits and -._~",
+                 "Percent-escape TEXT: all but letters, digits and -._~",
                  [](const std::string& text) {
                    printLine(VQUtils::urlEncode(text));
                    return kOk;
                  });
   addTextCommand(app, selected, "url-decode",
-                 "decode the percent escapes of TEXT (exit 1 when they are not UTF-8)",
+                 "Decode the percent escapes of TEXT (exit 1 when they are not UTF-8)",
                  [](const std::string& text) {
                    auto decoded = VQUtils::urlDecode(text);
                    if (!decoded) {
@@ -72,7 +72,7 @@ void addUtilsCommands(CLI::App& app, Action& selected) {
                    return kOk;
                  });
   addTextCommand(app, selected, "query-parse",
-                 "print the pairs of a query string as key=value lines, sorted by key",
+                 "Print the pairs of a query string as key=value lines, sorted by key",
                  [](const std::string& text) {
                    auto pairs = VQUtils::dictionaryWithQueryString(text);
                    if (!pairs) {
@@ -87,7 +87,7 @@ void addUtilsCommands(CLI::App& app, Action& selected) {
 
   auto pairs = std::make_shared<std::vector<std::string>>();
   auto* build = app.add_subcommand(
-      "query-build", "join KEY=VALUE pairs into a query string, values percent-escaped");
+      "query-build", "Join KEY=VALUE pairs into a query string, values percent-escaped");
   build->add_option("PAIR", *pairs, "KEY=VALUE; a later KEY replaces an earlier one")->required();
   onSelected(build, selected, [pairs] {
     nimb::Dictionary dictionary;
