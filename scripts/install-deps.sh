@@ -11,7 +11,7 @@ packages=(
   g++ clang cmake ninja-build pkg-config make git
   # libraries
   libplist-dev libpng-dev libturbojpeg0-dev libicu-dev libcli11-dev libcurl4-openssl-dev
-  libssl-dev
+  libssl-dev libcairo2-dev libgif-dev libwebp-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
   # the AES tests compare with the openssl command

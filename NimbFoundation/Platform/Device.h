@@ -30,6 +30,7 @@
 #include <optional>
 #include <string>
 
+#include <NimbFoundation/Platform/Geometry.h>
 #include <NimbFoundation/Platform/UUID.h>
 
 namespace nimb {
@@ -53,12 +54,6 @@ enum class UserInterfaceIdiom : int {
   kTV = 2,
   kCarPlay = 3,
   kMac = 5,
-};
-
-struct Size {
-  double width = 0;
-  double height = 0;
-  friend bool operator==(const Size&, const Size&) = default;
 };
 
 struct ScreenFacts {

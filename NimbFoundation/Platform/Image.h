@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include <NimbFoundation/Platform/Geometry.h>
 #include <NimbFoundation/Platform/Value.h>
 
 namespace nimb {
@@ -30,12 +31,6 @@ enum class ImageOrientation : int {
   DownMirrored = 5,
   LeftMirrored = 6,
   RightMirrored = 7,
-};
-
-struct Size {
-  double width = 0;
-  double height = 0;
-  friend bool operator==(const Size&, const Size&) = default;
 };
 
 // A block of RGBA pixels.
