@@ -1,0 +1,164 @@
+#include <NimbFoundation/Platform/NotificationCenter.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+using nimb::Notification;
+using nimb::NotificationCenter;
+
+namespace {
+// Identities for observers and senders.
+int observerA, observerB, senderOne, senderTwo;
+}  // namespace
+
+TEST(NotificationCenter, DeliversToMatchingNameAndSenderInRegistrationOrder) {
+  NotificationCenter center;
+  std::vector<std::string> got;
+  auto record = [&](std::string label) {
+    return [&got, label](const Notification&) { got.push_back(label); };
+  };
+  // Named and any-name registrations interleaved, to see the global order kept.
+  center.addObserver(&observerA, "", nullptr, record("any"));
+  center.addObserver(&observerA, "x", nullptr, record("x"));
+  center.addObserver(&observerA, "", &senderTwo, record("any from two"));
+  center.addObserver(&observerA, "x", &senderOne, record("x from one"));
+  center.addObserver(&observerA, "y", nullptr, record("y"));
+  center.addObserver(&observerA, "x", nullptr, record("x again"));
+  EXPECT_EQ(center.observerCount(), 6u);
+
+  center.postNotificationName("x", &senderOne);
+  EXPECT_EQ(got, (std::vector<std::string>{"any", "x", "x from one", "x again"}));
+  got.clear();
+  center.postNotificationName("x", &senderTwo);
+  EXPECT_EQ(got, (std::vector<std::string>{"any", "x", "any from two", "x again"}));
+  got.clear();
+  center.postNotificationName("z", nullptr);
+  EXPECT_EQ(got, (std::vector<std::string>{"any"}));
+}
+
+TEST(NotificationCenter, RemovesByObserverNameAndSender) {
+  NotificationCenter center;
+  int a = 0, b = 0;
+  center.addObserver(&observerA, "x", &senderOne, [&](const Notification&) { a += 1; });
+  center.addObserver(&observerA, "x", &senderTwo, [&](const Notification&) { a += 10; });
+  center.addObserver(&observerA, "y", nullptr, [&](const Notification&) { a += 100; });
+  center.addObserver(&observerB, "x", nullptr, [&](const Notification&) { b += 1; });
+  center.addObserver(&observerB, "y", nullptr, [&](const Notification&) { b += 1; });
+
+  center.removeObserver(&observerA, "x", &senderOne);
+  EXPECT_EQ(center.observerCount(), 4u);
+  center.postNotificationName("x", &senderOne);
+  center.postNotificationName("x", &senderTwo);
+  EXPECT_EQ(a, 10);
+  EXPECT_EQ(b, 2);
+
+  // Any name from one sender, then any sender for one name.
+  center.removeObserver(&observerA, "", &senderTwo);
+  center.postNotificationName("x", &senderTwo);
+  EXPECT_EQ(a, 10);
+  center.removeObserver(&observerA, "y", nullptr);
+  center.postNotificationName("y", nullptr);
+  EXPECT_EQ(a, 10);
+  EXPECT_EQ(b, 4);
+  EXPECT_EQ(center.observerCount(), 2u);
+
+  center.removeObserver(&observerB);
+  center.postNotificationName("x", nullptr);
+  center.postNotificationName("y", nullptr);
+  EXPECT_EQ(b, 4);
+  EXPECT_EQ(center.observerCount(), 0u);
+}
+
+TEST(NotificationCenter, RemovalsAndAdditionsDuringDelivery) {
+  NotificationCenter center;
+  std::vector<std::string> got;
+  int self;
+  center.addObserver(&self, "x", nullptr, [&](const Notification&) {
+    got.push_back("self");
+    center.removeObserver(&self);  // the running handler stays alive
+  });
+  center.addObserver(&observerA, "x", nullptr, [&](const Notification&) {
+    got.push_back("a");
+    center.removeObserver(&observerB);
+    center.addObserver(&observerA, "", nullptr, [&](const Notification&) { got.push_back("new"); });
+  });
+  center.addObserver(&observerB, "x", nullptr, [&](const Notification&) { got.push_back("b"); });
+
+  center.postNotificationName("x", nullptr);
+  EXPECT_EQ(got, (std::vector<std::string>{"self", "a"}));
+  got.clear();
+  center.postNotificationName("x", nullptr);
+  EXPECT_EQ(got, (std::vector<std::string>{"a", "new"}));
+}
+
+TEST(NotificationCenter, HandlerMayPostAndReadTypedDetails) {
+  NotificationCenter center;
+  std::vector<std::string> got;
+  center.addObserver(&observerA, "outer", nullptr, [&](const Notification& n) {
+    got.push_back("outer");
+    center.postNotificationName("inner", n.object, {{"count", 3}, {"url", std::string("u")}});
+    got.push_back("outer done");
+  });
+  center.addObserver(&observerA, "inner", &senderOne, [&](const Notification& n) {
+    ASSERT_NE(n.get<int>("count"), nullptr);
+    EXPECT_EQ(*n.get<int>("count"), 3);
+    EXPECT_EQ(n.get<long>("count"), nullptr);  // held as int, not long
+    EXPECT_EQ(n.get<int>("missing"), nullptr);
+    ASSERT_NE(n.get<std::string>("url"), nullptr);
+    got.push_back("inner " + *n.get<std::string>("url"));
+  });
+  center.postNotificationName("outer", &senderOne);
+  EXPECT_EQ(got, (std::vector<std::string>{"outer", "inner u", "outer done"}));
+}
+
+TEST(NotificationCenter, ThrowingHandlerDoesNotStopTheOthers) {
+  NotificationCenter center;
+  int reached = 0;
+  center.addObserver(&observerA, "x", nullptr,
+                     [](const Notification&) { throw std::runtime_error("boom"); });
+  center.addObserver(&observerA, "x", nullptr, [](const Notification&) { throw 7; });
+  center.addObserver(&observerA, "x", nullptr, [&](const Notification&) { ++reached; });
+  EXPECT_NO_THROW(center.postNotificationName("x", nullptr));
+  EXPECT_EQ(reached, 1);
+}
+
+TEST(NotificationCenter, ConcurrentAddRemoveAndPost) {
+  NotificationCenter center;
+  std::atomic<int> ticks{0};
+  center.addObserver(&observerA, "tick", nullptr, [&](const Notification&) { ++ticks; });
+
+  constexpr int kPosters = 3, kPostsEach = 2000, kChurners = 3, kRounds = 300;
+  std::atomic<int> wrongDeliveries{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kPosters; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < kPostsEach; ++i) center.postNotificationName("tick", nullptr);
+    });
+  }
+  for (int t = 0; t < kChurners; ++t) {
+    threads.emplace_back([&, t] {
+      int me;
+      for (int i = 0; i < kRounds; ++i) {
+        // Only this thread posts this name, so its counts are exact.
+        std::string name = "churn-" + std::to_string(t) + "-" + std::to_string(i);
+        std::atomic<int> calls{0};
+        center.addObserver(&me, name, nullptr, [&](const Notification&) { ++calls; });
+        center.addObserver(&me, "", nullptr, [](const Notification&) {});
+        center.postNotificationName(name, nullptr);
+        center.removeObserver(&me, name, nullptr);
+        center.postNotificationName(name, nullptr);
+        if (calls != 1) ++wrongDeliveries;
+        center.removeObserver(&me);
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(ticks.load(), kPosters * kPostsEach);
+  EXPECT_EQ(wrongDeliveries.load(), 0);
+  EXPECT_EQ(center.observerCount(), 1u);
+}

@@ -1,0 +1,152 @@
+#include <NimbFoundation/Platform/View.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <regex>
+#include <string>
+
+using nimb::Image;
+using nimb::ImageView;
+using nimb::Rect;
+using nimb::Size;
+using nimb::View;
+
+namespace {
+
+std::shared_ptr<const Image> imageOfPixels(int width, int height, double scale) {
+  nimb::Bitmap bitmap{width, height, std::vector<std::uint8_t>(width * height * 4, 0xff)};
+  return Image::withBitmap(std::move(bitmap), scale);
+}
+
+// The description with the address replaced by "ADDR".
+std::string withoutAddress(const std::string& description) {
+  return std::regex_replace(description, std::regex(": 0x[0-9a-f]+;"), ": ADDR;");
+}
+
+}  // namespace
+
+TEST(View, SubviewsMoveBetweenSuperviewsInOrder) {
+  auto first = std::make_shared<View>();
+  auto second = std::make_shared<View>();
+  auto a = std::make_shared<View>(), b = std::make_shared<View>(), c = std::make_shared<View>();
+  first->addSubview(a);
+  first->addSubview(b);
+  first->insertSubview(c, 1);
+  EXPECT_EQ(first->subviews(), (std::vector<std::shared_ptr<View>>{a, c, b}));
+  EXPECT_EQ(c->superview(), first);
+
+  first->addSubview(a);  // already there: to the front
+  EXPECT_EQ(first->subviews(), (std::vector<std::shared_ptr<View>>{c, b, a}));
+  first->insertSubview(a, 99);  // past the end: the front
+  EXPECT_EQ(first->subviews().back(), a);
+
+  // Passing an element of the old superview's own list.
+  second->addSubview(first->subviews()[0]);
+  EXPECT_EQ(first->subviews(), (std::vector<std::shared_ptr<View>>{b, a}));
+  EXPECT_EQ(second->subviews(), (std::vector<std::shared_ptr<View>>{c}));
+  EXPECT_EQ(c->superview(), second);
+
+  b->removeFromSuperview();
+  EXPECT_EQ(b->superview(), nullptr);
+  EXPECT_EQ(first->subviews(), (std::vector<std::shared_ptr<View>>{a}));
+  b->removeFromSuperview();  // no superview: nothing to do
+}
+
+TEST(View, CyclesAndUnownedParentsAreRefused) {
+  auto root = std::make_shared<View>();
+  auto child = std::make_shared<View>();
+  auto grandchild = std::make_shared<View>();
+  root->addSubview(child);
+  child->addSubview(grandchild);
+
+  root->addSubview(root);
+  grandchild->addSubview(root);
+  grandchild->insertSubview(child, 0);
+  child->addSubview(nullptr);
+  EXPECT_TRUE(root->subviews().size() == 1 && grandchild->subviews().empty());
+  EXPECT_EQ(child->subviews().size(), 1u);
+  EXPECT_EQ(root->superview(), nullptr);
+  EXPECT_EQ(child->superview(), root);
+
+  // A parent not held by a shared_ptr cannot be referred back to.
+  View onStack;
+  onStack.addSubview(child);
+  EXPECT_TRUE(onStack.subviews().empty());
+  EXPECT_EQ(child->superview(), root);
+}
+
+TEST(View, SuperviewIsNotOwned) {
+  auto child = std::make_shared<View>();
+  std::weak_ptr<View> watch;
+  {
+    auto parent = std::make_shared<View>();
+    watch = parent;
+    parent->addSubview(child);
+    EXPECT_EQ(child->superview(), parent);
+  }
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(child->superview(), nullptr);
+
+  // A subview only its superview owns survives removeFromSuperview() until it returns.
+  auto parent = std::make_shared<View>();
+  parent->addSubview(std::make_shared<View>());
+  std::weak_ptr<View> only = parent->subviews()[0];
+  parent->subviews()[0]->removeFromSuperview();
+  EXPECT_TRUE(only.expired());
+  EXPECT_TRUE(parent->subviews().empty());
+}
+
+TEST(View, PropertiesAndDescription) {
+  auto view = std::make_shared<View>(Rect(10, 20, 100, 50));
+  EXPECT_EQ(view->bounds(), Rect(0, 0, 100, 50));
+  EXPECT_EQ(withoutAddress(view->description()), "<View: ADDR; frame = (10 20; 100 50)>");
+  EXPECT_FALSE(view->isHidden());
+  EXPECT_TRUE(view->isOpaque());
+  EXPECT_EQ(view->alpha(), 1.0);
+
+  view->setAlpha(1.5);
+  EXPECT_EQ(view->alpha(), 1.0);
+  view->setAlpha(-0.5);
+  EXPECT_EQ(view->alpha(), 0.0);
+  view->setAlpha(0.5);
+  view->setAlpha(std::nan(""));
+  EXPECT_EQ(view->alpha(), 0.5);
+
+  view->setHidden(true);
+  view->setOpaque(false);
+  view->setFrame(Rect(0.25, -3, 1e3, 1.0 / 3));
+  EXPECT_EQ(withoutAddress(view->description()),
+            "<View: ADDR; frame = (0.25 -3; 1000 0.3333333333333333); hidden = YES; "
+            "alpha = 0.5; opaque = NO>");
+  char address[32];
+  std::snprintf(address, sizeof address, "%p", static_cast<void*>(view.get()));
+  EXPECT_EQ(view->description().find(std::string("<View: ") + address + ";"), 0u);
+}
+
+TEST(View, ImageViewTakesItsFrameFromTheImage) {
+  auto image = imageOfPixels(8, 6, 2);
+  ImageView fitted(image);
+  EXPECT_EQ(fitted.frame(), Rect(0, 0, 4, 3));
+  EXPECT_EQ(fitted.image(), image);
+  EXPECT_EQ(withoutAddress(fitted.description()),
+            "<ImageView: ADDR; frame = (0 0; 4 3); image = <Image 4x3 @2x>>");
+
+  ImageView framed(Rect(1, 2, 30, 40));
+  EXPECT_EQ(framed.image(), nullptr);
+  framed.setImage(image);
+  EXPECT_EQ(framed.frame(), Rect(1, 2, 30, 40));  // unchanged by the image
+  EXPECT_EQ(ImageView().frame(), Rect());
+}
+
+TEST(View, ImageViewAnimatingFlag) {
+  ImageView view(imageOfPixels(2, 2, 1));
+  auto image = view.image();
+  EXPECT_FALSE(view.isAnimating());
+  view.startAnimating();
+  EXPECT_TRUE(view.isAnimating());
+  EXPECT_EQ(view.image(), image);
+  view.stopAnimating();
+  EXPECT_FALSE(view.isAnimating());
+}
