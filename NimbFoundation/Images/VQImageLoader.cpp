@@ -1,0 +1,260 @@
+#include <NimbFoundation/Images/VQImageLoader.h>
+
+#include <cmath>
+
+#include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Utils/VQUtils.h>
+
+namespace nimb {
+
+namespace {
+
+std::string digestOf(const URL& url) {
+  return VQUtils::md5Value(url.absoluteString());
+}
+
+std::string nameFor(std::string_view prefix, const URL& url) {
+  return std::string(prefix) + VQImageLoader::keyForURL(url);
+}
+
+}  // namespace
+
+std::shared_ptr<VQImageLoader> VQImageLoader::sharedImageLoader() {
+  // Made once and never released, like the other shared instances.
+  static auto* shared = new std::shared_ptr<VQImageLoader>(create());
+  return *shared;
+}
+
+std::shared_ptr<VQImageLoader> VQImageLoader::create(NotificationCenter* center) {
+  auto loader = std::make_shared<VQImageLoader>(Passkey{}, center);
+  // The loader is every connection's delegate; connections hold it weakly,
+  // so a loader that went away is simply not called.
+  std::weak_ptr<VQImageLoader> weak = loader;
+  loader->delegate_->imageLoadConnectionDidReceivePercent = [weak](float percent,
+                                                                   VQImageLoadConnection& c) {
+    if (auto self = weak.lock()) self->didReceivePercent(percent, c);
+  };
+  loader->delegate_->imageLoadConnectionDidFinishLoading = [weak](VQImageLoadConnection& c) {
+    if (auto self = weak.lock()) self->didFinishLoading(c);
+  };
+  loader->delegate_->imageLoadConnection = [weak](VQImageLoadConnection& c, const Error& error) {
+    if (auto self = weak.lock()) self->didFail(c, error);
+  };
+  return loader;
+}
+
+VQImageLoader::VQImageLoader(Passkey, NotificationCenter* center)
+    : center_(center ? *center : NotificationCenter::defaultCenter()),
+      delegate_(std::make_shared<VQImageLoadConnectionDelegate>()),
+      snapshot_(std::make_shared<const ConnectionTable>()) {}
+
+VQImageLoader::~VQImageLoader() {
+  setCurrentConnections(nullptr);
+}
+
+std::string VQImageLoader::keyForURL(const URL& url) {
+  return "VQImageLoader-" + digestOf(url);
+}
+
+// --- The connection table ---
+
+std::shared_ptr<const VQImageLoader::ConnectionTable> VQImageLoader::currentConnections() const {
+  std::lock_guard lock(snapshotMutex_);
+  return snapshot_;
+}
+
+void VQImageLoader::setCurrentConnections(std::shared_ptr<const ConnectionTable> snapshot) {
+  std::lock_guard lock(snapshotMutex_);
+  snapshot_ = std::move(snapshot);
+}
+
+std::shared_ptr<VQImageLoadConnection> VQImageLoader::loadingConnectionForURL(
+    const URL& url) const {
+  auto snapshot = currentConnections();
+  if (!snapshot) return nullptr;
+  auto found = snapshot->find(url.absoluteString());
+  return found == snapshot->end() ? nullptr : found->second.connection;
+}
+
+bool VQImageLoader::isLoadingImageURL(const URL& url) const {
+  return loadingConnectionForURL(url) != nullptr;
+}
+
+void VQImageLoader::removeFromTable(const URL& url) {
+  // The original changes the table without its lock on the finish and
+  // failure paths; here every change is locked, since an unlocked write
+  // would be a data race in C++. From one thread the effect is the same.
+  std::lock_guard lock(connectionsLock_);
+  connections_.erase(url.absoluteString());
+  setCurrentConnections(std::make_shared<const ConnectionTable>(connections_));
+}
+
+// --- Loading ---
+
+std::shared_ptr<VQImageLoadConnection> VQImageLoader::loadImageForURL(const URL& url) {
+  if (auto running = loadingConnectionForURL(url)) return running;
+  auto connection = VQImageLoadConnection::create(url, delegate_);
+  auto runLoop = RunLoop::currentShared();
+  {
+    std::lock_guard lock(connectionsLock_);
+    connections_[url.absoluteString()] = Loading{connection, runLoop};
+    setCurrentConnections(std::make_shared<const ConnectionTable>(connections_));
+  }
+  // The table keeps the connection alive; the delayed start only needs it
+  // while it is still there.
+  std::weak_ptr<VQImageLoadConnection> weak = connection;
+  runLoop->performAfterDelay(kStartDelay, connection.get(), "start", [weak] {
+    if (auto c = weak.lock()) c->start();
+  });
+  return connection;
+}
+
+void VQImageLoader::loadImageForURL(const std::optional<URL>& url,
+                                    const std::shared_ptr<VQImageLoaderObserver>& observer) {
+  if (!url) return;
+  addObserver(observer, *url);
+  loadImageForURL(*url);
+}
+
+std::shared_ptr<const Image> VQImageLoader::imageForURL(
+    const std::optional<URL>& url, const std::shared_ptr<VQImageLoaderObserver>& observer,
+    bool autoLoad) {
+  if (!url) return nullptr;
+  if (auto image = VQCache::currentCache()->imageForKey(keyForURL(*url))) return image;
+  if (autoLoad) loadImageForURL(url, observer);
+  return nullptr;
+}
+
+std::optional<Data> VQImageLoader::dataForURL(
+    const std::optional<URL>& url, const std::shared_ptr<VQImageLoaderObserver>& observer,
+    bool isGif) {
+  if (!url) return std::nullopt;
+  setIsGif(isGif);
+  if (auto bytes = VQCache::currentCache()->dataForKey(keyForURL(*url))) return bytes;
+  loadImageForURL(url, observer);
+  return std::nullopt;
+}
+
+bool VQImageLoader::hasLoadedImageURL(const URL& url) const {
+  return VQCache::currentCache()->hasCacheForKey(keyForURL(url));
+}
+
+void VQImageLoader::cancelLoadForURL(const std::optional<URL>& url) {
+  if (!url) return;
+  auto snapshot = currentConnections();
+  if (!snapshot) return;
+  auto found = snapshot->find(url->absoluteString());
+  if (found == snapshot->end()) return;
+  const Loading loading = found->second;
+  // Withdrawn within the start delay, the request is never sent.
+  if (auto loop = loading.runLoop.lock()) loop->cancelPerforms(loading.connection.get(), "start");
+  loading.connection->cancel();
+  cleanUpConnection(*loading.connection);
+}
+
+void VQImageLoader::cleanUpConnection(VQImageLoadConnection& connection) {
+  if (connection.imageURL().absoluteString().empty()) return;
+  connection.setDelegate({});
+  removeFromTable(connection.imageURL());
+}
+
+// --- Observers ---
+
+void VQImageLoader::addObserver(const std::shared_ptr<VQImageLoaderObserver>& observer,
+                                const URL& url) {
+  if (!observer) return;
+  using Member = std::function<void(const Notification&)> VQImageLoaderObserver::*;
+  const std::pair<std::string_view, Member> operations[] = {
+      {kLoadedPercentPrefix, &VQImageLoaderObserver::imageLoaderDidLoadPercent},
+      {kLoadedPrefix, &VQImageLoaderObserver::imageLoaderDidLoad},
+      {kLoadFailedPrefix, &VQImageLoaderObserver::imageLoaderDidFailToLoad},
+  };
+  std::weak_ptr<VQImageLoaderObserver> weak = observer;
+  for (const auto& [prefix, member] : operations) {
+    if (!((*observer).*member)) continue;  // registered only for what it answers
+    center_.addObserver(observer.get(), nameFor(prefix, url), this,
+                        [weak, member](const Notification& notification) {
+                          auto alive = weak.lock();
+                          if (alive && (*alive).*member) ((*alive).*member)(notification);
+                        });
+  }
+}
+
+void VQImageLoader::removeObserver(const VQImageLoaderObserver* observer) {
+  if (observer) center_.removeObserver(observer, "", this);
+}
+
+void VQImageLoader::removeObserver(const VQImageLoaderObserver* observer, const URL& url) {
+  if (!observer) return;
+  for (auto prefix : {kLoadedPercentPrefix, kLoadedPrefix, kLoadFailedPrefix}) {
+    center_.removeObserver(observer, nameFor(prefix, url), this);
+  }
+}
+
+// --- Cache ---
+
+void VQImageLoader::clearCacheForURL(const URL& url) {
+  clearCacheForURL(url, std::nullopt);
+}
+
+void VQImageLoader::clearCacheForURL(const URL& url, std::optional<std::size_t> styleHash) {
+  std::string key = keyForURL(url);
+  if (styleHash) key += "-" + std::to_string(*styleHash);
+  VQCache::currentCache()->removeCacheForKey(key);
+}
+
+void VQImageLoader::setCache_seconds(double seconds) {
+  if (seconds > 0) cacheSeconds_.store(seconds);  // false for NaN too
+}
+
+// --- Connection callbacks ---
+
+void VQImageLoader::post(std::string_view prefix, const URL& url, UserInfo userInfo) {
+  userInfo["imageURL"] = url;
+  Notification notification{nameFor(prefix, url), this, std::move(userInfo)};
+  NotificationCenter* center = &center_;
+  // Observers always run on the main thread, and the loader waits for them.
+  RunLoop::performOnMainThread([center, &notification] { center->postNotification(notification); },
+                               true);
+}
+
+void VQImageLoader::didReceivePercent(float percent, VQImageLoadConnection& connection) {
+  post(kLoadedPercentPrefix, connection.imageURL(), UserInfo{{"percent", percent}});
+}
+
+void VQImageLoader::didFinishLoading(VQImageLoadConnection& connection) {
+  // Keep the connection (and its URL and bytes) alive to the end, even if a
+  // cleanup removes it from the table meanwhile.
+  auto keep = connection.shared_from_this();
+  const URL url = connection.imageURL();
+  const Data& bytes = connection.responseData();
+  UserInfo userInfo;
+  std::string_view prefix = kLoadedPrefix;
+  bool accepted = true;
+  if (isGif()) {
+    userInfo["imageGif"] = bytes;
+  } else if (auto image = Image::withData(bytes)) {
+    userInfo["image"] = std::shared_ptr<const Image>(std::move(image));
+  } else {
+    accepted = false;
+  }
+  if (accepted) {
+    VQCache::currentCache()->setData(bytes, keyForURL(url), cache_seconds());
+    removeFromTable(url);
+  } else {
+    userInfo["error"] = Error{url.host(), kNotAnImageCode, {}};
+    prefix = kLoadFailedPrefix;
+  }
+  post(prefix, url, std::move(userInfo));
+  cleanUpConnection(connection);
+}
+
+void VQImageLoader::didFail(VQImageLoadConnection& connection, const Error& error) {
+  auto keep = connection.shared_from_this();
+  const URL url = connection.imageURL();
+  removeFromTable(url);
+  post(kLoadFailedPrefix, url, UserInfo{{"error", error}});
+  cleanUpConnection(connection);
+}
+
+}  // namespace nimb

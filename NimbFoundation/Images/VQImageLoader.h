@@ -1,0 +1,168 @@
+// VQImageLoader: the process-wide service that turns an image URL into a
+// picture. It answers from the disk cache when it can; otherwise it starts
+// at most one VQImageLoadConnection per URL, keeps the downloaded bytes in
+// the cache for cache_seconds(), and tells every observer of that URL
+// through notifications whose names end in the URL's cache key.
+//
+// The road of one download:
+//   loadImageForURL() puts a connection in the table and schedules its
+//   start 0.01 s later on the caller's run loop (cancelLoadForURL() within
+//   that time means no request is ever sent). Progress is posted as
+//   "kVQImageLoaderNotificationLoadedPercent-" + key; the end as
+//   "kVQImageLoaderNotificationLoaded-" + key (userInfo "image", or
+//   "imageGif" with the raw bytes when isGif() is set) or
+//   "kVQImageLoaderNotificationLoadFailed-" + key ("error"). Every
+//   notification carries "imageURL" and is posted on the main thread, and
+//   the loader waits until it has been delivered.
+//
+// userInfo value types: "percent" float, "image" std::shared_ptr<const
+// Image>, "imageGif" Data, "error" Error, "imageURL" URL.
+//
+// Behaviour kept from the original on purpose:
+//   - isGif() is loader-wide: dataForURL() sets it for whatever download
+//     finishes next, for any URL. The bytes are never sniffed for it.
+//   - A body that is no picture is refused with code 406 and the URL's host
+//     as the error domain; nothing is cached.
+//   - An observer that asks twice while a URL loads is registered twice and
+//     hears everything twice. Observers are never removed by the loader.
+//   - imageForURL() does not look at expiry (the cache's imageForKey does
+//     not); dataForURL() and hasLoadedImageURL() do.
+//
+// Who calls it: VQImageView, and host code. Thread rule: meant for the main
+// thread; the connection table and its snapshot are locked, so other
+// threads may ask too, but two threads asking for one URL at the same
+// moment can each start a connection (the check and the insert are not one
+// step, as in the original). A connection's events, and so the posting,
+// run on the thread that called loadImageForURL(); that thread's run loop
+// must turn, and so must the main thread's.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <NimbFoundation/Images/VQImageLoadConnection.h>
+#include <NimbFoundation/Platform/Image.h>
+#include <NimbFoundation/Platform/NotificationCenter.h>
+#include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/URL.h>
+
+namespace nimb {
+
+// What an observer answers; each operation is optional (leave it empty),
+// and the loader registers only for the ones that are set.
+struct VQImageLoaderObserver {
+  std::function<void(const Notification&)> imageLoaderDidLoadPercent;
+  std::function<void(const Notification&)> imageLoaderDidLoad;
+  std::function<void(const Notification&)> imageLoaderDidFailToLoad;
+};
+
+class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
+  struct Passkey {};
+
+ public:
+  static constexpr std::string_view kLoadedPercentPrefix =
+      "kVQImageLoaderNotificationLoadedPercent-";
+  static constexpr std::string_view kLoadedPrefix = "kVQImageLoaderNotificationLoaded-";
+  static constexpr std::string_view kLoadFailedPrefix = "kVQImageLoaderNotificationLoadFailed-";
+  static constexpr double kDefaultCacheSeconds = 604800.0;  // seven days
+  static constexpr double kStartDelay = 0.01;               // seconds
+  static constexpr long kNotAnImageCode = 406;
+
+  // A running connection and the run loop its delayed start sits on.
+  struct Loading {
+    std::shared_ptr<VQImageLoadConnection> connection;
+    std::weak_ptr<RunLoop> runLoop;
+  };
+  using ConnectionTable = std::map<std::string, Loading>;  // by absolute URL string
+
+  // The one loader, made on first use and never released.
+  static std::shared_ptr<VQImageLoader> sharedImageLoader();
+  // A separate loader (empty table, isGif off, cache_seconds 604800) that
+  // posts on `center` (the default centre when null) and caches in the
+  // shared disk cache.
+  static std::shared_ptr<VQImageLoader> create(NotificationCenter* center = nullptr);
+
+  // "VQImageLoader-" + the upper-case MD5 of the URL's absolute string.
+  static std::string keyForURL(const URL& url);
+
+  // The connection fetching `url`: the running one, or a new one whose start
+  // is scheduled kStartDelay seconds from now on the caller's run loop.
+  std::shared_ptr<VQImageLoadConnection> loadImageForURL(const URL& url);
+  // Registers `observer` for the URL (when there is one), then loads it.
+  // Nothing happens for a missing URL.
+  void loadImageForURL(const std::optional<URL>& url,
+                       const std::shared_ptr<VQImageLoaderObserver>& observer);
+  // The cached picture (expired or not), else nullptr; on a miss with
+  // `autoLoad`, loadImageForURL(url, observer).
+  std::shared_ptr<const Image> imageForURL(const std::optional<URL>& url,
+                                           const std::shared_ptr<VQImageLoaderObserver>& observer,
+                                           bool autoLoad);
+  // Sets isGif() to `isGif`, then gives the fresh cached bytes, or starts a
+  // load (always) and gives nullopt.
+  std::optional<Data> dataForURL(const std::optional<URL>& url,
+                                 const std::shared_ptr<VQImageLoaderObserver>& observer,
+                                 bool isGif);
+
+  void addObserver(const std::shared_ptr<VQImageLoaderObserver>& observer, const URL& url);
+  // From every URL of this loader.
+  void removeObserver(const VQImageLoaderObserver* observer);
+  void removeObserver(const VQImageLoaderObserver* observer, const URL& url);
+
+  bool isLoadingImageURL(const URL& url) const;
+  std::shared_ptr<VQImageLoadConnection> loadingConnectionForURL(const URL& url) const;
+  // Whether the cache holds a fresh entry for the URL.
+  bool hasLoadedImageURL(const URL& url) const;
+
+  // Withdraws a pending start, cancels the connection and forgets it. No
+  // notification; observers stay registered. Nothing for an idle URL.
+  void cancelLoadForURL(const std::optional<URL>& url);
+
+  // Removes the URL's entry, or with a style the entry "VQImageLoader-" +
+  // digest + "-" + styleHash (never the plain one).
+  void clearCacheForURL(const URL& url);
+  void clearCacheForURL(const URL& url, std::optional<std::size_t> styleHash);
+
+  bool isGif() const { return isGif_.load(); }
+  void setIsGif(bool isGif) { isGif_.store(isGif); }
+  double cache_seconds() const { return cacheSeconds_.load(); }
+  // Ignores anything not greater than 0 (NaN included).
+  void setCache_seconds(double seconds);
+
+  // The snapshot of the connection table, replaced after every change.
+  std::shared_ptr<const ConnectionTable> currentConnections() const;
+  void setCurrentConnections(std::shared_ptr<const ConnectionTable> snapshot);
+
+  VQImageLoader(Passkey, NotificationCenter* center);
+  ~VQImageLoader();
+  VQImageLoader(const VQImageLoader&) = delete;
+  VQImageLoader& operator=(const VQImageLoader&) = delete;
+
+ private:
+  // The connection callbacks.
+  void didReceivePercent(float percent, VQImageLoadConnection& connection);
+  void didFinishLoading(VQImageLoadConnection& connection);
+  void didFail(VQImageLoadConnection& connection, const Error& error);
+  void cleanUpConnection(VQImageLoadConnection& connection);
+
+  // Changes the table and replaces the snapshot.
+  void removeFromTable(const URL& url);
+  void post(std::string_view prefix, const URL& url, UserInfo userInfo);
+
+  NotificationCenter& center_;
+  std::shared_ptr<VQImageLoadConnectionDelegate> delegate_;
+  std::mutex connectionsLock_;
+  ConnectionTable connections_;
+  mutable std::mutex snapshotMutex_;
+  std::shared_ptr<const ConnectionTable> snapshot_;
+  std::atomic<bool> isGif_{false};
+  std::atomic<double> cacheSeconds_{kDefaultCacheSeconds};
+};
+
+}  // namespace nimb

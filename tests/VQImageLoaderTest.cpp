@@ -1,0 +1,251 @@
+#include <NimbFoundation/Images/VQImageLoader.h>
+
+#include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Platform/RunLoop.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <thread>
+
+#include "HttpTestServer.h"
+
+using nimb::Data;
+using nimb::Error;
+using nimb::Image;
+using nimb::Notification;
+using nimb::NotificationCenter;
+using nimb::URL;
+using nimb::VQCache;
+using nimb::VQImageLoader;
+using nimb::VQImageLoaderObserver;
+using nimb::test::pumpFor;
+using nimb::test::pumpUntil;
+
+namespace {
+
+std::string pngOf(int width, int height) {
+  nimb::Bitmap bitmap{width, height, std::vector<std::uint8_t>(width * height * 4, 0x7F)};
+  auto png = Image::withBitmap(std::move(bitmap))->pngRepresentation();
+  return std::string(png->begin(), png->end());
+}
+
+// What one observer heard, in order.
+struct Heard {
+  std::vector<std::string> events;  // "percent", "loaded", "failed"
+  std::vector<Notification> notifications;
+  std::atomic<int> offMainThread{0};
+
+  std::shared_ptr<VQImageLoaderObserver> observer(bool percent = true, bool loaded = true,
+                                                  bool failed = true) {
+    auto o = std::make_shared<VQImageLoaderObserver>();
+    auto record = [this](const char* what) {
+      return [this, what](const Notification& n) {
+        if (!nimb::RunLoop::isMainThread()) ++offMainThread;
+        events.push_back(what);
+        notifications.push_back(n);
+      };
+    };
+    if (percent) o->imageLoaderDidLoadPercent = record("percent");
+    if (loaded) o->imageLoaderDidLoad = record("loaded");
+    if (failed) o->imageLoaderDidFailToLoad = record("failed");
+    return o;
+  }
+  bool ended() const {
+    for (auto& e : events) {
+      if (e != "percent") return true;
+    }
+    return false;
+  }
+  const std::string& last() const { return events.back(); }
+};
+
+class VQImageLoaderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    server.server().Get(
+        R"(/(.*))", [this](const httplib::Request& request, httplib::Response& response) {
+          ++requests;
+          const std::string path = request.matches[1];
+          if (path == "page.html") {
+            response.set_content("<html><body>Not found</body></html>", "text/html");
+          } else if (path == "slow.png") {
+            server.pause(std::chrono::milliseconds(200));
+            response.set_content(png, "image/png");
+          } else {
+            response.set_content(png, "image/png");
+          }
+        });
+    server.start();
+    loader = VQImageLoader::create(&center);
+  }
+
+  URL url(const std::string& path) { return *URL::withString(server.url("/" + path)); }
+
+  const std::string png = pngOf(30, 20);
+  nimb::test::HttpTestServer server;
+  std::atomic<int> requests{0};
+  NotificationCenter center;
+  std::shared_ptr<VQImageLoader> loader;
+};
+
+}  // namespace
+
+TEST(VQImageLoaderKeys, KeyIsTheUpperCaseDigestOfTheAbsoluteString) {
+  const auto a = *URL::withString("http://example.com/a.png");
+  EXPECT_EQ(VQImageLoader::keyForURL(a), "VQImageLoader-B876851593B9E119ED73F38561576BDA");
+  EXPECT_EQ(VQImageLoader::keyForURL(*URL::withString("http://example.com/a.png")),
+            VQImageLoader::keyForURL(a));
+  EXPECT_NE(VQImageLoader::keyForURL(*URL::withString("http://example.com/b.png")),
+            VQImageLoader::keyForURL(a));
+}
+
+TEST_F(VQImageLoaderTest, TwoObserversOfOneURLShareOneRequestAndTheCache) {
+  Heard first, second;
+  auto o1 = first.observer(), o2 = second.observer();
+  loader->loadImageForURL(url("a.png"), o1);
+  auto connection = loader->loadingConnectionForURL(url("a.png"));
+  loader->loadImageForURL(url("a.png"), o2);
+  EXPECT_EQ(loader->loadingConnectionForURL(url("a.png")), connection);
+  EXPECT_EQ(loader->loadImageForURL(url("a.png")), connection);
+  ASSERT_TRUE(pumpUntil([&] { return first.ended() && second.ended(); }, 10));
+  pumpFor(0.1);
+
+  EXPECT_EQ(requests.load(), 1);
+  for (Heard* heard : {&first, &second}) {
+    ASSERT_EQ(heard->last(), "loaded");
+    EXPECT_EQ(heard->events.front(), "percent");  // progress first, then exactly one end
+    EXPECT_EQ(std::count(heard->events.begin(), heard->events.end(), "loaded"), 1);
+    const Notification& loaded = heard->notifications.back();
+    EXPECT_EQ(loaded.name,
+              std::string(VQImageLoader::kLoadedPrefix) + VQImageLoader::keyForURL(url("a.png")));
+    EXPECT_EQ(loaded.object, loader.get());
+    auto* image = loaded.get<std::shared_ptr<const Image>>("image");
+    ASSERT_TRUE(image && *image);
+    EXPECT_EQ((*image)->size(), (nimb::Size{30, 20}));
+    EXPECT_EQ(*loaded.get<URL>("imageURL"), url("a.png"));
+    // The length is announced, so the last fraction before the end is 1.
+    const Notification& lastProgress = heard->notifications[heard->notifications.size() - 2];
+    ASSERT_TRUE(lastProgress.get<float>("percent"));
+    EXPECT_FLOAT_EQ(*lastProgress.get<float>("percent"), 1.0f);
+  }
+  EXPECT_FALSE(loader->isLoadingImageURL(url("a.png")));
+  // The raw bytes are cached for seven days.
+  auto cache = VQCache::currentCache();
+  const auto key = VQImageLoader::keyForURL(url("a.png"));
+  auto cached = cache->dataForKey(key);
+  ASSERT_TRUE(cached);
+  EXPECT_EQ(std::string(cached->begin(), cached->end()), png);
+  EXPECT_NEAR(cache->cacheDictionary().at(key).timeIntervalSince(nimb::Date::now()), 604800, 5);
+  EXPECT_TRUE(loader->hasLoadedImageURL(url("a.png")));
+  EXPECT_TRUE(loader->imageForURL(url("a.png"), nullptr, true));
+}
+
+TEST_F(VQImageLoaderTest, CancelWithinTheStartDelaySendsNothingAndPostsNothing) {
+  Heard heard;
+  auto observer = heard.observer();
+  loader->loadImageForURL(url("a.png"), observer);
+  EXPECT_TRUE(loader->isLoadingImageURL(url("a.png")));
+  loader->cancelLoadForURL(url("a.png"));
+  EXPECT_FALSE(loader->isLoadingImageURL(url("a.png")));
+  pumpFor(0.3);
+  EXPECT_EQ(requests.load(), 0);
+  EXPECT_TRUE(heard.events.empty());
+  // The observer stays registered: three names.
+  EXPECT_EQ(center.observerCount(), 3u);
+  loader->cancelLoadForURL(url("never-loaded.png"));  // nothing to do
+}
+
+TEST_F(VQImageLoaderTest, AnHtmlPageFailsWith406UnlessGifModeIsOn) {
+  Heard heard;
+  auto observer = heard.observer();
+  loader->loadImageForURL(url("page.html"), observer);
+  ASSERT_TRUE(pumpUntil([&] { return heard.ended(); }, 10));
+  ASSERT_EQ(heard.last(), "failed");
+  const Error* error = heard.notifications.back().get<Error>("error");
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain, "127.0.0.1");
+  EXPECT_EQ(error->code, 406);
+  EXPECT_FALSE(loader->hasLoadedImageURL(url("page.html")));
+
+  Heard gif;
+  auto gifObserver = gif.observer();
+  EXPECT_FALSE(loader->dataForURL(url("page.html"), gifObserver, true));
+  EXPECT_TRUE(loader->isGif());
+  ASSERT_TRUE(pumpUntil([&] { return gif.ended(); }, 10));
+  ASSERT_EQ(gif.last(), "loaded");
+  const Data* bytes = gif.notifications.back().get<Data>("imageGif");
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(std::string(bytes->begin(), bytes->end()), "<html><body>Not found</body></html>");
+  EXPECT_FALSE(gif.notifications.back().get<std::shared_ptr<const Image>>("image"));
+  VQCache::currentCache()->diskOperationQueue().waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(loader->dataForURL(url("page.html"), gifObserver, true), *bytes);
+}
+
+TEST_F(VQImageLoaderTest, ObserversHearOnlyWhatTheyAnswer) {
+  Heard onlyLoaded;
+  auto observer = onlyLoaded.observer(false, true, false);
+  loader->loadImageForURL(url("page.html"), observer);
+  EXPECT_EQ(center.observerCount(), 1u);
+  loader->loadImageForURL(url("a.png"), observer);
+  ASSERT_TRUE(pumpUntil([&] { return !onlyLoaded.events.empty(); }, 10));
+  pumpUntil([&] { return !loader->isLoadingImageURL(url("page.html")); }, 10);
+  pumpFor(0.1);
+  EXPECT_EQ(onlyLoaded.events, std::vector<std::string>{"loaded"});
+
+  // An observer answering nothing, or none at all: not registered, still loads.
+  loader->loadImageForURL(url("b.png"), std::make_shared<VQImageLoaderObserver>());
+  loader->loadImageForURL(url("c.png"), nullptr);
+  EXPECT_EQ(center.observerCount(), 2u);
+  ASSERT_TRUE(pumpUntil([&] { return loader->hasLoadedImageURL(url("c.png")); }, 10));
+
+  loader->removeObserver(observer.get(), url("a.png"));
+  EXPECT_EQ(center.observerCount(), 1u);
+  loader->removeObserver(observer.get());
+  EXPECT_EQ(center.observerCount(), 0u);
+}
+
+TEST_F(VQImageLoaderTest, NotificationsArriveOnTheMainThreadWhateverThreadLoads) {
+  Heard heard;
+  auto observer = heard.observer();
+  std::atomic<bool> done{false};
+  std::thread worker([&] {
+    loader->loadImageForURL(url("slow.png"), observer);
+    // The connection's events arrive on this thread's run loop.
+    pumpUntil([&] { return !loader->isLoadingImageURL(url("slow.png")); }, 10);
+    done = true;
+  });
+  pumpUntil([&] { return done.load(); }, 15);
+  worker.join();
+  ASSERT_TRUE(heard.ended());
+  EXPECT_EQ(heard.last(), "loaded");
+  EXPECT_EQ(heard.offMainThread.load(), 0);
+}
+
+TEST_F(VQImageLoaderTest, LifetimeAndClearing) {
+  loader->setCache_seconds(0);
+  loader->setCache_seconds(-5);
+  loader->setCache_seconds(std::nan(""));
+  EXPECT_EQ(loader->cache_seconds(), 604800.0);
+  loader->setCache_seconds(3600);
+  loader->loadImageForURL(url("a.png"), nullptr);
+  const auto key = VQImageLoader::keyForURL(url("a.png"));
+  auto cache = VQCache::currentCache();
+  ASSERT_TRUE(pumpUntil([&] { return loader->hasLoadedImageURL(url("a.png")); }, 10));
+  EXPECT_NEAR(cache->cacheDictionary().at(key).timeIntervalSince(nimb::Date::now()), 3600, 5);
+
+  // With a style only the styled entry goes.
+  cache->setString("styled", key + "-42");
+  cache->diskOperationQueue().waitUntilAllOperationsAreFinished();
+  loader->clearCacheForURL(url("a.png"), 42);
+  EXPECT_FALSE(cache->hasCacheForKey(key + "-42"));
+  EXPECT_TRUE(cache->hasCacheForKey(key));
+  loader->clearCacheForURL(url("a.png"));
+  EXPECT_FALSE(loader->hasLoadedImageURL(url("a.png")));
+
+  // No auto-load: nothing cached means nothing started.
+  EXPECT_FALSE(loader->imageForURL(url("d.png"), nullptr, false));
+  EXPECT_FALSE(loader->isLoadingImageURL(url("d.png")));
+  EXPECT_FALSE(loader->imageForURL(std::nullopt, nullptr, true));
+}
