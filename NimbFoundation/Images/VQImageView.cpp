@@ -1,0 +1,189 @@
+#include <NimbFoundation/Images/VQImageView.h>
+
+#include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Platform/Graphics.h>
+#include <NimbFoundation/Platform/SystemLog.h>
+#include <NimbFoundation/Utils/VQUtils.h>
+
+namespace nimb {
+
+std::shared_ptr<VQImageView> VQImageView::create(std::shared_ptr<const Image> image) {
+  auto view = std::make_shared<VQImageView>(Passkey{}, std::move(image));
+  // The observer reaches the view weakly: a view that went away hears
+  // nothing, and the loader never keeps a view alive.
+  std::weak_ptr<VQImageView> weak = view;
+  view->observer_->imageLoaderDidLoad = [weak](const Notification& n) {
+    if (auto v = weak.lock()) v->imageLoaderDidLoad(n);
+  };
+  view->observer_->imageLoaderDidFailToLoad = [weak](const Notification& n) {
+    if (auto v = weak.lock()) v->imageLoaderDidFailToLoad(n);
+  };
+  view->observer_->imageLoaderDidLoadPercent = [weak](const Notification& n) {
+    if (auto v = weak.lock()) v->imageLoaderDidLoadPercent(n);
+  };
+  return view;
+}
+
+std::shared_ptr<VQImageView> VQImageView::createWithPlaceholderImage(
+    std::shared_ptr<const Image> placeholder, std::weak_ptr<VQImageViewDelegate> delegate) {
+  auto view = create(placeholder);
+  view->setStatus(kNotLoaded);
+  view->setPlaceholderImage(std::move(placeholder));
+  view->setDelegate(std::move(delegate));
+  view->setIsAutoStart(true);
+  return view;
+}
+
+VQImageView::VQImageView(Passkey, std::shared_ptr<const Image> image)
+    : ImageView(std::move(image)), observer_(std::make_shared<VQImageLoaderObserver>()) {
+  setOpaque(true);
+}
+
+VQImageView::~VQImageView() {
+  delegate_.reset();
+  imageURL_.reset();
+  placeholderImage_.reset();
+  setPlaceholderImage(nullptr);
+  VQImageLoader::sharedImageLoader()->removeObserver(observer_.get());
+}
+
+std::string VQImageView::cutOffKeyForURL(const URL& url) {
+  return "NimbCutoffImageLoader-" + VQUtils::md5Value(url.absoluteString());
+}
+
+void VQImageView::setPlaceholderImage(std::shared_ptr<const Image> placeholder) {
+  placeholderImage_ = std::move(placeholder);
+  show(placeholderImage_);
+  setHidden(false);
+}
+
+void VQImageView::setImageURL(const std::optional<URL>& url,
+                              std::shared_ptr<const Image> placeholder) {
+  setPlaceholderImage(std::move(placeholder));
+  setImageURL(url);
+}
+
+void VQImageView::setImageURL(const std::optional<URL>& url) {
+  setOpaque(true);
+  if (!url) {
+    show(placeholderImage_);
+    imageURL_.reset();
+    return;
+  }
+  imageURL_ = url;
+  std::shared_ptr<const Image> image;
+  if (needCutOff_) {
+    image = VQCache::currentCache()->imageForKey(cutOffKeyForURL(*url));
+  } else {
+    // The loader registers the observer only if it starts a download.
+    image = VQImageLoader::sharedImageLoader()->imageForURL(url, observer_, isAutoStart_);
+  }
+  if (image) {
+    show(std::move(image));
+    tellLoaded();
+  } else {
+    show(placeholderImage_);
+  }
+}
+
+bool VQImageView::isCacheImage() const {
+  if (!imageURL_) return false;
+  if (needCutOff_) return VQCache::currentCache()->hasCacheForKey(cutOffKeyForURL(*imageURL_));
+  return VQImageLoader::sharedImageLoader()->hasLoadedImageURL(*imageURL_);
+}
+
+void VQImageView::startImageLoad() {
+  if (isAutoStart_ || !imageURL_) return;
+  VQImageLoader::sharedImageLoader()->loadImageForURL(imageURL_, observer_);
+}
+
+void VQImageView::cancelImageLoad() {
+  auto loader = VQImageLoader::sharedImageLoader();
+  loader->cancelLoadForURL(imageURL_);
+  loader->removeObserver(observer_.get());
+}
+
+void VQImageView::tellLoaded() {
+  auto delegate = delegate_.lock();
+  if (delegate && delegate->imageViewLoadedImage) delegate->imageViewLoadedImage(*this);
+}
+
+bool VQImageView::isCurrentURL(const Notification& notification) const {
+  const URL* url = notification.get<URL>("imageURL");
+  return url && imageURL_ && *url == *imageURL_;
+}
+
+void VQImageView::imageLoaderDidLoad(const Notification& notification) {
+  if (!isCurrentURL(notification)) {
+    isCacheImageFlag_ = false;
+    return;
+  }
+  setStatus(kLoaded);
+  const auto* found = notification.get<std::shared_ptr<const Image>>("image");
+  std::shared_ptr<const Image> image = found ? *found : nullptr;
+  if (needCutOff_) {
+    auto crop = cutOffImage(image);
+    show(crop);
+    VQCache::currentCache()->setImage(crop, cutOffKeyForURL(*imageURL_));
+  } else {
+    show(std::move(image));
+  }
+  tellLoaded();
+}
+
+void VQImageView::imageLoaderDidFailToLoad(const Notification& notification) {
+  setStatus(kFailed);  // first, whichever URL failed
+  if (!isCurrentURL(notification)) return;
+  auto delegate = delegate_.lock();
+  if (!delegate || !delegate->imageViewFailedToLoadImage) return;
+  const Error* error = notification.get<Error>("error");
+  delegate->imageViewFailedToLoadImage(*this, error ? *error : Error{});
+}
+
+void VQImageView::imageLoaderDidLoadPercent(const Notification& notification) {
+  if (!isCurrentURL(notification)) return;
+  auto delegate = delegate_.lock();
+  if (!delegate || !delegate->imageViewLoadedImageSizePercent) return;
+  const float* percent = notification.get<float>("percent");
+  delegate->imageViewLoadedImageSizePercent(percent ? *percent : 0.0f, *this);
+}
+
+std::shared_ptr<const Image> VQImageView::cutOffImage(
+    const std::shared_ptr<const Image>& image) const {
+  if (!needCutOff_ || !image) return image;
+  const Rect f = frame();
+  const double shorter = f.size.height > f.size.width ? f.size.width : f.size.height;
+  const float side = static_cast<float>(shorter) * 2.0f;
+
+  const Size size = image->size();
+  Rect source;
+  if (size.width > size.height) {
+    source =
+        Rect(static_cast<float>((size.width - size.height) * 0.5), 0, size.height, size.height);
+  } else {
+    source = Rect(0, static_cast<float>((size.height - size.width) * 0.5), size.width, size.width);
+  }
+  // Points applied to pixels as they are; the crop is wrapped at scale 2.
+  auto cut = Graphics::imageWithCroppedBitmap(*image, source, 2.0, image->orientation());
+  ImageContext context(Size{side, side}, false, 1.0);
+  if (cut) context.drawImage(*cut, Rect(0, 0, side, side));
+  return context.image();
+}
+
+void VQImageView::setCacheSecondes(double seconds) {
+  if (seconds <= 0.0) {
+    SystemLog::log("[%f] is error", seconds);
+    return;
+  }
+  VQImageLoader::sharedImageLoader()->setCache_seconds(seconds);
+}
+
+void VQImageView::clearCache() {
+  if (imageURL_) VQImageLoader::sharedImageLoader()->clearCacheForURL(*imageURL_);
+}
+
+void VQImageView::startAnimating() {
+  ImageView::startAnimating();
+}
+
+}  // namespace nimb
