@@ -2,9 +2,11 @@
 
 #include <NimbFoundation/Platform/Bundle.h>
 #include <NimbFoundation/Platform/Clock.h>
+#include <NimbFoundation/Platform/Device.h>
 #include <NimbFoundation/Platform/Scanner.h>
 #include <NimbFoundation/Platform/TextEncoding.h>
 #include <NimbFoundation/Platform/TimeZone.h>
+#include <NimbFoundation/Platform/View.h>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -384,4 +386,49 @@ TEST(VQUtilsBundle, ResourcePathsInsideNamedBundles) {
             resources + "/Emoji.bundle/smile.png");
   EXPECT_FALSE(VQUtils::getBundleRes("smile.png", "Missing.bundle"));
   EXPECT_FALSE(VQUtils::getBundleRes("", "Emoji.bundle"));
+}
+
+TEST(VQUtilsViews, TreesPrintWithBarHyphenIndentsAndABlankLinePerLevel) {
+  auto root = std::make_shared<nimb::View>();
+  auto a = std::make_shared<nimb::View>(nimb::Rect(1, 2, 3, 4));
+  auto a1 = std::make_shared<nimb::View>(nimb::Rect(5, 6, 7, 8));
+  auto a1x = std::make_shared<nimb::ImageView>(nimb::Rect(0, 0, 1, 1));
+  auto b = std::make_shared<nimb::View>();
+  root->addSubview(a);
+  root->addSubview(b);
+  a->addSubview(a1);
+  a1->addSubview(a1x);
+  const auto A = a->description(), A1 = a1->description(), A1X = a1x->description(),
+             B = b->description();
+  EXPECT_EQ(captureStandardOutput([&] { VQUtils::printViewHierarchy(*root, 0); }),
+            A + "\n|-" + A1 + "\n|-|-" + A1X + "\n\n\n" + B + "\n\n");
+  EXPECT_EQ(captureStandardOutput([&] {
+              VQUtils::printViews({a, b}, 1);
+            }),
+            "|" + A + "\n|-|" + A1 + "\n|-|-|" + A1X + "\n\n\n|" + B + "\n\n");
+  EXPECT_EQ(captureStandardOutput([&] { VQUtils::printViewHierarchy(*b, 3); }), "\n");
+}
+
+TEST(VQUtilsViews, AddImageDrawsAOverBAtTheScreenScaleCutToB) {
+  nimb::Device::Overrides overrides;
+  overrides.mainScreen = nimb::ScreenFacts{{320, 568}, 2.0, std::nullopt};
+  nimb::Device::setOverrides(overrides);
+  auto solid = [](int w, int h, std::uint8_t r, std::uint8_t g, std::uint8_t b) {
+    nimb::Bitmap bitmap{w, h, {}};
+    for (int i = 0; i < w * h; ++i) bitmap.rgba.insert(bitmap.rgba.end(), {r, g, b, 255});
+    return nimb::Image::withBitmap(std::move(bitmap));
+  };
+  auto red = solid(4, 4, 255, 0, 0), blue = solid(2, 6, 0, 0, 255);
+  auto both = VQUtils::addImage(blue, red);
+  ASSERT_TRUE(both);
+  EXPECT_EQ(both->size(), (nimb::Size{4, 4}));
+  EXPECT_EQ(both->scale(), 2.0);
+  const auto& bitmap = both->bitmap();
+  ASSERT_EQ(bitmap.width, 8);
+  auto pixel = [&](int x, int y) { return &bitmap.rgba[(y * bitmap.width + x) * 4]; };
+  EXPECT_EQ(pixel(1, 7)[2], 255);  // A, down to B's bottom edge
+  EXPECT_EQ(pixel(1, 7)[0], 0);
+  EXPECT_EQ(pixel(6, 1)[0], 255);  // B beside A
+  EXPECT_FALSE(VQUtils::addImage(blue, nullptr));
+  EXPECT_EQ(VQUtils::addImage(nullptr, red)->size(), (nimb::Size{4, 4}));
 }

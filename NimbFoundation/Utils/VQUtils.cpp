@@ -16,11 +16,13 @@
 #include <NimbFoundation/Platform/Bundle.h>
 #include <NimbFoundation/Platform/Digest.h>
 #include <NimbFoundation/Platform/FileManager.h>
+#include <NimbFoundation/Platform/Graphics.h>
 #include <NimbFoundation/Platform/PercentEscapes.h>
 #include <NimbFoundation/Platform/Scanner.h>
 #include <NimbFoundation/Platform/Text.h>
 #include <NimbFoundation/Platform/TextEncoding.h>
 #include <NimbFoundation/Platform/UUID.h>
+#include <NimbFoundation/Platform/View.h>
 #include <NimbFoundation/Utils/VQProtocolData.h>
 
 namespace nimb {
@@ -365,6 +367,52 @@ std::int32_t VQUtils::getRand(std::int32_t min, std::int32_t max) {
   const std::uint32_t random = random32();
   const std::uint32_t offset = span == 0 ? random : random % span;
   return static_cast<std::int32_t>(offset + static_cast<std::uint32_t>(min));
+}
+
+// --- View trees and images ---
+
+namespace {
+
+// "|-|-..." cut to `depth` characters.
+std::string indentFor(unsigned depth) {
+  std::string indent;
+  for (unsigned i = 0; i < depth; ++i) indent.push_back(i % 2 == 0 ? '|' : '-');
+  return indent;
+}
+
+void printLine(const std::string& indent, const View& view) {
+  std::printf("%s%s\n", indent.c_str(), view.description().c_str());
+}
+
+}  // namespace
+
+void VQUtils::printViewHierarchy(const View& view, unsigned depth) {
+  const std::string indent = indentFor(depth);
+  for (const auto& subview : view.subviews()) {
+    printLine(indent, *subview);
+    if (!subview->subviews().empty()) printViewHierarchy(*subview, depth + 2);
+  }
+  std::printf("\n");
+}
+
+void VQUtils::printViews(const std::vector<std::shared_ptr<View>>& views, unsigned depth) {
+  const std::string indent = indentFor(depth);
+  for (const auto& view : views) {
+    if (!view) continue;
+    printLine(indent, *view);
+    if (!view->subviews().empty()) printViewHierarchy(*view, depth + 2);
+  }
+  std::printf("\n");
+}
+
+std::shared_ptr<const Image> VQUtils::addImage(const std::shared_ptr<const Image>& a,
+                                               const std::shared_ptr<const Image>& b) {
+  if (!b) return nullptr;
+  const Size size = b->size();
+  ImageContext context(size, false, 0);  // 0: the main screen's scale
+  context.drawImage(*b, Rect(0, 0, size.width, size.height));
+  if (a) context.drawImage(*a, Rect(0, 0, a->size().width, a->size().height));
+  return context.image();
 }
 
 // --- Bundle resources ---

@@ -33,8 +33,10 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <NimbFoundation/Platform/Error.h>
+#include <NimbFoundation/Platform/Image.h>
 #include <NimbFoundation/Platform/Value.h>
 
 namespace nimb {
@@ -150,6 +152,20 @@ class VQUtils {
   // the modulo bias of the original. When the range spans all 2^32 values
   // the random number itself is returned.
   static std::int32_t getRand(std::int32_t min, std::int32_t max);
+
+  // --- View trees and images (main thread) ---
+  // Prints each subview of `view` on standard output as one line, its
+  // description after an indent of `depth` characters of "|-|-..."; a
+  // subview with subviews of its own is followed by its tree at depth + 2.
+  // An empty line closes every level.
+  static void printViewHierarchy(const View& view, unsigned depth);
+  // The same for a list of views, each followed by its subviews' tree.
+  static void printViews(const std::vector<std::shared_ptr<View>>& views, unsigned depth);
+  // `b` with `a` drawn over it at the origin, at the main screen's scale:
+  // `a` keeps its own size and whatever passes `b`'s size is cut off.
+  // nullptr without `b`.
+  static std::shared_ptr<const Image> addImage(const std::shared_ptr<const Image>& a,
+                                               const std::shared_ptr<const Image>& b);
 
   // --- Bundle resources ---
   // The path of `resourceName` inside the bundle `bundleName` found in the
