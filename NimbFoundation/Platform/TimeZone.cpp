@@ -15,6 +15,10 @@ std::string gSystemName;   // set by the host; "" = the machine's
 std::string gDefaultName;  // set by the host; "" = the system zone
 
 std::string machineZoneName() {
+  // ICU asks the C library (tzset), whose own lock the thread sanitizer
+  // cannot see; one detection at a time keeps concurrent loggers quiet.
+  static std::mutex detectMutex;
+  std::lock_guard lock(detectMutex);
   std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::detectHostTimeZone());
   if (!zone) return "GMT";
   icu::UnicodeString id;
