@@ -1,4 +1,5 @@
-// Image: PNG/JPEG decoding, EXIF orientation, points, refusal of broken pictures.
+// Image: PNG, JPEG, GIF and WebP decoding and encoding, EXIF orientation, points, refusal of
+// broken pictures, background decoding and the reuse of pixel buffers.
 #include <NimbFoundation/Platform/FileManager.h>
 #include <NimbFoundation/Platform/Image.h>
 
@@ -10,6 +11,7 @@
 #include <climits>
 #include <cmath>
 #include <filesystem>
+#include <thread>
 
 #include "TestSupport.h"
 
@@ -34,6 +36,77 @@ Bitmap pattern(int width, int height) {
 
 Data pngOf(const Bitmap& bm) {
   return *Image::withBitmap(bm)->pngRepresentation();
+}
+
+// Smooth and opaque, kind to the lossy codecs.
+Bitmap gradient(int width, int height) {
+  Bitmap bm{width, height, Data(std::size_t(width) * height * 4)};
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      std::uint8_t* p = &bm.rgba[(std::size_t(y) * width + x) * 4];
+      p[0] = std::uint8_t(x * 255 / (width - 1));
+      p[1] = std::uint8_t(y * 255 / (height - 1));
+      p[2] = std::uint8_t((x + y) * 255 / (width + height - 2));
+      p[3] = 255;
+    }
+  return bm;
+}
+
+int maxDifference(const Data& a, const Data& b) {
+  if (a.size() != b.size()) return 256;
+  int most = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) most = std::max(most, std::abs(a[i] - b[i]));
+  return most;
+}
+
+bool allZero(const Data& d) {
+  return !d.empty() && std::all_of(d.begin(), d.end(), [](auto b) { return b == 0; });
+}
+
+// The GIF encoder's colour levels: 6 for red and blue, 7 for green.
+const std::vector<int> kRedBlueLevels = {0, 51, 102, 153, 204, 255};
+const std::vector<int> kGreenLevels = {0, 43, 85, 128, 170, 213, 255};
+
+// A RIFF chunk: tag, little-endian size, payload, padded to an even length.
+Data chunk(const char* tag, const Data& payload) {
+  Data d(tag, tag + 4);
+  put(d, 4, std::uint32_t(payload.size()), 4, true);
+  d.insert(d.end(), payload.begin(), payload.end());
+  if (d.size() % 2) d.push_back(0);
+  return d;
+}
+
+// An animated WebP on a `width` x `height` canvas: one lossless frame per
+// {bitmap, x, y} (even offsets), built chunk by chunk as the container lays it out.
+Data animatedWebP(std::uint32_t width, std::uint32_t height,
+                  const std::vector<std::tuple<Bitmap, int, int>>& frames) {
+  Data vp8x(10), anim(6);
+  vp8x[0] = 0x12;  // animation, alpha
+  put(vp8x, 4, width - 1, 3, true);
+  put(vp8x, 7, height - 1, 3, true);
+  Data body = {'W', 'E', 'B', 'P'};
+  for (const Data& c : {chunk("VP8X", vp8x), chunk("ANIM", anim)})
+    body.insert(body.end(), c.begin(), c.end());
+  for (const auto& [bm, x, y] : frames) {
+    Data still = *Image::withBitmap(bm)->webpRepresentation(100), header(16);
+    put(header, 0, x / 2, 3, true);
+    put(header, 3, y / 2, 3, true);
+    put(header, 6, bm.width - 1, 3, true);
+    put(header, 9, bm.height - 1, 3, true);
+    put(header, 12, 100, 3, true);                                 // duration, ms
+    header.insert(header.end(), still.begin() + 12, still.end());  // its VP8L chunk
+    Data c = chunk("ANMF", header);
+    body.insert(body.end(), c.begin(), c.end());
+  }
+  return chunk("RIFF", body);
+}
+
+// A GIF whose logical screen claims `width` x `height`.
+Data gifClaiming(std::uint32_t width, std::uint32_t height) {
+  Data gif = *Image::withBitmap(pattern(2, 2))->gifRepresentation();
+  put(gif, 6, width, 2, true);
+  put(gif, 8, height, 2, true);
+  return gif;
 }
 
 // An encoded PNG whose IHDR claims `width` x `height`, its CRC made to match.
@@ -158,36 +231,238 @@ TEST(ImageSize, PointsDivideByScaleAndSwapForSidewaysOrientations) {
   EXPECT_EQ(Image(Bitmap{3, 3, Data(4)}, 1.0, O::Up).pngRepresentation(), std::nullopt);
 }
 
+TEST(ImageCodecs, EachFormatRoundTrips) {
+  // PNG and lossless WebP keep every byte, the colours under transparent pixels too.
+  auto noisy = Image::withBitmap(pattern(37, 23));
+  for (const auto& encoded : {noisy->pngRepresentation(), noisy->webpRepresentation(100)}) {
+    ASSERT_TRUE(encoded);
+    auto back = Image::withData(*encoded);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->bitmap().rgba, noisy->bitmap().rgba);
+  }
+  auto smooth = Image::withBitmap(gradient(64, 48));
+  auto jpeg = smooth->jpegRepresentation(95), webp = smooth->webpRepresentation(90);
+  ASSERT_TRUE(jpeg && webp);
+  EXPECT_EQ(Data(webp->begin() + 12, webp->begin() + 16), (Data{'V', 'P', '8', ' '}));  // lossy
+  for (const auto& [encoded, tolerance] : {std::pair{*jpeg, 6}, {*webp, 12}}) {
+    auto back = Image::withData(encoded);
+    ASSERT_TRUE(back);
+    EXPECT_LE(maxDifference(back->bitmap().rgba, smooth->bitmap().rgba), tolerance);
+  }
+  // JPEG drops alpha by weighting colours with it: white under alpha 0 comes out black.
+  Bitmap veiled{16, 16, Data(16 * 16 * 4, 255)};
+  for (std::size_t i = 3; i < veiled.rgba.size(); i += 4) veiled.rgba[i] = 0;
+  auto dark = Image::withData(*Image::withBitmap(veiled)->jpegRepresentation(90));
+  ASSERT_TRUE(dark);
+  for (std::size_t i = 0; i < dark->bitmap().rgba.size(); ++i)
+    ASSERT_EQ(dark->bitmap().rgba[i], i % 4 == 3 ? 255 : 0) << i;
+}
+
+TEST(ImageGif, ColoursBecomeTheirNearestPaletteEntryAndFaintPixelsTransparent) {
+  Bitmap bm = pattern(37, 23);
+  auto back = Image::withData(*Image::withBitmap(bm)->gifRepresentation());
+  ASSERT_TRUE(back);
+  const Data& got = back->bitmap().rgba;
+  ASSERT_EQ(got.size(), bm.rgba.size());
+  for (std::size_t i = 0; i < got.size(); i += 4) {
+    if (bm.rgba[i + 3] < 128) {
+      EXPECT_EQ(Data(&got[i], &got[i + 4]), Data(4, 0)) << i / 4;
+      continue;
+    }
+    EXPECT_EQ(got[i + 3], 255);
+    for (std::size_t c = 0; c < 3; ++c) {
+      const auto& levels = c == 1 ? kGreenLevels : kRedBlueLevels;
+      int nearest = 255;
+      for (int level : levels) nearest = std::min(nearest, std::abs(level - bm.rgba[i + c]));
+      EXPECT_NE(std::find(levels.begin(), levels.end(), got[i + c]), levels.end());
+      EXPECT_EQ(std::abs(got[i + c] - bm.rgba[i + c]), nearest) << i / 4 << " " << c;
+    }
+  }
+}
+
+TEST(ImageGif, InterlacedFrameAtAnOffsetOnATransparentCanvas) {
+  // A 6x10 frame, each row one palette colour, its last column transparent.
+  Bitmap frame{6, 10, Data(6 * 10 * 4)};
+  for (int k = 0; k < 10; ++k)
+    for (int x = 0; x < 6; ++x) {
+      std::uint8_t* p = &frame.rgba[(k * 6 + x) * 4];
+      p[0] = std::uint8_t(kRedBlueLevels[k % 6]);
+      p[1] = std::uint8_t(kGreenLevels[k * 3 % 7]);
+      p[2] = std::uint8_t(kRedBlueLevels[(k + 2) % 6]);
+      p[3] = x == 5 ? 0 : 255;
+    }
+  Data gif = *Image::withBitmap(frame)->gifRepresentation();
+  const std::size_t desc = 13 + 768 + 8;  // past the screen, the palette, the control block
+  ASSERT_EQ(gif[desc - 8], 0x21);
+  ASSERT_EQ(gif[desc], 0x2C);
+  put(gif, 6, 16, 2, true);  // a 16x14 canvas
+  put(gif, 8, 14, 2, true);
+  put(gif, desc + 1, 5, 2, true);  // the frame at (5, 3)
+  put(gif, desc + 3, 3, 2, true);
+  gif[desc + 9] |= 0x40;  // interlaced: the rows as stored land on 0, 8, 4, 2, 6, 1, 3, 5, 7, 9
+  const int kLandsOn[] = {0, 8, 4, 2, 6, 1, 3, 5, 7, 9};
+  Data want(16 * 14 * 4);
+  for (int k = 0; k < 10; ++k)
+    for (int x = 0; x < 5; ++x)
+      std::copy_n(&frame.rgba[(k * 6 + x) * 4], 4, &want[((3 + kLandsOn[k]) * 16 + 5 + x) * 4]);
+  auto image = Image::withData(gif);
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->size(), (Size{16, 14}));
+  EXPECT_EQ(image->bitmap().rgba, want);
+}
+
+TEST(ImageWebP, AnimationShowsItsFirstFrameAtItsOffset) {
+  Bitmap first = pattern(8, 6);
+  Data webp = animatedWebP(20, 16, {{first, 4, 6}, {gradient(20, 16), 0, 0}});
+  Data want(20 * 16 * 4);
+  for (int y = 0; y < 6; ++y)
+    std::copy_n(&first.rgba[y * 8 * 4], 8 * 4, &want[((6 + y) * 20 + 4) * 4]);
+  auto image = Image::withData(webp);
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->size(), (Size{20, 16}));
+  EXPECT_EQ(image->bitmap().rgba, want);
+}
+
 TEST(ImageRefusal, GarbageTruncatedAndCorruptBytes) {
-  for (const Data& junk : {Data(100, 0xAB), Data{0xFF, 0xD8, 0xFF, 0xD9}})
+  for (const Data& junk : {Data(100, 0xAB), Data{0xFF, 0xD8, 0xFF, 0xD9}, Data{'G', 'I', 'F'},
+                           Data{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'E', 'B', 'P'}})
     EXPECT_FALSE(Image::withData(junk));
-  // Every cut of a PNG short of its IEND (empty and bare signature too) loses pixels.
+  // Cuts of a PNG short of its IEND: refused while the header is incomplete, afterwards an image
+  // of the full size whose pixels are all transparent.
   Data png = pngOf(pattern(16, 16));
-  for (std::size_t n = 0; n < png.size() - 12; ++n)
-    EXPECT_FALSE(Image::withData(std::span(png).first(n))) << n;
-  png[png.size() - 20] ^= 0x55;  // inside IDAT: the checksum no longer matches
-  EXPECT_FALSE(Image::withData(png));
-  // libjpeg-turbo decodes a cut-off JPEG with a grey bottom and a mere warning.
+  for (std::size_t n = 0; n < png.size() - 12; ++n) {
+    auto image = Image::withData(std::span(png).first(n));
+    if (!image) continue;
+    EXPECT_EQ(image->size(), (Size{16, 16})) << n;
+    EXPECT_TRUE(allZero(image->bitmap().rgba)) << n;
+  }
+  EXPECT_TRUE(Image::withData(std::span(png).first(png.size() - 13)));
+  // libjpeg-turbo decodes a cut-off JPEG with a grey bottom and a mere warning: an opaque picture.
   Data jpeg = redBlue();
-  for (std::size_t n = 0; n < jpeg.size(); ++n)
-    EXPECT_FALSE(Image::withData(std::span(jpeg).first(n))) << n;
+  for (std::size_t n = 0; n < jpeg.size(); ++n) {
+    auto image = Image::withData(std::span(jpeg).first(n));
+    if (!image) continue;
+    const Data& px = image->bitmap().rgba;
+    EXPECT_EQ(image->size(), (Size{32, 16})) << n;
+    for (std::size_t i = 3; i < px.size(); i += 4) ASSERT_EQ(px[i], 255) << n;
+  }
   jpeg.insert(jpeg.end() - 2, {0x00, 0x00});  // stray bytes before EOI: also only a warning
-  EXPECT_FALSE(Image::withData(jpeg));
+  auto stray = Image::withData(jpeg);
+  ASSERT_TRUE(stray);
+  EXPECT_NEAR(stray->bitmap().rgba[(8 * 32 + 27) * 4 + 2], 255, 10);  // still blue
+}
+
+TEST(ImageRefusal, CorruptBodyKeepsTheSizeWithTransparentPixels) {
+  const Bitmap bm = pattern(160, 120);  // 76.8 kB: its buffers are recycled
+  Data png = pngOf(bm);
+  png[png.size() - 20] ^= 0x55;  // inside IDAT: the checksum no longer matches
+  Data gif = *Image::withBitmap(bm)->gifRepresentation();
+  gif.resize(gif.size() * 3 / 4);
+  Data webp = *Image::withBitmap(bm)->webpRepresentation(100);
+  webp.resize(webp.size() * 3 / 4);
+  // A progressive JPEG whose second scan asks for an impossible band: a fatal error.
+  tjhandle tj = tjInitCompress();
+  unsigned char* out = nullptr;
+  unsigned long size = 0;
+  ASSERT_EQ(tjCompress2(tj, bm.rgba.data(), 160, 0, 120, TJPF_RGBA, &out, &size, TJSAMP_420, 80,
+                        TJFLAG_PROGRESSIVE),
+            0);
+  Data jpeg(out, out + size);
+  tjFree(out);
+  tjDestroy(tj);
+  const Data sos = {0xFF, 0xDA};
+  auto first = std::search(jpeg.begin(), jpeg.end(), sos.begin(), sos.end());
+  auto second = std::search(first + 2, jpeg.end(), sos.begin(), sos.end());
+  ASSERT_NE(second, jpeg.end());
+  const std::size_t band = std::size_t(second - jpeg.begin()) + 5 + 2 * second[4];
+  jpeg[band] = 9;  // Ss past Se
+  jpeg[band + 1] = 3;
+
+  for (const auto& [name, bytes] :
+       {std::pair{"png", png}, {"gif", gif}, {"webp", webp}, {"jpeg", jpeg}}) {
+    // The buffer the decode takes still holds this picture: none of it may show.
+    Image::withBitmap(bm);
+    auto image = Image::withData(bytes);
+    ASSERT_TRUE(image) << name;
+    EXPECT_EQ(image->size(), (Size{160, 120})) << name;
+    EXPECT_EQ(image->bitmap().width, 160) << name;
+    EXPECT_TRUE(allZero(image->bitmap().rgba)) << name;
+  }
 }
 
 TEST(ImageRefusal, HugeHeadersAreRefusedWithoutAllocating) {
   ASSERT_TRUE(Image::withData(pngClaiming(2, 2)));  // the patching itself is sound
   ASSERT_TRUE(Image::withData(jpegClaiming(32, 16)));
+  ASSERT_TRUE(Image::withData(gifClaiming(2, 2)));
+  ASSERT_TRUE(Image::withData(animatedWebP(2, 2, {{pattern(2, 2), 0, 0}})));
   // Over the pixel budget, libpng's width limit, empty; then within budget (400 MB RGBA) but with
   // far too little data. The peak resident size may undercount growth, never overcount it.
   rusage before{}, after{};
   getrusage(RUSAGE_SELF, &before);
   for (const Data& d : {pngClaiming(20000, 20000), pngClaiming(2000000, 1), pngClaiming(0, 2),
                         jpegClaiming(65000, 65000), jpegClaiming(0, 16), pngClaiming(10000, 10000),
-                        jpegClaiming(10000, 10000)})
+                        jpegClaiming(10000, 10000), gifClaiming(20000, 20000), gifClaiming(0, 2),
+                        animatedWebP(20000, 20000, {{pattern(2, 2), 0, 0}})})
     EXPECT_FALSE(Image::withData(d));
   getrusage(RUSAGE_SELF, &after);
   EXPECT_LT((after.ru_maxrss - before.ru_maxrss) / 1024, 100);
+}
+
+TEST(ImageDecoding, SizeIsKnownAtOnceAndThePixelsFollow) {
+  Bitmap bm = gradient(1000, 800);
+  Data png = pngOf(bm);
+  auto image = Image::withData(png, 2.0);
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->size(), (Size{500, 400}));  // from the header, decoded or not
+  image->waitUntilDecoded();
+  EXPECT_TRUE(image->isDecoded());
+  EXPECT_EQ(image->bitmap().rgba, bm.rgba);
+  EXPECT_TRUE(Image::withBitmap(pattern(2, 2))->isDecoded());
+}
+
+TEST(ImageDecoding, DestroyedImagesLendTheirBuffersToLaterDecodes) {
+  Data png = pngOf(pattern(160, 120));
+  auto image = Image::withData(png);
+  ASSERT_TRUE(image);
+  const std::uint8_t* buffer = image->bitmap().rgba.data();
+  const std::size_t kept = Image::recycledBufferCount();
+  image.reset();
+  EXPECT_EQ(Image::recycledBufferCount(), kept + 1);
+  image = Image::withData(png);
+  image->waitUntilDecoded();
+  EXPECT_EQ(Image::recycledBufferCount(), kept);
+  EXPECT_EQ(image->bitmap().rgba.data(), buffer);
+  EXPECT_EQ(image->bitmap().rgba, pattern(160, 120).rgba);
+  image.reset();
+  // The free list is bounded: 16 buffers, 64 MB, the oldest dropped first.
+  for (int i = 0; i < 20; ++i) Image::withBitmap(pattern(160, 120));
+  EXPECT_EQ(Image::recycledBufferCount(), 16u);
+  for (int i = 0; i < 5; ++i) Image::withBitmap(Bitmap{2048, 2048, Data(16 << 20)});
+  EXPECT_EQ(Image::recycledBufferCount(), 4u);
+}
+
+TEST(ImageDecoding, ManyThreadsDecodeShareAndDropImages) {
+  auto source = Image::withBitmap(gradient(200, 150));
+  const Data encoded[] = {*source->pngRepresentation(), *source->gifRepresentation(),
+                          *source->webpRepresentation(100), *source->jpegRepresentation(90)};
+  std::vector<Data> want;
+  for (const Data& e : encoded) want.push_back(Image::withData(e)->bitmap().rgba);
+  auto shared = Image::withData(encoded[3]);  // read by every thread, decoded or not
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&, t] {
+      EXPECT_EQ(shared->bitmap().rgba, want[3]);
+      for (int i = 0; i < 12; ++i) {
+        const int f = (t + i) % 4;
+        auto image = Image::withData(encoded[f]);
+        ASSERT_TRUE(image);
+        if (i % 3 == 0) continue;  // dropped before or while it decodes
+        EXPECT_EQ(image->size(), (Size{200, 150}));
+        EXPECT_EQ(image->bitmap().rgba, want[f]) << f;
+      }
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_TRUE(shared->isDecoded());
 }
 
 }  // namespace
