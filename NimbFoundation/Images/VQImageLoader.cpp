@@ -170,9 +170,10 @@ void VQImageLoader::addObserver(const std::shared_ptr<VQImageLoaderObserver>& ob
       {kLoadFailedPrefix, &VQImageLoaderObserver::imageLoaderDidFailToLoad},
   };
   std::weak_ptr<VQImageLoaderObserver> weak = observer;
-  for (const auto& [prefix, member] : operations) {
+  for (const auto& operation : operations) {
+    const Member member = operation.second;
     if (!((*observer).*member)) continue;  // registered only for what it answers
-    center_.addObserver(observer.get(), nameFor(prefix, url), this,
+    center_.addObserver(observer.get(), nameFor(operation.first, url), this,
                         [weak, member](const Notification& notification) {
                           auto alive = weak.lock();
                           if (alive && (*alive).*member) ((*alive).*member)(notification);
