@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# The main job: installs what is missing, builds nimbkit, and walks through
-# what the library does today. It works in a temporary cache directory, so it
-# leaves the user's own cache alone; each step is a new process, which shows
-# that entries survive a restart through the cache's index file.
+# The main job: installs what is missing, builds nimbkit, and runs
+# `nimbkit demo`: sample pictures served on loopback, loaded through the image
+# loader into views once cold and once warm, with a contact sheet at the end
+# (in build/demo-output). Then it walks through the other services. It works
+# in a temporary cache directory, so it leaves the user's own cache alone;
+# each step is a new process, which shows that entries survive a restart
+# through the cache's index file.
 #
 # Usage: scripts/demo.sh
 set -euo pipefail
@@ -24,6 +27,10 @@ export XDG_CONFIG_HOME="$demo_home/config"
 
 step() { printf '\n$ %s\n' "$*"; "$@"; }
 
+echo "== The main job: images through the loader into views (VQImageLoader, VQImageView) =="
+step "$nimbkit" demo --out build/demo-output
+
+echo
 echo "== The disk cache (VQCache) =="
 step "$nimbkit" cache path
 printf 'hello from NimbFoundation\n' >"$demo_home/greeting.txt"
@@ -45,7 +52,7 @@ echo "Index file, as written by the cache:"
 cat "$("$nimbkit" cache path)/VQCache.plist"
 
 echo
-echo "== Fetching over HTTP (VQImageLoadConnection) =="
+echo "== One raw download over HTTP (VQImageLoadConnection) =="
 mkdir -p "$demo_home/www"
 head -c 300000 /dev/urandom >"$demo_home/www/photo.bin"
 "$nimbkit" serve "$demo_home/www" --port 0 --for 30 >"$demo_home/serve.out" &
@@ -54,12 +61,12 @@ trap 'kill $server 2>/dev/null; rm -rf "$demo_home"' EXIT
 for _ in $(seq 50); do grep -q 'serving' "$demo_home/serve.out" 2>/dev/null && break; sleep 0.1; done
 base=$(sed -E 's/.* at //' "$demo_home/serve.out")
 echo "(a loopback server: $base)"
-step "$nimbkit" fetch "${base}photo.bin" --output "$demo_home/fetched.bin"
+step "$nimbkit" download "${base}photo.bin" --output "$demo_home/fetched.bin"
 cmp -s "$demo_home/www/photo.bin" "$demo_home/fetched.bin" && echo "(the fetched bytes match the served file)"
 step "$nimbkit" cache set photo --file "$demo_home/fetched.bin"
 step "$nimbkit" cache list
-step "$nimbkit" fetch "${base}missing.bin" --output "$demo_home/missing.html"
-step "$nimbkit" fetch "http://127.0.0.1:1/closed-port" || echo "exit status $?: the transfer failed"
+step "$nimbkit" download "${base}missing.bin" --output "$demo_home/missing.html"
+step "$nimbkit" download "http://127.0.0.1:1/closed-port" || echo "exit status $?: the transfer failed"
 
 echo
 echo "== Base-N encoding (VQStringEncoding) =="
@@ -90,3 +97,6 @@ step "$nimbkit" url-decode "caf%C3%A9+%26%20more"
 step "$nimbkit" url-decode "%C3%28" || echo "exit status $?: not UTF-8"
 step "$nimbkit" query-parse "z=last&a=%20x&flag&d=1=2&z=3"
 step "$nimbkit" query-build "q=50% off" "lang=中文"
+
+echo
+echo "The demo's contact sheet: $(pwd)/build/demo-output/contact-sheet.png"

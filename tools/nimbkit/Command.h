@@ -47,7 +47,10 @@ inline void onSelected(CLI::App* sub, Action& selected, Action action) {
 // Registers `nimbkit cache ...` on `app`; `selected` receives the action of
 // the subcommand the user picked.
 void addCacheCommand(CLI::App& app, Action& selected);
-// Registers `nimbkit fetch URL` and `nimbkit serve DIR`.
+// Registers `nimbkit download URL` and `nimbkit serve DIR`.
+void addDownloadCommands(CLI::App& app, Action& selected);
+// Registers `nimbkit fetch URL...` (through the image loader into views)
+// and `nimbkit demo`.
 void addFetchCommands(CLI::App& app, Action& selected);
 // Registers `nimbkit encode --encoding NAME [--decode]` and its custom
 // alphabet form.

@@ -1,5 +1,6 @@
-// nimbkit fetch: one image load connection, with its progress on standard
-// error; and nimbkit serve: a loopback file server to fetch from.
+// nimbkit download: one image load connection, with its progress on
+// standard error and the raw body out; and nimbkit serve: a loopback file
+// server to download or fetch from.
 #include <httplib.h>
 
 #include <cmath>
@@ -17,13 +18,13 @@ namespace nimbkit {
 
 namespace {
 
-struct FetchOptions {
+struct DownloadOptions {
   std::string url;
   std::string output;
   double timeout = nimb::VQImageLoadConnection::kDefaultTimeoutInterval;
 };
 
-int fetch(const FetchOptions& o) {
+int download(const DownloadOptions& o) {
   auto url = nimb::URL::withString(o.url);
   if (!url) throw UsageError("\"" + o.url + "\" is not an absolute URL");
   if (!(o.timeout > 0)) throw UsageError("--timeout must be a positive number of seconds");
@@ -103,15 +104,16 @@ int serve(const ServeOptions& o) {
 
 }  // namespace
 
-void addFetchCommands(CLI::App& app, Action& selected) {
-  auto fetchOptions = std::make_shared<FetchOptions>();
-  auto* fetchCmd = app.add_subcommand(
-      "fetch", "Fetch URL with an image load connection; progress on stderr, body to stdout");
-  fetchCmd->add_option("URL", fetchOptions->url, "Absolute http or https URL")->required();
-  fetchCmd->add_option("--output,-o", fetchOptions->output, "Write the body to this file");
-  fetchCmd->add_option("--timeout", fetchOptions->timeout,
-                       "Seconds without progress before giving up (default 30)");
-  onSelected(fetchCmd, selected, [fetchOptions] { return fetch(*fetchOptions); });
+void addDownloadCommands(CLI::App& app, Action& selected) {
+  auto options = std::make_shared<DownloadOptions>();
+  auto* command = app.add_subcommand(
+      "download",
+      "Download URL with one image load connection; progress on stderr, body to stdout");
+  command->add_option("URL", options->url, "Absolute http or https URL")->required();
+  command->add_option("--output,-o", options->output, "Write the body to this file");
+  command->add_option("--timeout", options->timeout,
+                      "Seconds without progress before giving up (default 30)");
+  onSelected(command, selected, [options] { return download(*options); });
 
   auto serveOptions = std::make_shared<ServeOptions>();
   auto* serveCmd = app.add_subcommand("serve", "Serve DIR over HTTP on 127.0.0.1");

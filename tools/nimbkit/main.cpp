@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   nimbkit::Action selected;
   nimbkit::addCacheCommand(app, selected);
+  nimbkit::addDownloadCommands(app, selected);
   nimbkit::addFetchCommands(app, selected);
   nimbkit::addEncodeCommand(app, selected);
   nimbkit::addDeviceCommands(app, selected);
