@@ -14,11 +14,7 @@ std::mutex gMutex;
 std::string gSystemName;   // set by the host; "" = the machine's
 std::string gDefaultName;  // set by the host; "" = the system zone
 
-std::string machineZoneName() {
-  // ICU asks the C library (tzset), whose own lock the thread sanitizer
-  // cannot see; one detection at a time keeps concurrent loggers quiet.
-  static std::mutex detectMutex;
-  std::lock_guard lock(detectMutex);
+std::string detectMachineZoneName() {
   std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::detectHostTimeZone());
   if (!zone) return "GMT";
   icu::UnicodeString id;
@@ -26,6 +22,14 @@ std::string machineZoneName() {
   std::string out;
   id.toUTF8String(out);
   return out.empty() ? "GMT" : out;
+}
+
+// Read once, as the platform caches its system time zone: the log asks for
+// it on every line, and detection reads /etc/localtime through the C
+// library's tzset.
+const std::string& machineZoneName() {
+  static const std::string name = detectMachineZoneName();
+  return name;
 }
 
 }  // namespace

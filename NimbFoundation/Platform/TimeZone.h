@@ -1,6 +1,7 @@
 // TimeZone: the process's time zones and their offsets, through ICU.
 //
-// The system time zone is the machine's (TZ, else /etc/localtime); the
+// The system time zone is the machine's (TZ, else /etc/localtime), read
+// once per process as the platform does; the
 // default time zone is the one the application works in, the system one
 // unless set. Both can be set by the host, and by tests that need a zone of
 // -09:30 or +05:45. Zone names are IANA names ("Asia/Kathmandu") or

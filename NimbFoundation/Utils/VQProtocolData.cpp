@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <map>
+#include <memory>
 #include <vector>
 
 #include <NimbFoundation/Platform/Bundle.h>
@@ -23,7 +25,23 @@ namespace nimb {
 namespace {
 
 std::string nowFormatted(std::string_view pattern) {
-  return DateFormatter(pattern).stringFromDate(Clock::current()->now());
+  // The log stamps every line with the time: keep one formatter per thread
+  // (ICU formatters are not shared) and pattern, rebuilt only when the
+  // default zone changes.
+  struct Cached {
+    std::string zone;
+    std::unique_ptr<DateFormatter> formatter;
+  };
+  thread_local std::map<std::string, Cached, std::less<>> formatters;
+  const std::string zone = TimeZone::defaultTimeZoneName();
+  auto found = formatters.find(pattern);
+  if (found == formatters.end()) found = formatters.emplace(std::string(pattern), Cached{}).first;
+  Cached& cached = found->second;
+  if (!cached.formatter || cached.zone != zone) {
+    cached.formatter = std::make_unique<DateFormatter>(pattern, zone);
+    cached.zone = zone;
+  }
+  return cached.formatter->stringFromDate(Clock::current()->now());
 }
 
 std::string bundleString(std::string_view key) {
