@@ -14,7 +14,6 @@
 #include <NimbFoundation/Encode/VQStringEncoding.h>
 #include <NimbFoundation/Platform/Application.h>
 #include <NimbFoundation/Platform/Bundle.h>
-#include <NimbFoundation/Platform/Digest.h>
 #include <NimbFoundation/Platform/FileManager.h>
 #include <NimbFoundation/Platform/Graphics.h>
 #include <NimbFoundation/Platform/PercentEscapes.h>
@@ -139,7 +138,7 @@ void VQUtils::setPrefix(std::optional<std::string> prefix) {
 }
 
 std::string VQUtils::md5Value(std::string_view text) {
-  return Digest::hex(Digest::md5(text.substr(0, text.find('\0'))), true);
+  return VQProtocolData::md5Value(text);
 }
 
 // --- Dictionary reads ---
