@@ -13,11 +13,11 @@ using nimb::test::runNimbkit;
 TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
   nimb::test::HttpTestServer server;
   std::atomic<int> requests{0};
-  nimb::Bitmap bitmap{64, 48, std::vector<std::uint8_t>(64 * 48 * 4, 0xC0)};
-  auto png = nimb::Image::withBitmap(std::move(bitmap))->pngRepresentation();
+  const std::string png = nimb::test::pngBody(
+      nimb::Image::withBitmap({64, 48, std::vector<std::uint8_t>(64 * 48 * 4, 0xC0)}));
   server.server().Get("/pic.png", [&](const httplib::Request&, httplib::Response& res) {
     ++requests;
-    res.set_content(std::string(png->begin(), png->end()), "image/png");
+    res.set_content(png, "image/png");
   });
   server.serve("/page.html", "<html></html>", 200, {}, "text/html");
   server.start();

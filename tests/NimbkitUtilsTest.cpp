@@ -17,14 +17,10 @@ TEST(NimbkitUtils, AesMatchesTheOpensslCommandForSecretsOfSixteenToThirtyTwoChar
     auto ours = runNimbkit({"aes", "--secret", secret, text});
     ASSERT_EQ(ours.exitCode, 0) << ours.err;
 
-    std::string keyHex, vectorHex;
-    char two[3];
-    for (std::size_t i = 0; i < 32; ++i) {
-      std::snprintf(two, sizeof two, "%02x",
-                    i < secret.size() ? static_cast<unsigned char>(secret[i]) : 0u);
-      keyHex += two;
-      if (i < 16) vectorHex += two;
-    }
+    std::string key = secret;
+    key.resize(32, '\0');
+    const std::string keyHex = nimb::test::hexOf(key);
+    const std::string vectorHex = nimb::test::hexOf(secret.substr(0, 16));
     // openssl writes standard base 64 on one line; ours is web-safe.
     auto theirs = runProgram(
         {"openssl", "enc", "-aes-256-cbc", "-K", keyHex, "-iv", vectorHex, "-base64", "-A"}, text);

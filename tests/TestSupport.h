@@ -23,7 +23,12 @@ inline std::string makeTemporaryDirectory(const std::string& prefix) {
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <functional>
+#include <memory>
 #include <vector>
+
+#include <NimbFoundation/Platform/Image.h>
 
 extern char** environ;
 
@@ -82,6 +87,48 @@ inline ToolResult runProgram(const std::vector<std::string>& command,
   std::error_code ec;
   std::filesystem::remove_all(dir, ec);
   return result;
+}
+
+// What `body` writes on file descriptor `fd` (1 or 2), caught in a file.
+inline std::string captureOutput(int fd, const std::function<void()>& body) {
+  std::fflush(fd == 1 ? stdout : stderr);
+  const std::string path = makeTemporaryDirectory("capture") + "/out";
+  const int saved = ::dup(fd);
+  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ::dup2(file, fd);
+  ::close(file);
+  body();
+  std::fflush(fd == 1 ? stdout : stderr);
+  ::dup2(saved, fd);
+  ::close(saved);
+  std::string text;
+  char buffer[4096];
+  ssize_t n;
+  const int in = ::open(path.c_str(), O_RDONLY);
+  while (in >= 0 && (n = ::read(in, buffer, sizeof buffer)) > 0) {
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  if (in >= 0) ::close(in);
+  return text;
+}
+
+// Lower-case hex of a byte string or buffer.
+template <typename Bytes>
+std::string hexOf(const Bytes& bytes) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (auto b : bytes) {
+    const auto byte = static_cast<unsigned char>(b);
+    out.push_back(kHex[byte >> 4]);
+    out.push_back(kHex[byte & 15]);
+  }
+  return out;
+}
+
+// The PNG of a picture, as a body a test server can send.
+inline std::string pngBody(const std::shared_ptr<const Image>& image) {
+  auto png = image->pngRepresentation();
+  return png ? std::string(png->begin(), png->end()) : std::string();
 }
 
 // Runs the nimbkit binary with `args`.

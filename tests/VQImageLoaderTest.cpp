@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "HttpTestServer.h"
+#include "TestSupport.h"
 
 using nimb::Data;
 using nimb::Error;
@@ -24,12 +25,6 @@ using nimb::test::pumpFor;
 using nimb::test::pumpUntil;
 
 namespace {
-
-std::string pngOf(int width, int height) {
-  nimb::Bitmap bitmap{width, height, std::vector<std::uint8_t>(width * height * 4, 0x7F)};
-  auto png = Image::withBitmap(std::move(bitmap))->pngRepresentation();
-  return std::string(png->begin(), png->end());
-}
 
 // What one observer heard, in order.
 struct Heard {
@@ -83,7 +78,8 @@ class VQImageLoaderTest : public ::testing::Test {
 
   URL url(const std::string& path) { return *URL::withString(server.url("/" + path)); }
 
-  const std::string png = pngOf(30, 20);
+  const std::string png = nimb::test::pngBody(
+      Image::withBitmap({30, 20, std::vector<std::uint8_t>(30 * 20 * 4, 0x7F)}));
   nimb::test::HttpTestServer server;
   std::atomic<int> requests{0};
   NotificationCenter center;

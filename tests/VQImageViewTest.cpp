@@ -2,13 +2,9 @@
 
 #include <NimbFoundation/Images/VQCache.h>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <fstream>
-#include <sstream>
 
 #include "HttpTestServer.h"
 #include "TestSupport.h"
@@ -44,11 +40,6 @@ std::shared_ptr<const Image> bands(int width, int height) {
   return Image::withBitmap(std::move(bitmap));
 }
 
-std::string pngOf(const std::shared_ptr<const Image>& image) {
-  auto png = image->pngRepresentation();
-  return std::string(png->begin(), png->end());
-}
-
 struct Told {
   int loaded = 0, failed = 0;
   std::vector<float> percents;
@@ -77,7 +68,7 @@ class VQImageViewTest : public ::testing::Test {
 
   const std::shared_ptr<const Image> placeholder =
       Image::withBitmap(Bitmap{2, 2, std::vector<std::uint8_t>(16, 9)});
-  std::string picture = pngOf(bands(300, 200));
+  std::string picture = nimb::test::pngBody(bands(300, 200));
   nimb::test::HttpTestServer server;
   std::atomic<int> requests{0};
   Told told;
@@ -204,20 +195,12 @@ TEST_F(VQImageViewTest, FailuresForAnyURLMarkTheViewButOnlyItsOwnReachTheDelegat
 
 TEST_F(VQImageViewTest, CacheLifetimeRefusesNonPositiveValuesOnThePlatformLog) {
   auto view = VQImageView::create();
-  const std::string path = nimb::test::makeTemporaryDirectory("stderr") + "/err";
-  const int saved = ::dup(2);
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  ::dup2(file, 2);
-  ::close(file);
-  view->setCacheSecondes(0);
-  view->setCacheSecondes(-2.5);
-  ::dup2(saved, 2);
-  ::close(saved);
-  std::ifstream in(path);
-  std::stringstream err;
-  err << in.rdbuf();
-  EXPECT_NE(err.str().find("] [0.000000] is error\n"), std::string::npos) << err.str();
-  EXPECT_NE(err.str().find("] [-2.500000] is error\n"), std::string::npos) << err.str();
+  const std::string err = nimb::test::captureOutput(2, [&] {
+    view->setCacheSecondes(0);
+    view->setCacheSecondes(-2.5);
+  });
+  EXPECT_NE(err.find("] [0.000000] is error\n"), std::string::npos) << err;
+  EXPECT_NE(err.find("] [-2.500000] is error\n"), std::string::npos) << err;
   EXPECT_EQ(VQImageLoader::sharedImageLoader()->cache_seconds(), 604800.0);
   view->setCacheSecondes(60);
   EXPECT_EQ(VQImageLoader::sharedImageLoader()->cache_seconds(), 60.0);

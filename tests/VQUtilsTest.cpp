@@ -8,14 +8,12 @@
 #include <NimbFoundation/Platform/TimeZone.h>
 #include <NimbFoundation/Platform/View.h>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <regex>
@@ -30,37 +28,14 @@ using nimb::Dictionary;
 using nimb::TextEncoding;
 using nimb::Value;
 using nimb::VQUtils;
+using nimb::test::hexOf;
 
 namespace {
 
 constexpr auto kIntegerDefault = std::numeric_limits<std::int64_t>::max();
 
-// What `body` writes on standard output.
 std::string captureStandardOutput(const std::function<void()>& body) {
-  std::fflush(stdout);
-  const std::string path = nimb::test::makeTemporaryDirectory("stdout") + "/out";
-  const int saved = ::dup(1);
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  ::dup2(file, 1);
-  ::close(file);
-  body();
-  std::fflush(stdout);
-  ::dup2(saved, 1);
-  ::close(saved);
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::string hexOf(const Data& bytes) {
-  std::string out;
-  char two[3];
-  for (auto b : bytes) {
-    std::snprintf(two, sizeof two, "%02x", b);
-    out += two;
-  }
-  return out;
+  return nimb::test::captureOutput(1, body);
 }
 
 }  // namespace
@@ -279,13 +254,11 @@ TEST(VQUtilsAES, MatchesTheOpensslCommand) {
     key.resize(32, '\0');
     const std::string vector = secret.substr(0, 16);
     auto openssl = nimb::test::runProgram(
-        {"openssl", "enc", "-aes-256-cbc", "-K", hexOf(Data(key.begin(), key.end())), "-iv",
-         hexOf(Data(vector.begin(), vector.end()))},
-        text);
+        {"openssl", "enc", "-aes-256-cbc", "-K", hexOf(key), "-iv", hexOf(vector)}, text);
     ASSERT_EQ(openssl.exitCode, 0) << "the openssl command is needed: " << openssl.err;
     auto ours = VQUtils::base64WebSafeDecode(*token);
     ASSERT_TRUE(ours);
-    EXPECT_EQ(hexOf(*ours), hexOf(Data(openssl.out.begin(), openssl.out.end()))) << secret;
+    EXPECT_EQ(hexOf(*ours), hexOf(openssl.out)) << secret;
   }
 }
 
