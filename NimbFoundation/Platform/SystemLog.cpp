@@ -10,6 +10,7 @@
 
 #include <NimbFoundation/Platform/Date.h>
 #include <NimbFoundation/Platform/FileManager.h>
+#include <NimbFoundation/Platform/Text.h>
 
 namespace nimb {
 
@@ -34,17 +35,7 @@ void SystemLog::logv(const char* format, va_list arguments) {
   std::snprintf(header, sizeof header, "%s.%03d %s[%d:%d] ", stamp, millis,
                 FileManager::processName().c_str(), static_cast<int>(::getpid()),
                 static_cast<int>(::syscall(SYS_gettid)));
-  std::string line = header;
-  va_list copy;
-  va_copy(copy, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  if (length > 0) {
-    const std::size_t start = line.size();
-    line.resize(start + static_cast<std::size_t>(length) + 1);
-    std::vsnprintf(line.data() + start, static_cast<std::size_t>(length) + 1, format, arguments);
-    line.resize(start + static_cast<std::size_t>(length));
-  }
+  std::string line = header + stringWithFormatv(format, arguments);
   line.push_back('\n');
   // One write, so that lines from several threads never mix.
   const char* data = line.data();

@@ -343,16 +343,7 @@ void VQUtils::outLogv(const char* format, va_list arguments) {
     writeLine(line + "nil\n");
     return;
   }
-  std::string message;
-  va_list copy;
-  va_copy(copy, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  if (length > 0) {
-    message.resize(static_cast<std::size_t>(length) + 1);
-    std::vsnprintf(message.data(), message.size(), format, arguments);
-    message.resize(static_cast<std::size_t>(length));
-  }
+  std::string message = stringWithFormatv(format, arguments);
   if (auto p = prefix(); p && !p->empty()) message = *p + " " + message;
   line += replaceAll(std::move(message), "%%", "%%%%");
   line += " \n";
