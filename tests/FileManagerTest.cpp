@@ -93,3 +93,31 @@ TEST_F(FileManagerTest, DirectoriesReadsAndRemoval) {
   EXPECT_TRUE(FileManager::removeItem(deep));
   EXPECT_FALSE(FileManager::fileExists(deep));
 }
+
+// Reads never wait on a FIFO and never take a device for a file; the kit's
+// state reads (FollowLinks::No) also refuse a symbolic link, and copies
+// refuse any source that is no regular file.
+TEST_F(FileManagerTest, SpecialFilesAndLinksReadAsMissing) {
+  ::alarm(20);  // a read that blocks fails the test instead of hanging it
+  const std::string file = dir + "/file", link = dir + "/link", fifo = dir + "/fifo";
+  ASSERT_TRUE(FileManager::writeAtomically(file, std::string_view("outside")));
+  ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+
+  EXPECT_EQ(FileManager::contentsAtPath(link), Data({'o', 'u', 't', 's', 'i', 'd', 'e'}));
+  EXPECT_FALSE(FileManager::contentsAtPath(link, nimb::FollowLinks::No));
+  EXPECT_TRUE(FileManager::isRegularFile(link));
+  EXPECT_FALSE(FileManager::isRegularFile(link, nimb::FollowLinks::No));
+  for (const std::string& special : {fifo, std::string("/dev/zero"), dir}) {
+    EXPECT_FALSE(FileManager::contentsAtPath(special)) << special;
+    EXPECT_FALSE(FileManager::isRegularFile(special)) << special;
+    EXPECT_FALSE(FileManager::copyItem(special, dir + "/copy")) << special;
+  }
+  ::alarm(0);
+
+  EXPECT_TRUE(FileManager::isTemporaryFileName(".entry.tmp-aZ09xY"));
+  for (const char* name :
+       {"entry.tmp-aZ09xY", ".entry.tmp-aZ09x", ".entry.tmp-aZ09x-", ".tmp-aZ09xY"}) {
+    EXPECT_FALSE(FileManager::isTemporaryFileName(name)) << name;
+  }
+}

@@ -101,6 +101,18 @@ TEST_F(PasteboardTest, CreateReadWriteAndRemove) {
   ASSERT_TRUE(board->setData(bytes("repaired"), kType));
   EXPECT_EQ(second->dataForPasteboardType(kType), bytes("repaired"));
 
+  // A FIFO under a pasteboard's name is no pasteboard: read at once as
+  // missing, and replaced by the next one made there.
+  const std::string file = store + "/org.SharedUDID.slot.1.pasteboard";
+  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+  ::alarm(20);  // a read that blocks fails the test instead of hanging it
+  EXPECT_EQ(Pasteboard::pasteboardWithName("org.SharedUDID.slot.1", false), nullptr);
+  auto replaced = Pasteboard::pasteboardWithName("org.SharedUDID.slot.1", true);
+  ::alarm(0);
+  ASSERT_NE(replaced, nullptr);
+  EXPECT_TRUE(replaced->setData(bytes("fine"), kType));
+  EXPECT_TRUE(Pasteboard::removePasteboardWithName("org.SharedUDID.slot.1"));
+
   EXPECT_TRUE(Pasteboard::removePasteboardWithName("org.SharedUDID.slot.0"));
   EXPECT_FALSE(Pasteboard::removePasteboardWithName("org.SharedUDID.slot.0"));
   EXPECT_EQ(Pasteboard::pasteboardWithName("org.SharedUDID.slot.0", false), nullptr);

@@ -114,3 +114,23 @@ TEST_F(UserDefaultsTest, StandardStoreLivesUnderTheConfigHome) {
   EXPECT_FALSE(UserDefaults::standardUserDefaults().objectForKey("feature"));
   EXPECT_EQ(standard.objectForKey("feature"), Value("on"));
 }
+
+// A FIFO or a symbolic link under the store's name is no store: it reads as
+// empty at once, the first write replaces it, and a link's target is never
+// read or written.
+TEST_F(UserDefaultsTest, LinksAndFifosReadAsEmptyAndAreReplaced) {
+  ASSERT_TRUE(FileManager::createDirectory(dir + "/app"));
+  const std::string outside = dir + "/outside.plist";
+  ASSERT_TRUE(UserDefaults(outside).setObject("secret", "key"));
+  ::alarm(20);  // a read that blocks fails the test instead of hanging it
+  for (bool fifo : {true, false}) {
+    std::remove(path.c_str());
+    ASSERT_EQ(fifo ? ::mkfifo(path.c_str(), 0600) : ::symlink(outside.c_str(), path.c_str()), 0);
+    UserDefaults store(path);
+    EXPECT_FALSE(store.objectForKey("key")) << fifo;
+    ASSERT_TRUE(store.setObject("mine", "key")) << fifo;
+    EXPECT_TRUE(FileManager::isRegularFile(path, nimb::FollowLinks::No));
+  }
+  ::alarm(0);
+  EXPECT_EQ(UserDefaults(outside).objectForKey("key"), Value("secret"));
+}

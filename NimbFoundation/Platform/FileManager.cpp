@@ -125,14 +125,35 @@ bool FileManager::createDirectory(const std::string& path, bool intermediates) {
   return errno == EEXIST && isDirectory(path);
 }
 
-std::optional<Data> FileManager::contentsAtPath(const std::string& path) {
-  int fd = retry([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); });
-  if (fd < 0) return std::nullopt;
+bool FileManager::isRegularFile(const std::string& path, FollowLinks follow) {
   struct stat st {};
+  int r = follow == FollowLinks::Yes ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
+  return r == 0 && S_ISREG(st.st_mode);
+}
+
+namespace {
+
+// Opens `path` for reading only if it is a regular file. O_NONBLOCK keeps a
+// FIFO from stalling the open; fstat on the descriptor then refuses it (and
+// devices and sockets) without a race between checking and opening.
+int openRegularFile(const std::string& path, FollowLinks follow, struct stat& st) {
+  int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  if (follow == FollowLinks::No) flags |= O_NOFOLLOW;
+  int fd = retry([&] { return ::open(path.c_str(), flags); });
+  if (fd < 0) return -1;
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     ::close(fd);
-    return std::nullopt;
+    return -1;
   }
+  return fd;
+}
+
+}  // namespace
+
+std::optional<Data> FileManager::contentsAtPath(const std::string& path, FollowLinks follow) {
+  struct stat st {};
+  int fd = openRegularFile(path, follow, st);
+  if (fd < 0) return std::nullopt;
   Data out;
   out.reserve(static_cast<std::size_t>(st.st_size));
   std::uint8_t buf[65536];
@@ -182,13 +203,9 @@ bool FileManager::writeAtomically(const std::string& path, std::string_view byte
 
 bool FileManager::copyItem(const std::string& from, const std::string& to) {
   if (fileExists(to)) return false;
-  int in = retry([&] { return ::open(from.c_str(), O_RDONLY | O_CLOEXEC); });
-  if (in < 0) return false;
   struct stat st {};
-  if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
-    ::close(in);
-    return false;
-  }
+  int in = openRegularFile(from, FollowLinks::Yes, st);
+  if (in < 0) return false;
   std::string temp;
   int out = makeTemporaryBeside(to, temp);
   if (out < 0) {
@@ -213,6 +230,19 @@ bool FileManager::copyItem(const std::string& from, const std::string& to) {
   ok = ok && ::link(temp.c_str(), to.c_str()) == 0;
   ::unlink(temp.c_str());
   return ok;
+}
+
+bool FileManager::isTemporaryFileName(std::string_view name) {
+  constexpr std::string_view kMark = ".tmp-";
+  constexpr std::size_t kRandom = 6;
+  // "." + at least one character of the name + ".tmp-" + XXXXXX.
+  if (name.size() < 1 + 1 + kMark.size() + kRandom || name.front() != '.') return false;
+  std::string_view random = name.substr(name.size() - kRandom);
+  for (char c : random) {
+    bool alnum = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    if (!alnum) return false;
+  }
+  return name.substr(name.size() - kRandom - kMark.size(), kMark.size()) == kMark;
 }
 
 bool FileManager::removeItem(const std::string& path) {

@@ -4,7 +4,16 @@
 // and files 0600, never through a symbolic link at the final component, and
 // every write goes through a temporary file in the same directory that is
 // then renamed over the target, so a reader (or a crash) never sees half a
-// file. All functions are thread-safe and report failure by return value.
+// file. The temporary is named "." + the file's name + ".tmp-XXXXXX"; one
+// left behind by a killed writer is recognised by isTemporaryFileName().
+//
+// Reads never block on a special file: a FIFO, a device or a socket at the
+// path reads as missing. The kit's own state files (cache entries and index,
+// user defaults, pasteboards) are read with FollowLinks::No, so that a
+// symbolic link planted under one of their names reads as missing too
+// rather than showing a file from elsewhere.
+//
+// All functions are thread-safe and report failure by return value.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +25,9 @@
 #include <NimbFoundation/Platform/Value.h>
 
 namespace nimb {
+
+// Whether a read follows a symbolic link at the last component of its path.
+enum class FollowLinks : bool { No = false, Yes = true };
 
 class FileManager {
  public:
@@ -36,13 +48,18 @@ class FileManager {
 
   static bool fileExists(const std::string& path);
   static bool isDirectory(const std::string& path);
+  // Whether `path` is a regular file (a link to one counts only with
+  // FollowLinks::Yes).
+  static bool isRegularFile(const std::string& path, FollowLinks follow = FollowLinks::Yes);
 
   // Creates `path` (0700), and its missing parents when `intermediates` is
   // set. True when the directory exists afterwards.
   static bool createDirectory(const std::string& path, bool intermediates = true);
 
-  // The whole contents of a regular file; nullopt when it cannot be read.
-  static std::optional<Data> contentsAtPath(const std::string& path);
+  // The whole contents of a regular file; nullopt when it cannot be read,
+  // is no regular file, or is a symbolic link and `follow` is No.
+  static std::optional<Data> contentsAtPath(const std::string& path,
+                                            FollowLinks follow = FollowLinks::Yes);
 
   // Writes `bytes` to `path` through a temporary file (mode 0600) in the same
   // directory and a rename. Replaces an existing file. False on any failure,
@@ -59,6 +76,10 @@ class FileManager {
   // Removes the file (or empty directory) at `path`. False when nothing was
   // removed.
   static bool removeItem(const std::string& path);
+
+  // Whether `name` has the shape of the temporary files writeAtomically()
+  // and copyItem() make: "." + a name + ".tmp-" + six letters or digits.
+  static bool isTemporaryFileName(std::string_view name);
 };
 
 }  // namespace nimb

@@ -211,9 +211,12 @@ std::optional<Record> decode(std::span<const std::uint8_t> bytes) {
 
 Loaded load(const std::string& path) {
   Loaded loaded;
-  auto bytes = FileManager::contentsAtPath(path);
+  // A symbolic link or a special file under a pasteboard's name is no
+  // pasteboard: it reads as missing, and a write replaces it.
+  auto bytes = FileManager::contentsAtPath(path, FollowLinks::No);
   if (!bytes) {
-    loaded.state = FileManager::fileExists(path) ? FileState::Damaged : FileState::Missing;
+    loaded.state =
+        FileManager::isRegularFile(path, FollowLinks::No) ? FileState::Damaged : FileState::Missing;
     return loaded;
   }
   if (auto record = decode(*bytes)) {

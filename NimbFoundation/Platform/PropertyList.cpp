@@ -649,9 +649,10 @@ std::optional<Data> PropertyList::serialize(const Value& value, PropertyListForm
   }
 }
 
-std::optional<Dictionary> PropertyList::dictionaryWithContentsOfFile(const std::string& path) {
+std::optional<Dictionary> PropertyList::dictionaryWithContentsOfFile(const std::string& path,
+                                                                     FollowLinks follow) {
   try {
-    auto bytes = FileManager::contentsAtPath(path);
+    auto bytes = FileManager::contentsAtPath(path, follow);
     if (!bytes) return std::nullopt;
     auto value = parse(*bytes);
     if (!value || !value->asDictionary()) return std::nullopt;

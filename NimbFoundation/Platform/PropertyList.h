@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 
+#include <NimbFoundation/Platform/FileManager.h>
 #include <NimbFoundation/Platform/Value.h>
 
 namespace nimb {
@@ -33,8 +34,10 @@ class PropertyList {
   static std::optional<Data> serialize(const Value& value, PropertyListFormat format);
 
   // The dictionary stored in the file at `path`, in either format; nullopt
-  // when the file is missing, unreadable, no property list, or not a dictionary.
-  static std::optional<Dictionary> dictionaryWithContentsOfFile(const std::string& path);
+  // when the file is missing, unreadable, no regular file, no property list,
+  // or not a dictionary. The kit's own state files pass FollowLinks::No.
+  static std::optional<Dictionary> dictionaryWithContentsOfFile(
+      const std::string& path, FollowLinks follow = FollowLinks::Yes);
 
   // Writes `dict` as an XML property list to `path` atomically (see
   // FileManager::writeAtomically). False on any failure.

@@ -40,13 +40,15 @@ bool holdsAsPropertyList(const Dictionary& dict) {
   return PropertyList::serialize(Value(dict), PropertyListFormat::Xml).has_value();
 }
 
-// The dictionary in the file, or nullopt when the file is there but unusable.
-// Entries the XML form cannot hold (a binary file may have them) are dropped,
-// or no later write could succeed.
+// The dictionary in the file, or nullopt when a regular file is there but
+// unusable (it is left alone rather than overwritten). A symbolic link or a
+// special file under the store's name reads as missing, and the next write
+// replaces it. Entries the XML form cannot hold (a binary file may have
+// them) are dropped, or no later write could succeed.
 std::optional<Dictionary> readStore(const std::string& path) {
-  auto dict = PropertyList::dictionaryWithContentsOfFile(path);
+  auto dict = PropertyList::dictionaryWithContentsOfFile(path, FollowLinks::No);
   if (!dict) {
-    if (FileManager::fileExists(path)) return std::nullopt;
+    if (FileManager::isRegularFile(path, FollowLinks::No)) return std::nullopt;
     return Dictionary{};
   }
   if (!holdsAsPropertyList(*dict)) {
