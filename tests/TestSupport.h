@@ -40,13 +40,22 @@ struct ToolResult {
   std::string err;
 };
 
-// Runs `command` (found on PATH unless it holds a "/"), feeding `input` on
+// A program started by startProgram(), running until finish() waits for it.
+struct RunningProgram {
+  pid_t pid = -1;
+  std::string dir;  // its standard input, output and error files
+  ToolResult finish();
+};
+
+// Starts `command` (found on PATH unless it holds a "/"), feeding `input` on
 // standard input, in this process's environment (so it shares the
-// temporary HOME).
-inline ToolResult runProgram(const std::vector<std::string>& command,
-                             const std::string& input = "") {
-  std::string dir = makeTemporaryDirectory("nimbkit-io");
-  std::string inPath = dir + "/in", outPath = dir + "/out", errPath = dir + "/err";
+// temporary HOME), and returns without waiting.
+inline RunningProgram startProgram(const std::vector<std::string>& command,
+                                   const std::string& input = "") {
+  RunningProgram program;
+  program.dir = makeTemporaryDirectory("nimbkit-io");
+  std::string inPath = program.dir + "/in", outPath = program.dir + "/out",
+              errPath = program.dir + "/err";
   {
     int fd = ::open(inPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (::write(fd, input.data(), input.size()) != static_cast<ssize_t>(input.size())) {
@@ -66,13 +75,20 @@ inline ToolResult runProgram(const std::vector<std::string>& command,
   for (auto& a : argvStore) argv.push_back(a.data());
   argv.push_back(nullptr);
   pid_t pid = 0;
+  if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) program.pid = pid;
+  posix_spawn_file_actions_destroy(&actions);
+  return program;
+}
+
+// Waits for the program; its exit code (128 + signal when killed) and output.
+inline ToolResult RunningProgram::finish() {
   ToolResult result;
-  if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+  if (pid > 0) {
     int status = 0;
     ::waitpid(pid, &status, 0);
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    pid = -1;
   }
-  posix_spawn_file_actions_destroy(&actions);
   auto slurp = [](const std::string& path) {
     std::string s;
     int fd = ::open(path.c_str(), O_RDONLY);
@@ -82,11 +98,17 @@ inline ToolResult runProgram(const std::vector<std::string>& command,
     if (fd >= 0) ::close(fd);
     return s;
   };
-  result.out = slurp(outPath);
-  result.err = slurp(errPath);
+  result.out = slurp(dir + "/out");
+  result.err = slurp(dir + "/err");
   std::error_code ec;
   std::filesystem::remove_all(dir, ec);
   return result;
+}
+
+// Runs `command` to its end (see startProgram).
+inline ToolResult runProgram(const std::vector<std::string>& command,
+                             const std::string& input = "") {
+  return startProgram(command, input).finish();
 }
 
 // What `body` writes on file descriptor `fd` (1 or 2), caught in a file.
@@ -131,11 +153,17 @@ inline std::string pngBody(const std::shared_ptr<const Image>& image) {
   return png ? std::string(png->begin(), png->end()) : std::string();
 }
 
-// Runs the nimbkit binary with `args`.
-inline ToolResult runNimbkit(const std::vector<std::string>& args, const std::string& input = "") {
+// Starts the nimbkit binary with `args`.
+inline RunningProgram startNimbkit(const std::vector<std::string>& args,
+                                   const std::string& input = "") {
   std::vector<std::string> command{NIMBKIT_PATH};
   command.insert(command.end(), args.begin(), args.end());
-  return runProgram(command, input);
+  return startProgram(command, input);
+}
+
+// Runs the nimbkit binary with `args` to its end.
+inline ToolResult runNimbkit(const std::vector<std::string>& args, const std::string& input = "") {
+  return startNimbkit(args, input).finish();
 }
 
 }  // namespace nimb::test

@@ -5,9 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -321,4 +324,90 @@ TEST_F(VQCacheTest, SetsFromManyThreadsWhileSavesRun) {
   ASSERT_TRUE(index);
   EXPECT_EQ(index->size(), expected);
   EXPECT_EQ(cache->dataForKey("t3-49"), bytes("t3-49"));
+}
+
+// Instances (and so processes) that share the directory each save their
+// own sets and removals onto the index as it is on disk: none loses the
+// other's entries, and a clear removes only the keys its instance knew.
+TEST_F(VQCacheTest, InstancesSharingTheIndexLoseNothing) {
+  auto a = VQCache::create();
+  auto b = VQCache::create();
+  a->setData(bytes("a"), "from-a", 100);
+  b->setData(bytes("b"), "from-b", 100);
+  settle(*a);
+  settle(*b);
+  auto onDisk = [] {
+    auto index = nimb::PropertyList::dictionaryWithContentsOfFile(indexPath());
+    std::set<std::string> keys;
+    for (const auto& entry : index.value_or(nimb::Dictionary{})) keys.insert(entry.first);
+    return keys;
+  };
+  EXPECT_EQ(onDisk(), (std::set<std::string>{"from-a", "from-b"}));
+  EXPECT_EQ(a->cacheDictionary().count("from-b"), 0u);  // each keeps its own view
+
+  b->setData(bytes("b2"), "later-b", 100);
+  settle(*b);
+  a->clearCache();
+  EXPECT_EQ(onDisk(), (std::set<std::string>{"from-b", "later-b"}));
+  a->setData(bytes("a2"), "from-a", 100);
+  b->removeCacheForKey("from-b");
+  settle(*a);
+  EXPECT_EQ(onDisk(), (std::set<std::string>{"from-a", "later-b"}));
+}
+
+// A symbolic link or a FIFO under a live key's name, or as the index, reads
+// as missing, at once.
+TEST_F(VQCacheTest, LinksAndSpecialFilesReadAsMissing) {
+  auto cache = VQCache::currentCache();
+  cache->setImage(nimb::Image::withBitmap({1, 1, {1, 2, 3, 255}}), "linked", 100);
+  cache->setData(bytes("v"), "fifo", 100);
+  settle(*cache);
+  const std::string outside = std::string(std::getenv("HOME")) + "/outside.png";
+  ASSERT_EQ(::rename(VQCache::pathForKey("linked").c_str(), outside.c_str()), 0);
+  ASSERT_EQ(::symlink(outside.c_str(), VQCache::pathForKey("linked").c_str()), 0);
+  ASSERT_EQ(::unlink(VQCache::pathForKey("fifo").c_str()), 0);
+  ASSERT_EQ(::mkfifo(VQCache::pathForKey("fifo").c_str(), 0600), 0);
+
+  ::alarm(20);  // a read that blocks fails the test instead of hanging it
+  for (const char* key : {"linked", "fifo"}) {
+    EXPECT_FALSE(cache->hasCacheForKey(key)) << key;
+    EXPECT_FALSE(cache->dataForKey(key)) << key;
+    EXPECT_FALSE(cache->imageForKey(key)) << key;
+  }
+  ASSERT_EQ(::unlink(indexPath().c_str()), 0);
+  ASSERT_EQ(::mkfifo(indexPath().c_str(), 0600), 0);
+  EXPECT_TRUE(VQCache::create()->cacheDictionary().empty());
+  cache->setData(bytes("w"), "after", 100);  // the save replaces the FIFO
+  settle(*cache);
+  ::alarm(0);
+  EXPECT_TRUE(nimb::PropertyList::dictionaryWithContentsOfFile(indexPath()));
+}
+
+// A new instance removes the cache's own temporaries that have not been
+// touched for a minute; fresh ones, other names and entries' files stay.
+TEST_F(VQCacheTest, AbandonedTemporariesAreSweptAtStartUp) {
+  auto cache = VQCache::currentCache();
+  const std::string lookalike = ".key.tmp-Kept01";  // a key may have the shape
+  cache->setData(bytes("entry"), lookalike, 100);
+  settle(*cache);
+  auto make = [](const std::string& name, bool old) {
+    const std::string path = VQCache::pathForKey(name);
+    if (name != ".key.tmp-Kept01") {
+      ASSERT_TRUE(FileManager::writeAtomically(path, std::string_view("partial")));
+    }
+    if (!old) return;
+    timespec past[2] = {{std::time(nullptr) - 120, 0}, {std::time(nullptr) - 120, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), past, 0), 0);
+  };
+  make(".photo.tmp-a1B2c3", true);
+  make(".VQCache.plist.tmp-Zz9Yy8", true);
+  make(".photo.tmp-Fresh1", false);
+  make("photo.tmp-a1B2c3", true);  // not a temporary's name
+  make(lookalike, true);
+  VQCache::create()->diskOperationQueue().waitUntilAllOperationsAreFinished();
+  EXPECT_FALSE(FileManager::fileExists(VQCache::pathForKey(".photo.tmp-a1B2c3")));
+  EXPECT_FALSE(FileManager::fileExists(VQCache::pathForKey(".VQCache.plist.tmp-Zz9Yy8")));
+  EXPECT_TRUE(FileManager::fileExists(VQCache::pathForKey(".photo.tmp-Fresh1")));
+  EXPECT_TRUE(FileManager::fileExists(VQCache::pathForKey("photo.tmp-a1B2c3")));
+  EXPECT_EQ(cache->dataForKey(lookalike), bytes("entry"));
 }

@@ -1,6 +1,14 @@
 #include <NimbFoundation/Images/VQCache.h>
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cmath>
+#include <ctime>
 #include <utility>
 
 #include <NimbFoundation/Platform/FileManager.h>
@@ -17,6 +25,9 @@ namespace {
 constexpr const char* kSaveAction = "saveCacheDictionary";
 // The longest file name Linux file systems take.
 constexpr std::size_t kMaxKeyBytes = 255;
+// A temporary file of the cache's own older than this belongs to a write
+// that was killed: a live writer touches its file far more often.
+constexpr std::time_t kAbandonedTemporaryAge = 60;
 
 std::string indexPath() {
   return FileManager::appendingPathComponent(VQCache::cacheDirectory(), VQCache::kIndexFileName);
@@ -24,6 +35,49 @@ std::string indexPath() {
 
 bool isReserved(std::string_view key) {
   return key == VQCache::kIndexFileName;
+}
+
+// An exclusive advisory lock on the cache directory, for as long as the
+// object lives. Every process (and every instance) that saves the index
+// takes it, so read-merge-write of the index is one step for all of them.
+// The directory itself is locked rather than a file in it: no key can
+// replace it, and there is no extra file to leave behind.
+class DirectoryLock {
+ public:
+  explicit DirectoryLock(const std::string& dir) {
+    do {
+      fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    } while (fd_ < 0 && errno == EINTR);
+    if (fd_ < 0) return;
+    int r;
+    do {
+      r = ::flock(fd_, LOCK_EX);
+    } while (r != 0 && errno == EINTR);
+  }
+  ~DirectoryLock() {
+    if (fd_ >= 0) ::close(fd_);  // releases the lock
+  }
+  DirectoryLock(const DirectoryLock&) = delete;
+  DirectoryLock& operator=(const DirectoryLock&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
+// The key-to-date pairs of the index file as it is on disk now; whatever
+// else a damaged or foreign index holds is left out.
+std::map<std::string, Date> readIndexFile() {
+  std::map<std::string, Date> entries;
+  auto index = PropertyList::dictionaryWithContentsOfFile(indexPath(), FollowLinks::No);
+  if (!index) return entries;
+  while (!index->empty()) {
+    // Keys are moved, not copied: an index can hold many thousands.
+    auto node = index->extract(index->begin());
+    if (auto* date = node.mapped().asDate()) {
+      entries.emplace_hint(entries.end(), std::move(node.key()), *date);
+    }
+  }
+  return entries;
 }
 
 }  // namespace
@@ -53,7 +107,12 @@ bool VQCache::isExpired(Date expiry, Date now) {
 }
 
 std::shared_ptr<VQCache> VQCache::create() {
-  return std::make_shared<VQCache>(Passkey{});
+  auto cache = std::make_shared<VQCache>(Passkey{});
+  // Off the caller's thread: the directory may hold many thousand entries.
+  cache->performDiskWriteOperation([weak = std::weak_ptr<VQCache>(cache)] {
+    if (auto self = weak.lock()) self->removeAbandonedTemporaries();
+  });
+  return cache;
 }
 
 std::shared_ptr<VQCache> VQCache::currentCache() {
@@ -68,18 +127,8 @@ std::shared_ptr<VQCache> VQCache::currentCache() {
   return *shared;
 }
 
-VQCache::VQCache(Passkey) : diskOperationQueue_(std::make_unique<OperationQueue>()) {
-  if (auto index = PropertyList::dictionaryWithContentsOfFile(indexPath())) {
-    while (!index->empty()) {
-      // Keys are moved, not copied: an index can hold many thousands.
-      auto node = index->extract(index->begin());
-      // Only dates mean anything here; whatever else a foreign or damaged
-      // index holds is left out (and its file left alone).
-      if (auto* date = node.mapped().asDate()) {
-        cacheDictionary_.emplace_hint(cacheDictionary_.end(), std::move(node.key()), *date);
-      }
-    }
-  }
+VQCache::VQCache(Passkey)
+    : cacheDictionary_(readIndexFile()), diskOperationQueue_(std::make_unique<OperationQueue>()) {
   FileManager::createDirectory(cacheDirectory(), true);
   // One instant for the whole purge, so that it treats every entry alike.
   const Date now = Date::now();
@@ -102,12 +151,13 @@ bool VQCache::hasCacheForKey(const std::string& key) const {
     auto it = cacheDictionary_.find(key);
     if (it == cacheDictionary_.end() || isExpired(it->second)) return false;
   }
-  return FileManager::fileExists(pathForKey(key));
+  // A symbolic link or a special file under the key's name is no entry.
+  return FileManager::isRegularFile(pathForKey(key), FollowLinks::No);
 }
 
 std::optional<Data> VQCache::dataForKey(const std::string& key) const {
   if (!hasCacheForKey(key)) return std::nullopt;
-  return FileManager::contentsAtPath(pathForKey(key));
+  return FileManager::contentsAtPath(pathForKey(key), FollowLinks::No);
 }
 
 void VQCache::setData(Data data, const std::string& key) {
@@ -127,7 +177,9 @@ void VQCache::recordEntry(const std::string& key, double timeoutInterval) {
   if (std::isnan(timeoutInterval)) timeoutInterval = 0;
   {
     std::lock_guard lock(dictionaryMutex_);
-    cacheDictionary_[key] = Date::now().addingTimeInterval(timeoutInterval);
+    const Date expiry = Date::now().addingTimeInterval(timeoutInterval);
+    cacheDictionary_[key] = expiry;
+    unsavedChanges_[key] = expiry;
   }
   RunLoop::performOnMainThread([self = shared_from_this()] { self->saveAfterDelay(); }, true);
 }
@@ -150,7 +202,9 @@ void VQCache::setString(std::string_view string, const std::string& key, double 
 
 std::shared_ptr<const Image> VQCache::imageForKey(const std::string& key) const {
   if (!isUsableKey(key)) return nullptr;
-  return Image::withContentsOfFile(pathForKey(key));
+  auto bytes = FileManager::contentsAtPath(pathForKey(key), FollowLinks::No);
+  if (!bytes) return nullptr;
+  return Image::withData(std::move(*bytes));
 }
 
 void VQCache::setImage(const std::shared_ptr<const Image>& image, const std::string& key) {
@@ -209,6 +263,7 @@ void VQCache::removeItemFromCache(const std::string& key) {
   }
   std::lock_guard lock(dictionaryMutex_);
   cacheDictionary_.erase(key);
+  unsavedChanges_[key] = std::nullopt;
 }
 
 void VQCache::clearCache() {
@@ -235,15 +290,58 @@ void VQCache::saveAfterDelay() {
 }
 
 void VQCache::saveCacheDictionary() {
-  // Holding the save lock across snapshot and write keeps saves in order:
-  // a later save always writes a later snapshot.
+  // Holding the save lock across taking the changes and writing keeps this
+  // instance's saves in order: a later save never writes older changes.
   std::lock_guard saving(saveMutex_);
-  Dictionary index;
+  Changes changes;
   {
     std::lock_guard lock(dictionaryMutex_);
-    for (const auto& [key, expiry] : cacheDictionary_) index.emplace_hint(index.end(), key, expiry);
+    changes.swap(unsavedChanges_);
   }
-  PropertyList::writeDictionaryToFile(index, indexPath());
+  bool written = false;
+  {
+    // Other processes (and other instances) save the same file: under the
+    // directory lock, what is on disk now takes this instance's own changes
+    // and nothing else, so no one's entries are lost.
+    DirectoryLock lock(cacheDirectory());
+    std::map<std::string, Date> entries = readIndexFile();
+    for (const auto& [key, expiry] : changes) {
+      if (expiry) {
+        entries.insert_or_assign(key, *expiry);
+      } else {
+        entries.erase(key);
+      }
+    }
+    Dictionary index;
+    for (auto& [key, expiry] : entries) index.emplace_hint(index.end(), key, expiry);
+    written = PropertyList::writeDictionaryToFile(index, indexPath());
+  }
+  if (!written) {
+    // Kept for the next save; a change made meanwhile is newer and wins.
+    std::lock_guard lock(dictionaryMutex_);
+    for (auto& [key, expiry] : changes) unsavedChanges_.try_emplace(key, std::move(expiry));
+  }
+}
+
+void VQCache::removeAbandonedTemporaries() {
+  const std::string& dir = cacheDirectory();
+  DIR* listing = ::opendir(dir.c_str());
+  if (!listing) return;
+  const std::time_t now = std::time(nullptr);
+  while (dirent* entry = ::readdir(listing)) {
+    std::string_view name = entry->d_name;
+    if (!FileManager::isTemporaryFileName(name)) continue;
+    {
+      // A key may have the same shape; an entry's file is never swept.
+      std::lock_guard lock(dictionaryMutex_);
+      if (cacheDictionary_.count(std::string(name))) continue;
+    }
+    struct stat st {};
+    if (::fstatat(::dirfd(listing), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (!S_ISREG(st.st_mode) || now - st.st_mtime < kAbandonedTemporaryAge) continue;
+    ::unlinkat(::dirfd(listing), entry->d_name, 0);
+  }
+  ::closedir(listing);
 }
 
 void VQCache::writeData(const Data& data, const std::string& path) {

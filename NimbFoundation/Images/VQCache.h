@@ -18,6 +18,13 @@
 //     once. A program that exits must first turn the main run loop until
 //     that save has run (RunLoop::main().runUntilIdle()) and wait for the
 //     disk queue (diskOperationQueue().waitUntilAllOperationsAreFinished()).
+//   - Each instance keeps the index it read at start-up and its own changes
+//     to it; it never picks up entries other processes add later. Many
+//     processes (and instances) may share the directory all the same: a
+//     save takes an advisory lock on the directory, reads the index as it
+//     is on disk, applies this instance's sets and removals since its last
+//     save (a clear is the removal of every key it knew), writes it
+//     atomically and lets go. No process loses another's entries.
 //   - At start-up, files of expired entries are deleted but the entries stay
 //     in the index; they keep failing the expiry test.
 //   - imageForKey() reads the file straight away, ignoring the index and
@@ -31,6 +38,10 @@
 //   - Files and directories are private (0600/0700) and every file is
 //     written through a temporary file and a rename, so a crash never leaves
 //     half an entry or half an index. A corrupt index reads as empty.
+//     Temporaries of writes that were killed (".NAME.tmp-XXXXXX", untouched
+//     for a minute) are removed by each new instance, on the disk queue.
+//   - An entry file, or the index, that is a symbolic link or a special file
+//     (a FIFO, a device) reads as missing; nothing follows it or waits on it.
 //
 // Thread rule: meant for the main thread, and safe from any thread. Sets
 // from another thread hop to the main thread (and wait) to schedule the
@@ -139,9 +150,16 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   static void deleteDataAtPath(const std::string& path);
   void performDiskWriteOperation(OperationQueue::Operation op);
   void recordEntry(const std::string& key, double timeoutInterval);
+  // Deletes the cache's own temporary files that writes killed midway left.
+  void removeAbandonedTemporaries();
 
-  mutable std::mutex dictionaryMutex_;
+  // Key to its new expiry date, or to nullopt for a removal.
+  using Changes = std::map<std::string, std::optional<Date>>;
+
+  mutable std::mutex dictionaryMutex_;  // guards the two maps below
   std::map<std::string, Date> cacheDictionary_;
+  // What this instance changed in the index since its last save.
+  Changes unsavedChanges_;
   std::mutex saveMutex_;
   std::unique_ptr<OperationQueue> diskOperationQueue_;
   std::atomic<double> defaultTimeoutInterval_{0.0};
