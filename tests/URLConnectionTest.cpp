@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <zlib.h>
+
 #include <algorithm>
 #include <optional>
 #include <regex>
@@ -33,9 +35,11 @@ struct Events {
 };
 
 std::shared_ptr<URLConnection> start(const std::string& url, const std::shared_ptr<Events>& e,
-                                     double timeout = 10) {
+                                     double timeout = 10,
+                                     const std::function<void(URLRequest&)>& adjust = {}) {
   URLRequest request(*URL::withString(url));
   request.timeoutInterval = timeout;
+  if (adjust) adjust(request);
   return URLConnection::start(
       request,
       {[e](URLConnection&, const URLResponse& r) { e->responses.push_back(r), e->note('r'); },
@@ -64,6 +68,20 @@ std::shared_ptr<Events> load(const std::string& url, double timeout) {
 #endif
 const std::string kText(64 * 1024, 'z');
 
+std::string gzip(const std::string& text) {
+  z_stream z{};
+  EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY), Z_OK);
+  std::string out(deflateBound(&z, text.size()) + 32, '\0');
+  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  z.avail_in = static_cast<uInt>(text.size());
+  z.next_out = reinterpret_cast<Bytef*>(out.data());
+  z.avail_out = static_cast<uInt>(out.size());
+  EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
+  out.resize(z.total_out);
+  deflateEnd(&z);
+  return out;
+}
+
 class URLConnectionTest : public ::testing::Test {
  protected:
   URLConnectionTest() {
@@ -84,6 +102,16 @@ class URLConnectionTest : public ::testing::Test {
         // Half of the announced body, then the connection drops.
         return offset == 0 && sink.write(std::string(500, 't').data(), 500);
       });
+    });
+    s.Get("/bomb", [](const httplib::Request&, httplib::Response& res) {
+      // 16 MiB of zeros in a few kilobytes of gzip.
+      res.set_header("Content-Encoding", "gzip");
+      res.set_content(gzip(std::string(16 << 20, '\0')), kBinary);
+    });
+    s.Get("/headers", [](const httplib::Request&, httplib::Response& res) {
+      for (int i = 0; i < 1500; ++i)
+        res.set_header("X-Flood-" + std::to_string(i), kText.substr(0, 1000));
+      res.set_content("after the headers", kBinary);
     });
     s.Get("/stall", [this](const httplib::Request&, httplib::Response& res) {
       server.pause(3s);
@@ -166,6 +194,50 @@ TEST_F(URLConnectionTest, DeliversTheFinalResponseOrOneFailure) {
     auto length = e->responses[0].expectedContentLength;  // gzip's is the encoded one
     EXPECT_TRUE(c.body == kText || length == std::ssize(c.body)) << length;
   }
+}
+
+// A request's limits hold against servers that never stop: the body is
+// counted after decoding (a gzip bomb is caught, a body of exactly the
+// limit is not), a plain body announced too long is refused before it
+// comes, the resource timeout ends a transfer that keeps making progress,
+// and a flood of headers fails too.
+TEST_F(URLConnectionTest, LimitsEndHostileTransfers) {
+  struct Case {
+    std::string path;
+    std::uint64_t maximum;
+    double resourceTimeout;
+    long code;  // 0: finishes
+    std::string kinds;
+  };
+  const std::uint64_t kMiB = 1 << 20;
+  for (const auto& c :
+       {Case{"/endless", kMiB, 0, kURLErrorDataLengthExceedsMaximum, "rd*x"},
+        Case{"/bomb", kMiB, 0, kURLErrorDataLengthExceedsMaximum, "rd*x"},
+        Case{"/big", 300 * 1024 - 1, 0, kURLErrorDataLengthExceedsMaximum, "x"},
+        Case{"/big", 300 * 1024, 0, 0, "rd+f"}, Case{"/endless", 0, 0.5, kURLErrorTimedOut, "rd*x"},
+        Case{"/headers", 0, 0, kURLErrorBadServerResponse, "x"}}) {
+    SCOPED_TRACE(c.path + " " + std::to_string(c.maximum));
+    auto e = std::make_shared<Events>();
+    auto started = Clock::now();
+    auto connection = start(url(c.path), e, 10, [&](URLRequest& r) {
+      r.maximumBodyLength = c.maximum;
+      r.timeoutIntervalForResource = c.resourceTimeout;
+    });
+    ASSERT_TRUE(pumpUntil([&] { return e->ended(); }, 20));
+    EXPECT_TRUE(std::regex_match(e->kinds, std::regex(c.kinds))) << e->kinds;
+    if (c.maximum) {
+      EXPECT_LE(e->body.size(), c.maximum);
+    }
+    if (!c.code) continue;
+    ASSERT_TRUE(e->error);
+    EXPECT_EQ(e->error->code, c.code) << e->error->localizedDescription();
+    if (c.resourceTimeout) {
+      double seconds = std::chrono::duration<double>(e->lastAt - started).count();
+      EXPECT_GE(seconds, c.resourceTimeout * 0.8);
+      EXPECT_LT(seconds, c.resourceTimeout + 3);
+    }
+  }
+  EXPECT_TRUE(pumpUntil([] { return URLConnection::activeTransferCount() == 0; }, 5));
 }
 
 // Right after start or amid an endless body, a cancelled transfer reports

@@ -21,6 +21,8 @@ URLRequest VQImageLoadConnection::makeRequest() const {
   URLRequest request(imageURL_);
   request.cachePolicy = URLRequestCachePolicy::ReturnCacheDataElseLoad;
   request.timeoutInterval = timeoutInterval_;
+  request.timeoutIntervalForResource = timeoutIntervalForResource_;
+  request.maximumBodyLength = maximumBodyLength_;
   request.setValue("gzip", "Accept-Encoding");
   return request;
 }
@@ -93,6 +95,8 @@ void VQImageLoadConnection::connectionDidFinishLoading(URLConnection& from) {
 
 void VQImageLoadConnection::connection(URLConnection& from, const Error& error) {
   if (&from != connection_.get()) return;
+  // A failed body is never used; up to maximumBodyLength() bytes go now.
+  Data().swap(responseData_);
   auto delegate = delegate_.lock();
   if (delegate && delegate->imageLoadConnection) delegate->imageLoadConnection(*this, error);
 }

@@ -5,7 +5,12 @@
 //
 // The request asks for cached data when there is any (there is no HTTP cache
 // on Linux yet, so it loads), sends "Accept-Encoding: gzip", and times out
-// after timeoutInterval() seconds without progress (30 by default).
+// after timeoutInterval() seconds without progress (30 by default). A body
+// longer than maximumBodyLength() bytes once decoded (64 MiB by default, a
+// bound suited to pictures) fails with kURLErrorDataLengthExceedsMaximum
+// (-1103) as soon as it crosses it; timeoutIntervalForResource() bounds
+// the whole transfer (off by default). A failed connection lets go of the
+// bytes it had gathered: responseData() is empty after any failure.
 //
 // The fraction reported after each chunk is the body length so far divided
 // by the response's expected length, both as float, and it is kept raw on
@@ -53,6 +58,7 @@ class VQImageLoadConnection : public std::enable_shared_from_this<VQImageLoadCon
 
  public:
   static constexpr double kDefaultTimeoutInterval = 30.0;
+  static constexpr std::uint64_t kDefaultMaximumBodyLength = 64ull << 20;  // 64 MiB
 
   // Keeps the URL and the delegate; nothing is sent until start().
   static std::shared_ptr<VQImageLoadConnection> create(
@@ -75,6 +81,13 @@ class VQImageLoadConnection : public std::enable_shared_from_this<VQImageLoadCon
   void setDelegate(std::weak_ptr<VQImageLoadConnectionDelegate> d) { delegate_ = std::move(d); }
   double timeoutInterval() const { return timeoutInterval_; }
   void setTimeoutInterval(double seconds) { timeoutInterval_ = seconds; }
+  // Read by start(); 0 lifts the limit.
+  std::uint64_t maximumBodyLength() const { return maximumBodyLength_; }
+  void setMaximumBodyLength(std::uint64_t bytes) { maximumBodyLength_ = bytes; }
+  // Seconds the whole transfer may take, read by start(); 0 (the default)
+  // sets no bound.
+  double timeoutIntervalForResource() const { return timeoutIntervalForResource_; }
+  void setTimeoutIntervalForResource(double seconds) { timeoutIntervalForResource_ = seconds; }
   // The running platform connection, if started.
   const std::shared_ptr<URLConnection>& connection() const { return connection_; }
 
@@ -100,6 +113,8 @@ class VQImageLoadConnection : public std::enable_shared_from_this<VQImageLoadCon
   Data responseData_;
   std::shared_ptr<URLConnection> connection_;
   double timeoutInterval_ = kDefaultTimeoutInterval;
+  std::uint64_t maximumBodyLength_ = kDefaultMaximumBodyLength;
+  double timeoutIntervalForResource_ = 0;
   std::weak_ptr<VQImageLoadConnectionDelegate> delegate_;
 };
 

@@ -32,6 +32,7 @@ enum URLErrorCode : long {
   kURLErrorResourceUnavailable = -1008,
   kURLErrorBadServerResponse = -1011,
   kURLErrorCannotDecodeContentData = -1016,
+  kURLErrorDataLengthExceedsMaximum = -1103,
   kURLErrorSecureConnectionFailed = -1200,
   kURLErrorServerCertificateUntrusted = -1202,
 };

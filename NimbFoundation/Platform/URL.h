@@ -58,6 +58,14 @@ struct URLRequest {
   URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::UseProtocolCachePolicy;
   // Seconds without progress after which the load fails as timed out.
   double timeoutInterval = 60.0;
+  // Seconds the whole load may take once it has a connection, however
+  // steadily the server sends; then it fails as timed out. 0: no limit.
+  double timeoutIntervalForResource = 0;
+  // The most body bytes, counted after content decoding (so a small gzip
+  // body that inflates without end is caught), the load accepts. A body
+  // that grows past it fails with kURLErrorDataLengthExceedsMaximum as soon
+  // as it does. 0: no limit.
+  std::uint64_t maximumBodyLength = 0;
   HTTPHeaderFields allHTTPHeaderFields;
   void setValue(std::string value, std::string field) {
     allHTTPHeaderFields[std::move(field)] = std::move(value);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -27,6 +28,11 @@ constexpr auto kHousekeepingInterval = std::chrono::milliseconds(50);
 // with it to the same run loop.
 constexpr auto kBatchWindow = std::chrono::microseconds(1000);
 constexpr const char* kUserAgent = "NimbFoundation/" NIMB_VERSION_STRING;
+// The most header bytes one transfer takes from its server, over every
+// response it reads (interim ones and redirects included): ample for any
+// real server, a bound on what an endless header block can make us hold,
+// and below libcurl's own limit so that the failure says what happened.
+constexpr std::size_t kMaxHeaderBytes = 256 * 1024;
 
 std::string trim(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
@@ -118,6 +124,12 @@ class NetworkThread {
     Clock::time_point lastProgress;
     curl_off_t lastDownloaded = -1;
     std::atomic<std::size_t>* undelivered = nullptr;
+    std::uint64_t maximumBodyLength = 0;  // 0: no limit
+    std::uint64_t bodyReceived = 0;       // decoded body bytes so far
+    std::size_t headerBytes = 0;          // over every response of the transfer
+    // Why the transfer was stopped from one of the callbacks, when it was:
+    // libcurl itself only reports a write error.
+    std::optional<std::pair<long, std::string>> abort;
   };
 
   NetworkThread() {
@@ -253,6 +265,11 @@ class NetworkThread {
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     if (timeoutMs > 0) curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
+    if (request.timeoutIntervalForResource > 0) {
+      long resourceMs = static_cast<long>(std::min(request.timeoutIntervalForResource, 1e6) * 1000);
+      curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, std::max(resourceMs, 1L));
+    }
+    t->maximumBodyLength = request.maximumBodyLength;
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &NetworkThread::onHeader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, t.get());
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &NetworkThread::onData);
@@ -317,7 +334,9 @@ class NetworkThread {
     auto it = transfers_.find(easy);
     if (it == transfers_.end()) return;
     Transfer& t = *it->second;
-    if (result == CURLE_OK) {
+    if (t.abort) {
+      fail(t, t.abort->first, t.abort->second);
+    } else if (result == CURLE_OK) {
       deliver(
           t,
           [](URLConnection& c, URLConnectionDelegate& d) {
@@ -367,11 +386,27 @@ class NetworkThread {
     return 0;
   }
 
+  // Stops the transfer from inside a libcurl callback; done() reports it.
+  static std::size_t abortTransfer(Transfer& t, long code, std::string description) {
+    t.abort.emplace(code, std::move(description));
+    return 0;  // fewer bytes than offered: libcurl ends the transfer
+  }
+
+  static std::string tooLong(std::uint64_t maximum) {
+    return "The response body is longer than the maximum of " + std::to_string(maximum) + " bytes.";
+  }
+
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* p) {
     auto* t = static_cast<Transfer*>(p);
     std::size_t n = size * count;
     std::string_view line(data, n);
     t->lastProgress = Clock::now();
+    t->headerBytes += n;
+    if (t->headerBytes > kMaxHeaderBytes) {
+      return abortTransfer(
+          *t, kURLErrorBadServerResponse,
+          "The server sent more than " + std::to_string(kMaxHeaderBytes) + " bytes of headers.");
+    }
     if (line.starts_with("HTTP/")) {
       t->inHeaderBlock = true;
       t->responseHeaders.clear();
@@ -380,7 +415,9 @@ class NetworkThread {
     if (!t->inHeaderBlock) return n;  // trailers
     if (line == "\r\n" || line == "\n") {
       t->inHeaderBlock = false;
-      responseComplete(*t);
+      if (!responseComplete(*t)) {
+        return abortTransfer(*t, kURLErrorDataLengthExceedsMaximum, tooLong(t->maximumBodyLength));
+      }
       return n;
     }
     auto colon = line.find(':');
@@ -393,12 +430,14 @@ class NetworkThread {
     return n;
   }
 
-  static void responseComplete(Transfer& t) {
+  // Reports a final response; false when it announces a body longer than
+  // the transfer accepts, which ends the transfer before any of it comes.
+  static bool responseComplete(Transfer& t) {
     long status = 0;
     curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
     // Interim and followed-redirect responses stay inside the transfer.
-    if (status / 100 == 1) return;
-    if (status / 100 == 3 && t.responseHeaders.count("Location")) return;
+    if (status / 100 == 1) return true;
+    if (status / 100 == 3 && t.responseHeaders.count("Location")) return true;
     URLResponse response{t.connection->request_.url, status, std::move(t.responseHeaders), -1};
     t.responseHeaders = {};
     char* effective = nullptr;
@@ -416,22 +455,36 @@ class NetworkThread {
       }
     }
     t.bodyLeft = response.expectedContentLength;
+    // An announced length is the encoded one; only a body sent as it is can
+    // be refused by it before it arrives.
+    auto encoding = response.allHeaderFields.find("Content-Encoding");
+    bool plain = encoding == response.allHeaderFields.end() || encoding->second.empty() ||
+                 sameField(encoding->second, "identity");
+    if (plain && t.maximumBodyLength > 0 && response.expectedContentLength > 0 &&
+        static_cast<std::uint64_t>(response.expectedContentLength) > t.maximumBodyLength) {
+      return false;
+    }
     deliver(
         t,
         [response = std::move(response)](URLConnection& c, URLConnectionDelegate& d) {
           if (d.didReceiveResponse) d.didReceiveResponse(c, response);
         },
         false);
+    return true;
   }
 
   static std::size_t onData(char* data, std::size_t size, std::size_t count, void* p) {
     auto* t = static_cast<Transfer*>(p);
     std::size_t n = size * count;
     if (t->connection->cancelled_) return 0;  // ends the transfer; the cancel removes it
+    if (t->maximumBodyLength > 0 && n > t->maximumBodyLength - t->bodyReceived) {
+      return abortTransfer(*t, kURLErrorDataLengthExceedsMaximum, tooLong(t->maximumBodyLength));
+    }
     if (t->undelivered->load() > URLConnection::kMaxUndeliveredBytes) {
       t->paused = true;
       return CURL_WRITEFUNC_PAUSE;
     }
+    t->bodyReceived += n;
     t->lastProgress = Clock::now();
     t->undelivered->fetch_add(n);
     if (t->bodyLeft > 0) t->bodyLeft -= std::min<std::int64_t>(t->bodyLeft, n);
@@ -443,9 +496,12 @@ class NetworkThread {
     auto chunk = std::make_shared<Data>();
     // Room for the rest of the announced body, so a receiver that keeps this
     // chunk as its buffer grows it in place.
-    constexpr std::int64_t kReserveCap = 64 << 20;
+    std::int64_t reserveCap = 64 << 20;
+    if (t->maximumBodyLength > 0 && t->maximumBodyLength < static_cast<std::uint64_t>(reserveCap)) {
+      reserveCap = static_cast<std::int64_t>(t->maximumBodyLength);
+    }
     chunk->reserve(std::max<std::size_t>(
-        n, static_cast<std::size_t>(std::clamp<std::int64_t>(t->bodyLeft, 0, kReserveCap))));
+        n, static_cast<std::size_t>(std::clamp<std::int64_t>(t->bodyLeft, 0, reserveCap))));
     chunk->assign(bytes, bytes + n);
     auto c = t->connection;
     t->owner->enqueue(*c, [c, chunk] {

@@ -13,7 +13,14 @@
 //     not count);
 //   - at most kMaxConnectionsPerHost connections run at once per host; the
 //     rest wait their turn;
-//   - HTTP status codes are not failures: an error page is a body.
+//   - HTTP status codes are not failures: an error page is a body;
+//   - a body longer than request.maximumBodyLength (decoded bytes; the
+//     announced length of a plain body is believed at once) fails with
+//     kURLErrorDataLengthExceedsMaximum, and a load that runs past
+//     request.timeoutIntervalForResource fails as timed out, however
+//     steadily the server sends; both are off unless the request sets them;
+//   - a server that sends more than 256 KiB of headers fails the load with
+//     kURLErrorBadServerResponse.
 // Events travel to the run loop in batches (an event waits at most about a
 // millisecond for company), and body bytes that arrive within one batch
 // come as one chunk: waking the receiving thread per event would cost more
