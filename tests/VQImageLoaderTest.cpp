@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <map>
 #include <thread>
 
 #include "HttpTestServer.h"
@@ -59,19 +60,32 @@ struct Heard {
 class VQImageLoaderTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    server.server().Get(
-        R"(/(.*))", [this](const httplib::Request& request, httplib::Response& response) {
-          ++requests;
-          const std::string path = request.matches[1];
-          if (path == "page.html") {
-            response.set_content("<html><body>Not found</body></html>", "text/html");
-          } else if (path == "slow.png") {
-            server.pause(std::chrono::milliseconds(200));
-            response.set_content(png, "image/png");
-          } else {
-            response.set_content(png, "image/png");
-          }
+    server.server().Get(R"(/(.*))", [this](const httplib::Request& request,
+                                           httplib::Response& response) {
+      ++requests;
+      const std::string path = request.matches[1];
+      const bool first = ++hits[path] == 1;  // handlers run one at a time per path here
+      if (path == "page.html" || (path == "flaky-406.png" && first)) {
+        response.set_content("<html><body>Not found</body></html>", "text/html");
+      } else if (path == "flaky-drop.png" && first) {
+        response.set_content_provider(1000, "image/png",
+                                      [](size_t, size_t, httplib::DataSink& sink) {
+                                        sink.write("\x89PNG", 4);
+                                        return false;  // the connection drops
+                                      });
+      } else if (path == "endless") {
+        response.set_chunked_content_provider("image/png", [this](size_t, httplib::DataSink& sink) {
+          const std::string block(64 * 1024, 'e');
+          while (sink.write(block.data(), block.size())) server.pause(std::chrono::milliseconds(1));
+          return false;
         });
+      } else if (path == "slow.png") {
+        server.pause(std::chrono::milliseconds(200));
+        response.set_content(png, "image/png");
+      } else {
+        response.set_content(png, "image/png");
+      }
+    });
     server.start();
     loader = VQImageLoader::create(&center);
   }
@@ -82,6 +96,7 @@ class VQImageLoaderTest : public ::testing::Test {
       Image::withBitmap({30, 20, std::vector<std::uint8_t>(30 * 20 * 4, 0x7F)}));
   nimb::test::HttpTestServer server;
   std::atomic<int> requests{0};
+  std::map<std::string, std::atomic<int>> hits;
   NotificationCenter center;
   std::shared_ptr<VQImageLoader> loader;
 };
@@ -244,4 +259,62 @@ TEST_F(VQImageLoaderTest, LifetimeAndClearing) {
   EXPECT_FALSE(loader->imageForURL(url("d.png"), nullptr, false));
   EXPECT_FALSE(loader->isLoadingImageURL(url("d.png")));
   EXPECT_FALSE(loader->imageForURL(std::nullopt, nullptr, true));
+}
+
+// When observers hear that a download ended, the URL is idle: a retry asked
+// for from the failure handler (after a refused body or a dropped
+// connection) and a reload asked for from the loaded handler each start a
+// new download that runs to its own end.
+TEST_F(VQImageLoaderTest, ALoadAskedForFromAnEndNotificationRuns) {
+  struct Case {
+    std::string path;
+    const char* first;  // the end that asks again
+  };
+  for (const auto& c : {Case{"flaky-406.png", "failed"}, Case{"flaky-drop.png", "failed"},
+                        Case{"reload.png", "loaded"}}) {
+    SCOPED_TRACE(c.path);
+    const URL u = url(c.path);
+    std::vector<std::string> ends;
+    auto observer = std::make_shared<VQImageLoaderObserver>();
+    auto end = [&](const char* what) {
+      return [&, what](const Notification&) {
+        ends.push_back(what);
+        if (ends.size() > 1) return;
+        EXPECT_FALSE(loader->isLoadingImageURL(u));
+        if (std::string(what) == "loaded") loader->clearCacheForURL(u);
+        loader->loadImageForURL(u);  // the observer is registered already
+      };
+    };
+    observer->imageLoaderDidLoad = end("loaded");
+    observer->imageLoaderDidFailToLoad = end("failed");
+    const int before = requests;
+    loader->loadImageForURL(u, observer);
+    ASSERT_TRUE(pumpUntil([&] { return ends.size() == 2; }, 10));
+    EXPECT_EQ(ends, (std::vector<std::string>{c.first, "loaded"}));
+    EXPECT_EQ(requests - before, 2);
+    EXPECT_FALSE(loader->isLoadingImageURL(u));
+    VQCache::currentCache()->diskOperationQueue().waitUntilAllOperationsAreFinished();
+    EXPECT_TRUE(loader->hasLoadedImageURL(u));
+    loader->removeObserver(observer.get());
+  }
+}
+
+// A body past the loader's limit fails with the platform's code while it
+// arrives, and nothing of it is cached.
+TEST_F(VQImageLoaderTest, ABodyPastTheLimitFailsAndIsNotCached) {
+  EXPECT_EQ(loader->maximumBodyLength(), 64u << 20);
+  loader->setMaximumBodyLength(256 * 1024);
+  Heard heard;
+  auto observer = heard.observer();
+  auto connection = loader->loadImageForURL(url("endless"));
+  EXPECT_EQ(connection->maximumBodyLength(), 256u * 1024);
+  loader->addObserver(observer, url("endless"));
+  ASSERT_TRUE(pumpUntil([&] { return heard.ended(); }, 10));
+  ASSERT_EQ(heard.last(), "failed");
+  const Error* error = heard.notifications.back().get<Error>("error");
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, nimb::kURLErrorDataLengthExceedsMaximum);
+  EXPECT_TRUE(connection->responseData().empty());  // the bytes it held are gone
+  EXPECT_FALSE(loader->isLoadingImageURL(url("endless")));
+  EXPECT_FALSE(loader->hasLoadedImageURL(url("endless")));
 }

@@ -55,8 +55,12 @@ struct Told {
 class VQImageViewTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    server.server().Get(R"(/(.*))", [this](const httplib::Request&, httplib::Response& res) {
-      ++requests;
+    server.server().Get(R"(/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
+      // "flaky" paths answer with a page that is no picture the first time.
+      if (++requests == 1 && req.path.find("flaky") != std::string::npos) {
+        res.set_content("<html>try again</html>", "text/html");
+        return;
+      }
       res.set_content(picture, "image/png");
     });
     server.start();
@@ -204,4 +208,23 @@ TEST_F(VQImageViewTest, CacheLifetimeRefusesNonPositiveValuesOnThePlatformLog) {
   EXPECT_EQ(VQImageLoader::sharedImageLoader()->cache_seconds(), 604800.0);
   view->setCacheSecondes(60);
   EXPECT_EQ(VQImageLoader::sharedImageLoader()->cache_seconds(), 60.0);
+}
+
+// A delegate that sets the same URL again when it hears of a failure gets
+// the picture: the retry is a new download, not lost in the old one's end.
+TEST_F(VQImageViewTest, ADelegateThatRetriesOnFailureGetsThePicture) {
+  auto view = VQImageView::createWithPlaceholderImage(placeholder);
+  auto retrying = std::make_shared<VQImageViewDelegate>();
+  retrying->imageViewLoadedImage = [&](VQImageView&) { ++told.loaded; };
+  retrying->imageViewFailedToLoadImage = [&](VQImageView& v, const nimb::Error& error) {
+    EXPECT_EQ(error.code, 406);
+    if (++told.failed == 1) v.setImageURL(url("flaky.png"));
+  };
+  view->setDelegate(retrying);
+  view->setImageURL(url("flaky.png"));
+  ASSERT_TRUE(pumpUntil([&] { return told.loaded > 0; }, 10));
+  EXPECT_EQ(told.failed, 1);
+  EXPECT_EQ(requests.load(), 2);
+  EXPECT_EQ(view->status(), VQImageView::kLoaded);
+  EXPECT_EQ(view->image()->size(), (Size{300, 200}));
 }

@@ -49,6 +49,12 @@ VQImageLoader::VQImageLoader(Passkey, NotificationCenter* center)
       snapshot_(std::make_shared<const ConnectionTable>()) {}
 
 VQImageLoader::~VQImageLoader() {
+  // Nobody is left to hear these downloads: withdraw the starts still
+  // pending (they hold their connections) and stop the rest.
+  for (auto& [url, loading] : connections_) {
+    if (auto loop = loading.runLoop.lock()) loop->cancelPerforms(loading.connection.get(), "start");
+    loading.connection->cancel();
+  }
   setCurrentConnections(nullptr);
 }
 
@@ -80,12 +86,16 @@ bool VQImageLoader::isLoadingImageURL(const URL& url) const {
   return loadingConnectionForURL(url) != nullptr;
 }
 
-void VQImageLoader::removeFromTable(const URL& url) {
-  // The original changes the table without its lock on the finish and
-  // failure paths; here every change is locked, since an unlocked write
-  // would be a data race in C++. From one thread the effect is the same.
+void VQImageLoader::removeFromTable(const VQImageLoadConnection& connection) {
+  // Every change of the table is locked: the finish and failure paths run
+  // on the loading thread while others may ask for URLs. Only the entry of
+  // this very connection goes: an observer that asked for the URL again
+  // from its end notification has put a new connection there, which must
+  // stay and run.
   std::lock_guard lock(connectionsLock_);
-  connections_.erase(url.absoluteString());
+  auto found = connections_.find(connection.imageURL().absoluteString());
+  if (found == connections_.end() || found->second.connection.get() != &connection) return;
+  connections_.erase(found);
   setCurrentConnections(std::make_shared<const ConnectionTable>(connections_));
 }
 
@@ -94,18 +104,18 @@ void VQImageLoader::removeFromTable(const URL& url) {
 std::shared_ptr<VQImageLoadConnection> VQImageLoader::loadImageForURL(const URL& url) {
   if (auto running = loadingConnectionForURL(url)) return running;
   auto connection = VQImageLoadConnection::create(url, delegate_);
+  connection->setMaximumBodyLength(maximumBodyLength());
   auto runLoop = RunLoop::currentShared();
   {
     std::lock_guard lock(connectionsLock_);
     connections_[url.absoluteString()] = Loading{connection, runLoop};
     setCurrentConnections(std::make_shared<const ConnectionTable>(connections_));
   }
-  // The table keeps the connection alive; the delayed start only needs it
-  // while it is still there.
-  std::weak_ptr<VQImageLoadConnection> weak = connection;
-  runLoop->performAfterDelay(kStartDelay, connection.get(), "start", [weak] {
-    if (auto c = weak.lock()) c->start();
-  });
+  // The scheduled start holds the connection until it runs or is withdrawn
+  // by cancelLoadForURL(): whatever happens to the table meanwhile, a load
+  // that was asked for is started.
+  runLoop->performAfterDelay(kStartDelay, connection.get(), "start",
+                             [connection] { connection->start(); });
   return connection;
 }
 
@@ -155,7 +165,7 @@ void VQImageLoader::cancelLoadForURL(const std::optional<URL>& url) {
 void VQImageLoader::cleanUpConnection(VQImageLoadConnection& connection) {
   if (connection.imageURL().absoluteString().empty()) return;
   connection.setDelegate({});
-  removeFromTable(connection.imageURL());
+  removeFromTable(connection);
 }
 
 // --- Observers ---
@@ -241,11 +251,13 @@ void VQImageLoader::didFinishLoading(VQImageLoadConnection& connection) {
   }
   if (accepted) {
     VQCache::currentCache()->setData(bytes, keyForURL(url), cache_seconds());
-    removeFromTable(url);
   } else {
     userInfo["error"] = Error{url.host(), kNotAnImageCode, {}};
     prefix = kLoadFailedPrefix;
   }
+  // Observers hear of the end with the URL idle, accepted or refused alike:
+  // a load they ask for from their handler (a retry, a reload) is new.
+  removeFromTable(connection);
   post(prefix, url, std::move(userInfo));
   cleanUpConnection(connection);
 }
@@ -253,7 +265,7 @@ void VQImageLoader::didFinishLoading(VQImageLoadConnection& connection) {
 void VQImageLoader::didFail(VQImageLoadConnection& connection, const Error& error) {
   auto keep = connection.shared_from_this();
   const URL url = connection.imageURL();
-  removeFromTable(url);
+  removeFromTable(connection);
   post(kLoadFailedPrefix, url, UserInfo{{"error", error}});
   cleanUpConnection(connection);
 }

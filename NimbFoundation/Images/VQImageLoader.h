@@ -18,7 +18,7 @@
 // userInfo value types: "percent" float, "image" std::shared_ptr<const
 // Image>, "imageGif" Data, "error" Error, "imageURL" URL.
 //
-// Behaviour kept from the original on purpose:
+// Rules callers rely on:
 //   - isGif() is loader-wide: dataForURL() sets it for whatever download
 //     finishes next, for any URL. The bytes are never sniffed for it.
 //   - A body that is no picture is refused with code 406 and the URL's host
@@ -27,12 +27,19 @@
 //     hears everything twice. Observers are never removed by the loader.
 //   - imageForURL() does not look at expiry (the cache's imageForKey does
 //     not); dataForURL() and hasLoadedImageURL() do.
+//   - When observers hear that a download ended (loaded or failed), the URL
+//     is idle: a load they ask for from their handler (a retry after a
+//     failure, a reload after clearing the cache) is a new download, and it
+//     runs. A scheduled start holds its connection until it runs or
+//     cancelLoadForURL() withdraws it.
+//   - Bodies longer than maximumBodyLength() (64 MiB by default) fail with
+//     kURLErrorDataLengthExceedsMaximum; nothing is cached.
 //
 // Who calls it: VQImageView, and host code. Thread rule: meant for the main
 // thread; the connection table and its snapshot are locked, so other
 // threads may ask too, but two threads asking for one URL at the same
-// moment can each start a connection (the check and the insert are not one
-// step, as in the original). A connection's events, and so the posting,
+// moment can each start a connection: the lookup reads the snapshot, and
+// the check and the insert are not one step. A connection's events, and so the posting,
 // run on the thread that called loadImageForURL(); that thread's run loop
 // must turn, and so must the main thread's.
 #pragma once
@@ -134,6 +141,10 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   double cache_seconds() const { return cacheSeconds_.load(); }
   // Ignores anything not greater than 0 (NaN included).
   void setCache_seconds(double seconds);
+  // The longest body, in decoded bytes, a download may have; given to each
+  // connection when the load is asked for. 0 lifts the limit.
+  std::uint64_t maximumBodyLength() const { return maximumBodyLength_.load(); }
+  void setMaximumBodyLength(std::uint64_t bytes) { maximumBodyLength_.store(bytes); }
 
   // The snapshot of the connection table, replaced after every change.
   std::shared_ptr<const ConnectionTable> currentConnections() const;
@@ -151,8 +162,9 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   void didFail(VQImageLoadConnection& connection, const Error& error);
   void cleanUpConnection(VQImageLoadConnection& connection);
 
-  // Changes the table and replaces the snapshot.
-  void removeFromTable(const URL& url);
+  // Drops the connection's own entry from the table, if it is still there,
+  // and replaces the snapshot.
+  void removeFromTable(const VQImageLoadConnection& connection);
   void post(std::string_view prefix, const URL& url, UserInfo userInfo);
 
   NotificationCenter& center_;
@@ -163,6 +175,7 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   std::shared_ptr<const ConnectionTable> snapshot_;
   std::atomic<bool> isGif_{false};
   std::atomic<double> cacheSeconds_{kDefaultCacheSeconds};
+  std::atomic<std::uint64_t> maximumBodyLength_{VQImageLoadConnection::kDefaultMaximumBodyLength};
 };
 
 }  // namespace nimb
