@@ -5,7 +5,7 @@
 // twice its shorter side and keeps the crop in the disk cache under
 // "NimbCutoffImageLoader-" + the URL's digest, so each URL is cropped once.
 //
-// Behaviour kept from the original on purpose:
+// Rules callers rely on:
 //   - A cropping view with isAutoStart() on never downloads: setImageURL()
 //     only looks for a cached crop, and startImageLoad() does nothing while
 //     isAutoStart() is on. Turn isAutoStart() off and call startImageLoad().

@@ -11,8 +11,8 @@
 // On Linux: the carrier is always "" (there is no telephony service to
 // ask); the hardware address is that of an interface literally named "en0",
 // which Linux machines rarely have; and since the hardware model is uname's
-// machine name, accessString() answers "WiFi" at once on x86_64, as the
-// original does on a simulator.
+// machine name, accessString() answers "WiFi" at once on x86_64: a
+// simulator-class model is always taken to be on Wi-Fi.
 //
 // Called by host code and by VQUtils (the log's time stamp). Thread rule:
 // any thread.

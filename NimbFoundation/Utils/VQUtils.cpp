@@ -28,9 +28,9 @@ namespace nimb {
 
 namespace {
 
-// The log switch and prefix. The original reads them without a lock; here
-// the switch is atomic and the prefix sits behind a mutex, so that a host
-// changing them while other threads log is not a data race.
+// The log switch and prefix. The switch is atomic and the prefix sits
+// behind a mutex, so that a host changing them while other threads log is
+// not a data race.
 struct LogState {
   std::atomic<bool> open{false};
   std::mutex prefixMutex;
@@ -44,8 +44,8 @@ LogState& logState() {
   return *state;
 }
 
-// The characters urlEncode() escapes besides those a URL may not hold: the
-// original's set, the percent sign named twice and the space included.
+// The characters urlEncode() escapes besides those a URL may not hold, the
+// percent sign named twice and the space included.
 constexpr std::string_view kLegalToEscape = "!*'\"();:@&=+$,/?%#[]% ";
 
 std::string encodeWith(const std::shared_ptr<VQStringEncoding>& encoder,
@@ -289,7 +289,7 @@ std::optional<std::string> VQUtils::AES256Encrypt(std::string_view plainText,
     outLog("AES encrypt failed: params error.");
     return std::nullopt;
   };
-  // The secret first, as the original tests it. Its first 16 characters
+  // The secret is checked before the text. Its first 16 characters
   // must be ASCII to fill the vector, so counting bytes there counts
   // characters.
   if (!isValidUtf8(appSecret) || appSecret.size() < 16) return refuse();

@@ -16,7 +16,7 @@
 //     nullopt, never as a crash.
 //   - Text is UTF-8. Operations that count characters count UTF-16 units,
 //     as the platform's strings do.
-//   - The quirks of the original are kept on purpose, each noted where it
+//   - A few rules surprise at first and are relied on, each noted where it
 //     is declared: an absent key reads as "(null)", "%%" in a log message is
 //     doubled, a plus sign stays a plus sign when decoding.
 //
@@ -141,16 +141,16 @@ class VQUtils {
   //   "[HH:mm:ss.SSS(  tid)] - " [prefix " "] message " \n"
   // with the time of day in the default time zone and the kernel thread
   // number right-aligned in five columns. Every "%%" of the formatted
-  // message comes out doubled ("%%%%"), as in the original. A null format
+  // message comes out doubled ("%%%%"): the message is formatted twice. A null format
   // prints the header and "nil".
   static void outLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
   static void outLog(std::nullptr_t);
   static void outLogv(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
 
   // --- Random ---
-  // random32() % (max - min + 1) + min in unsigned 32-bit arithmetic, with
-  // the modulo bias of the original. When the range spans all 2^32 values
-  // the random number itself is returned.
+  // random32() % (max - min + 1) + min in unsigned 32-bit arithmetic, modulo
+  // bias included, so a seed gives the same numbers everywhere. When the range spans all 2^32
+  // values the random number itself is returned.
   static std::int32_t getRand(std::int32_t min, std::int32_t max);
 
   // --- View trees and images (main thread) ---
@@ -185,8 +185,8 @@ class VQUtils {
   // --- Store page ---
   // Shows the store page of app `appIdentifier` from `presenter`, then calls
   // `completion(success, error)`. Linux has no application store, so this
-  // returns at once and never calls back, as the original does where the
-  // store is missing.
+  // returns at once and never calls back, which is what callers get
+  // wherever the store is missing.
   static void presentStoreProductForApp(std::string_view appIdentifier,
                                         const std::shared_ptr<View>& presenter,
                                         const std::function<void(bool, const Error*)>& completion);
