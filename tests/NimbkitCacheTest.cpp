@@ -5,9 +5,13 @@
 
 #include <NimbFoundation/Platform/FileManager.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "TestSupport.h"
 
 using nimb::test::runNimbkit;
+using nimb::test::startNimbkit;
 
 TEST(NimbkitCache, StoreReadListAndRemove) {
   auto set = runNimbkit({"cache", "set", "greeting"}, "hello\n");
@@ -56,10 +60,10 @@ TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
            {"cache", "get", ".."},
            {"cache", "set", "k", "--ttl", "soon"},
            {"cache", "set", "k", "--ttl", "inf"},
-           {"cache", "set", "k", "--file", "/nonexistent/file"},
-           {"cache", "copy", "/nonexistent/file", "k"},
            {"cache", "frobnicate"},
            {"cache"},
+           {"frobnicate"},
+           {"serve", ".", "--port", "99999"},
        }) {
     auto r = runNimbkit(args, "data");
     EXPECT_EQ(r.exitCode, 2) << args.back();
@@ -67,4 +71,71 @@ TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
     EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;  // exactly one line
   }
   EXPECT_EQ(runNimbkit({"cache", "list"}).out, "");  // nothing was stored
+}
+
+TEST(NimbkitCache, UnknownSubcommandsAreNamed) {
+  EXPECT_EQ(runNimbkit({"frobnicate"}).err, "nimbkit: unknown subcommand \"frobnicate\"\n");
+  EXPECT_EQ(runNimbkit({"cache", "frob"}).err, "nimbkit cache: unknown subcommand \"frob\"\n");
+  EXPECT_NE(runNimbkit({"serve", ".", "--port", "99999"}).err.find("not in range 0 to 65535"),
+            std::string::npos);
+}
+
+// Many processes setting at once: each saves its own entry onto the index
+// as it is on disk, so every one of them is listed afterwards.
+TEST(NimbkitCache, ParallelProcessesLoseNoEntries) {
+  constexpr int kProcesses = 20;
+  std::vector<nimb::test::RunningProgram> running;
+  for (int i = 0; i < kProcesses; ++i) {
+    running.push_back(startNimbkit({"cache", "set", "key-" + std::to_string(i)}, "v"));
+  }
+  for (auto& program : running) {
+    auto r = program.finish();
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+  }
+  auto list = runNimbkit({"cache", "list"});
+  EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), kProcesses) << list.out;
+  for (int i = 0; i < kProcesses; ++i) {
+    EXPECT_NE(list.out.find("key-" + std::to_string(i) + "\t"), std::string::npos) << i;
+  }
+}
+
+// set and copy confirm the entry landed (file and index) and fail with the
+// reason when it did not: a directory that cannot be made, a file size limit
+// standing in for a full disk, a source that is no regular file.
+TEST(NimbkitCache, NothingStoredIsAFailure) {
+  const std::string cacheHome = std::getenv("XDG_CACHE_HOME");
+  const std::string big(256 * 1024, 'b');
+  auto limited = nimb::test::runProgram(
+      {"sh", "-c", "trap '' XFSZ; ulimit -f 64; exec \"$0\" cache set big", NIMBKIT_PATH}, big);
+  EXPECT_EQ(limited.exitCode, 1);
+  EXPECT_NE(limited.err.find("\"big\" was not stored: cannot write 262144 bytes in"),
+            std::string::npos)
+      << limited.err;
+  EXPECT_EQ(runNimbkit({"cache", "has", "big"}).exitCode, 1);
+
+  for (const char* source : {"/dev/zero", "/nonexistent/file"}) {
+    auto copy = runNimbkit({"cache", "copy", source, "zero"});
+    EXPECT_EQ(copy.exitCode, 1) << source;
+    EXPECT_NE(copy.err.find("nothing stored"), std::string::npos) << copy.err;
+  }
+  EXPECT_EQ(runNimbkit({"cache", "set", "k", "--file", "/dev/zero"}).exitCode, 1);
+
+  std::filesystem::remove_all(cacheHome);
+  ASSERT_TRUE(nimb::FileManager::writeAtomically(cacheHome, std::string_view("in the way")));
+  auto blocked = runNimbkit({"cache", "set", "k"}, "v");
+  EXPECT_EQ(blocked.exitCode, 1);
+  EXPECT_NE(blocked.err.find("\"k\" was not stored: cannot create the directory"),
+            std::string::npos)
+      << blocked.err;
+}
+
+// One line per entry whatever the key holds: control characters and the
+// backslash itself are escaped.
+TEST(NimbkitCache, ListingEscapesControlCharacters) {
+  ASSERT_EQ(runNimbkit({"cache", "set", "two\nlines"}, "x").exitCode, 0);
+  ASSERT_EQ(runNimbkit({"cache", "set", "tab\there\\\x7f"}, "y").exitCode, 0);
+  auto list = runNimbkit({"cache", "list"});
+  EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 2) << list.out;
+  EXPECT_NE(list.out.find("two\\nlines\t"), std::string::npos) << list.out;
+  EXPECT_NE(list.out.find("tab\\there\\\\\\x7F\t"), std::string::npos) << list.out;
 }

@@ -46,3 +46,25 @@ TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
   EXPECT_NE(failed.out.find("not a picture (406 from 127.0.0.1)"), std::string::npos) << failed.out;
   EXPECT_EQ(runNimbkit({"fetch", server.url("/pic.png"), "--view", "0x9"}).exitCode, 2);
 }
+
+// download stops a server that keeps sending: at --max-size (decoded bytes),
+// or at --max-time however steadily the bytes come.
+TEST(NimbkitDownload, SizeAndTimeLimitsEndEndlessBodies) {
+  nimb::test::HttpTestServer server;
+  server.serveEndless("/endless");
+  server.start();
+  auto sized = runNimbkit({"download", server.url("/endless"), "--max-size", "1M"});
+  EXPECT_EQ(sized.exitCode, 1);
+  EXPECT_NE(sized.err.find("maximum of 1048576 bytes. (NSURLErrorDomain -1103)"), std::string::npos)
+      << sized.err;
+  EXPECT_TRUE(sized.out.empty());
+  auto timed =
+      runNimbkit({"download", server.url("/endless"), "--max-size", "0", "--max-time", "0.5"});
+  EXPECT_EQ(timed.exitCode, 1);
+  EXPECT_NE(timed.err.find("(NSURLErrorDomain -1001)"), std::string::npos) << timed.err;
+  for (const char* bad : {"12Q", "-1", "", "99999999999G"}) {
+    EXPECT_EQ(runNimbkit({"download", server.url("/endless"), "--max-size", bad}).exitCode, 2)
+        << bad;
+  }
+  EXPECT_EQ(runNimbkit({"download", server.url("/endless"), "--max-time", "0"}).exitCode, 2);
+}

@@ -1,11 +1,17 @@
 // nimbkit cache: store, read and inspect entries of the shared disk cache.
 //
 // Every call is a separate process, so the commands also show that entries
-// survive a restart through the index file.
+// survive a restart through the index file. The cache itself never reports
+// a failed write; `set` and `copy` check that the entry landed (its file and
+// its line in the index on disk) and fail with the reason when it did not.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -14,6 +20,7 @@
 
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Platform/FileManager.h>
+#include <NimbFoundation/Platform/PropertyList.h>
 #include <NimbFoundation/Platform/RunLoop.h>
 
 #include "Command.h"
@@ -42,6 +49,38 @@ void requireKey(const std::string& key) {
   }
 }
 
+// A key as one field of a listing line: backslash, tab, newline, carriage
+// return and the other control bytes are written as backslash escapes.
+std::string escapeKey(std::string_view key) {
+  std::string out;
+  for (char c : key) {
+    auto byte = static_cast<unsigned char>(c);
+    switch (c) {
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      default:
+        if (byte < 0x20 || byte == 0x7F) {
+          char escape[5];
+          std::snprintf(escape, sizeof escape, "\\x%02X", byte);
+          out += escape;
+        } else {
+          out += c;
+        }
+    }
+  }
+  return out;
+}
+
 double requireTtl(double ttl) {
   if (!std::isfinite(ttl)) throw UsageError("--ttl must be a finite number of seconds");
   return ttl;
@@ -55,23 +94,69 @@ void settle(VQCache& cache) {
   cache.diskOperationQueue().waitUntilAllOperationsAreFinished();
 }
 
+// Why `bytes` bytes could not be stored in the cache directory: tries what
+// the cache tried, a private temporary file of that size there, and names
+// the error it meets.
+std::string whyNotStored(std::size_t bytes) {
+  const std::string& dir = VQCache::cacheDirectory();
+  if (!nimb::FileManager::isDirectory(dir)) return "cannot create the directory " + dir;
+  // Shaped like the cache's own temporaries, so a later start-up sweeps it
+  // should this process be killed before it removes it.
+  std::string probe = dir + "/.nimbkit-probe.tmp-XXXXXX";
+  int fd = ::mkostemp(probe.data(), O_CLOEXEC);
+  if (fd < 0) return "cannot write in " + dir + ": " + std::strerror(errno);
+  std::string reason = "the cache did not record it in " + dir;
+  if (bytes > 0) {
+    int error = ::posix_fallocate(fd, 0, static_cast<off_t>(bytes));
+    if (error != 0)
+      reason = "cannot write " + std::to_string(bytes) + " bytes in " + dir + ": " +
+               std::strerror(error);
+  }
+  ::close(fd);
+  ::unlink(probe.c_str());
+  return reason;
+}
+
+// Fails with the reason unless `key` is in the index on disk and its file
+// is a regular file holding `expected` (or, for a copy, `expectedSize` bytes).
+void confirmStored(const std::string& key, const Data* expected, std::uint64_t expectedSize) {
+  const std::string path = VQCache::pathForKey(key);
+  auto index = nimb::PropertyList::dictionaryWithContentsOfFile(
+      VQCache::pathForKey(VQCache::kIndexFileName), nimb::FollowLinks::No);
+  bool indexed = index && index->count(key) && index->at(key).asDate();
+  bool filed = false;
+  if (expected) {
+    auto contents = nimb::FileManager::contentsAtPath(path, nimb::FollowLinks::No);
+    filed = contents && *contents == *expected;
+  } else {
+    struct stat st {};
+    filed = ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+            static_cast<std::uint64_t>(st.st_size) == expectedSize;
+  }
+  if (indexed && filed) return;
+  throw std::runtime_error("\"" + escapeKey(key) + "\" was not stored: " +
+                           whyNotStored(static_cast<std::size_t>(expectedSize)));
+}
+
 int set(const CacheOptions& o) {
   requireKey(o.key);
   Data bytes;
   if (!o.path.empty()) {
     auto contents = nimb::FileManager::contentsAtPath(o.path);
-    if (!contents) throw UsageError("cannot read " + o.path);
+    if (!contents) throw std::runtime_error("cannot read " + o.path + " as a regular file");
     bytes = std::move(*contents);
   } else {
     bytes = readStandardInput();
   }
   auto cache = VQCache::currentCache();
+  // The cache takes the bytes; one copy stays here to check what landed.
   if (o.ttl) {
-    cache->setData(std::move(bytes), o.key, requireTtl(*o.ttl));
+    cache->setData(bytes, o.key, requireTtl(*o.ttl));
   } else {
-    cache->setData(std::move(bytes), o.key);
+    cache->setData(bytes, o.key);
   }
   settle(*cache);
+  confirmStored(o.key, &bytes, bytes.size());
   return kOk;
 }
 
@@ -113,8 +198,9 @@ int list() {
   auto cache = VQCache::currentCache();
   for (const auto& [key, expiry] : cache->cacheDictionary()) {
     bool present =
-        VQCache::isUsableKey(key) && nimb::FileManager::fileExists(VQCache::pathForKey(key));
-    std::printf("%s\t%s\t%s\t%s\n", key.c_str(), expiry.iso8601().c_str(),
+        VQCache::isUsableKey(key) &&
+        nimb::FileManager::isRegularFile(VQCache::pathForKey(key), nimb::FollowLinks::No);
+    std::printf("%s\t%s\t%s\t%s\n", escapeKey(key).c_str(), expiry.iso8601().c_str(),
                 VQCache::isExpired(expiry) ? "expired" : "fresh", present ? "present" : "absent");
   }
   return kOk;
@@ -122,8 +208,9 @@ int list() {
 
 int copy(const CacheOptions& o) {
   requireKey(o.key);
-  if (!nimb::FileManager::fileExists(o.path) || nimb::FileManager::isDirectory(o.path)) {
-    throw UsageError("no file to copy at " + o.path);
+  struct stat source {};
+  if (::stat(o.path.c_str(), &source) != 0 || !S_ISREG(source.st_mode)) {
+    throw std::runtime_error("no regular file to copy at " + o.path + "; nothing stored");
   }
   if (nimb::FileManager::fileExists(VQCache::pathForKey(o.key))) {
     throw UsageError("\"" + o.key + "\" already has a file; remove it first");
@@ -135,6 +222,7 @@ int copy(const CacheOptions& o) {
     cache->copyFilePath(o.path, o.key);
   }
   settle(*cache);
+  confirmStored(o.key, nullptr, static_cast<std::uint64_t>(source.st_size));
   return kOk;
 }
 
@@ -170,7 +258,9 @@ void addCacheCommand(CLI::App& app, Action& selected) {
   on(clearCmd, [] { return clear(); });
 
   auto* listCmd = cache->add_subcommand(
-      "list", "List the index: key, expiry (UTC), fresh or expired, file present or absent");
+      "list",
+      "List the index: key (control characters and \\ escaped), expiry (UTC), fresh or "
+      "expired, file present or absent");
   on(listCmd, [] { return list(); });
 
   auto* copyCmd = cache->add_subcommand("copy", "Copy the file at PATH into the cache as KEY");

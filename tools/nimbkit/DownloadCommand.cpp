@@ -3,9 +3,12 @@
 // server to download or fetch from.
 #include <httplib.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <NimbFoundation/Images/VQImageLoadConnection.h>
@@ -22,12 +25,53 @@ struct DownloadOptions {
   std::string url;
   std::string output;
   double timeout = nimb::VQImageLoadConnection::kDefaultTimeoutInterval;
+  std::optional<std::string> maxSize;  // bytes, with an optional K, M or G suffix
+  std::optional<double> maxTime;       // seconds for the whole transfer
 };
+
+// "1048576", "512K", "64M", "2G" (powers of 1024, either case) in bytes; 0
+// lifts the limit. Anything else is a usage error.
+std::uint64_t parseSize(const std::string& text) {
+  std::uint64_t value = 0;
+  const char* end = text.data() + text.size();
+  auto [ptr, ec] = std::from_chars(text.data(), end, value);
+  int shift = 0;
+  if (ec == std::errc() && ptr + 1 == end) {
+    switch (*ptr) {
+      case 'k':
+      case 'K':
+        shift = 10;
+        break;
+      case 'm':
+      case 'M':
+        shift = 20;
+        break;
+      case 'g':
+      case 'G':
+        shift = 30;
+        break;
+      default:
+        shift = -1;
+    }
+    ++ptr;
+  }
+  if (ec != std::errc() || ptr != end || shift < 0 || text.empty() ||
+      value > (std::numeric_limits<std::uint64_t>::max() >> shift)) {
+    throw UsageError("--max-size must be a number of bytes, optionally with K, M or G (got \"" +
+                     text + "\")");
+  }
+  return value << shift;
+}
 
 int download(const DownloadOptions& o) {
   auto url = nimb::URL::withString(o.url);
   if (!url) throw UsageError("\"" + o.url + "\" is not an absolute URL");
   if (!(o.timeout > 0)) throw UsageError("--timeout must be a positive number of seconds");
+  if (o.maxTime && !(*o.maxTime > 0 && std::isfinite(*o.maxTime))) {
+    throw UsageError("--max-time must be a positive number of seconds");
+  }
+  const std::uint64_t maxSize =
+      o.maxSize ? parseSize(*o.maxSize) : nimb::VQImageLoadConnection::kDefaultMaximumBodyLength;
 
   bool done = false;
   int exitCode = kOk;
@@ -64,6 +108,8 @@ int download(const DownloadOptions& o) {
   };
   auto connection = nimb::VQImageLoadConnection::create(*url, delegate);
   connection->setTimeoutInterval(o.timeout);
+  connection->setMaximumBodyLength(maxSize);
+  if (o.maxTime) connection->setTimeoutIntervalForResource(*o.maxTime);
   connection->start();
   while (!done) nimb::RunLoop::current().runOnce(1.0);
   return exitCode;
@@ -113,12 +159,18 @@ void addDownloadCommands(CLI::App& app, Action& selected) {
   command->add_option("--output,-o", options->output, "Write the body to this file");
   command->add_option("--timeout", options->timeout,
                       "Seconds without progress before giving up (default 30)");
+  command->add_option("--max-size", options->maxSize,
+                      "Largest body accepted, in bytes or with K, M or G (default 64M; 0: "
+                      "no limit)");
+  command->add_option("--max-time", options->maxTime,
+                      "Seconds the whole download may take (default: no limit)");
   onSelected(command, selected, [options] { return download(*options); });
 
   auto serveOptions = std::make_shared<ServeOptions>();
   auto* serveCmd = app.add_subcommand("serve", "Serve DIR over HTTP on 127.0.0.1");
   serveCmd->add_option("DIR", serveOptions->directory, "Directory to serve")->required();
-  serveCmd->add_option("--port", serveOptions->port, "Port (0 picks a free one; default 8080)");
+  serveCmd->add_option("--port", serveOptions->port, "Port (0 picks a free one; default 8080)")
+      ->check(CLI::Range(0, 65535));
   serveCmd->add_option("--for", serveOptions->seconds, "Stop after this many seconds");
   onSelected(serveCmd, selected, [serveOptions] { return serve(*serveOptions); });
 }

@@ -1,6 +1,7 @@
 // nimbkit: the command-line front door to NimbFoundation.
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "Command.h"
@@ -16,6 +17,27 @@ std::string oneLine(std::string text) {
   return text;
 }
 
+// The first word of the command line that names no subcommand where one is
+// required ("nimbkit frobnicate", "nimbkit cache frob"), with the command
+// path it was given to; nullopt when every word fits.
+std::optional<std::string> unknownSubcommand(CLI::App& app, int argc, char** argv) {
+  CLI::App* current = &app;
+  std::string path = "nimbkit";
+  for (int i = 1; i < argc; ++i) {
+    std::string word = argv[i];
+    if (word.empty() || word[0] == '-') return std::nullopt;  // options are CLI11's
+    auto matches = current->get_subcommands([&](CLI::App* s) { return s->check_name(word); });
+    CLI::App* sub = matches.empty() ? nullptr : matches.front();
+    if (!sub) {
+      if (current->get_require_subcommand_min() == 0) return std::nullopt;
+      return path + ": unknown subcommand \"" + word + "\"";
+    }
+    current = sub;
+    path += " " + word;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -29,6 +51,10 @@ int main(int argc, char** argv) {
   nimbkit::addDeviceCommands(app, selected);
   nimbkit::addUtilsCommands(app, selected);
 
+  if (auto unknown = unknownSubcommand(app, argc, argv)) {
+    std::fprintf(stderr, "%s\n", oneLine(*unknown).c_str());
+    return nimbkit::kUsage;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {
