@@ -64,6 +64,18 @@ class DirectoryLock {
   int fd_ = -1;
 };
 
+// What tells one index file from another: every save renames a new file
+// into place, so the inode changes, and size and times catch a reuse of it.
+std::optional<VQCache::IndexStamp> stampOfIndexFile() {
+  struct stat st {};
+  if (::lstat(indexPath().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  return VQCache::IndexStamp{static_cast<std::uint64_t>(st.st_dev),
+                             static_cast<std::uint64_t>(st.st_ino),
+                             static_cast<std::uint64_t>(st.st_size),
+                             st.st_mtim.tv_sec * 1'000'000'000LL + st.st_mtim.tv_nsec,
+                             st.st_ctim.tv_sec * 1'000'000'000LL + st.st_ctim.tv_nsec};
+}
+
 // The key-to-date pairs of the index file as it is on disk now; whatever
 // else a damaged or foreign index holds is left out.
 std::map<std::string, Date> readIndexFile() {
@@ -304,7 +316,16 @@ void VQCache::saveCacheDictionary() {
     // directory lock, what is on disk now takes this instance's own changes
     // and nothing else, so no one's entries are lost.
     DirectoryLock lock(cacheDirectory());
-    std::map<std::string, Date> entries = readIndexFile();
+    // When the file is still the one this instance wrote last, what it holds
+    // is known: parsing it again would be the dearest part of the save.
+    std::map<std::string, Date> entries;
+    if (lastSavedStamp_ && lastSavedStamp_ == stampOfIndexFile()) {
+      entries = std::move(lastSaved_);
+    } else {
+      entries = readIndexFile();
+    }
+    lastSaved_.clear();
+    lastSavedStamp_.reset();
     for (const auto& [key, expiry] : changes) {
       if (expiry) {
         entries.insert_or_assign(key, *expiry);
@@ -315,6 +336,10 @@ void VQCache::saveCacheDictionary() {
     Dictionary index;
     for (auto& [key, expiry] : entries) index.emplace_hint(index.end(), key, expiry);
     written = PropertyList::writeDictionaryToFile(index, indexPath());
+    if (written) {
+      lastSavedStamp_ = stampOfIndexFile();
+      if (lastSavedStamp_) lastSaved_ = std::move(entries);
+    }
   }
   if (!written) {
     // Kept for the next save; a change made meanwhile is newer and wins.

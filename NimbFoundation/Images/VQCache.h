@@ -50,6 +50,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -137,6 +138,13 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   // not later than now.
   static bool isExpired(Date expiry, Date now = Date::now());
 
+  // Identifies one version of the index file (device, inode, size, times).
+  struct IndexStamp {
+    std::uint64_t device, inode, size;
+    std::int64_t modifiedNs, changedNs;
+    friend bool operator==(const IndexStamp&, const IndexStamp&) = default;
+  };
+
   explicit VQCache(Passkey);  // use create() or currentCache()
   ~VQCache();
   VQCache(const VQCache&) = delete;
@@ -160,6 +168,11 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   std::map<std::string, Date> cacheDictionary_;
   // What this instance changed in the index since its last save.
   Changes unsavedChanges_;
+  // Guarded by saveMutex_: what this instance's last save wrote, and the
+  // stamp of the file it wrote, so that the next save need not read it back
+  // while no one else has written since.
+  std::map<std::string, Date> lastSaved_;
+  std::optional<IndexStamp> lastSavedStamp_;
   std::mutex saveMutex_;
   std::unique_ptr<OperationQueue> diskOperationQueue_;
   std::atomic<double> defaultTimeoutInterval_{0.0};
