@@ -67,6 +67,16 @@ step "$nimbkit" cache set photo --file "$demo_home/fetched.bin"
 step "$nimbkit" cache list
 step "$nimbkit" download "${base}missing.bin" --output "$demo_home/missing.html"
 step "$nimbkit" download "http://127.0.0.1:1/closed-port" || echo "exit status $?: the transfer failed"
+step "$nimbkit" download "${base}photo.bin" --max-size 100K --output "$demo_home/too-big.bin" ||
+  echo "exit status $?: over the size limit, nothing written"
+
+echo
+echo "== Many processes, one cache =="
+printf '\n$ for i in $(seq 8); do nimbkit cache set parallel-$i & done; wait\n'
+for i in $(seq 8); do echo "value $i" | "$nimbkit" cache set "parallel-$i" & done
+wait
+echo "(every one of them is in the index:)"
+"$nimbkit" cache list | grep -c '^parallel-' 
 
 echo
 echo "== Base-N encoding (VQStringEncoding) =="
