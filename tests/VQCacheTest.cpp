@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <fcntl.h>
+#include <sys/file.h>
 
 #include <atomic>
 #include <chrono>
@@ -353,6 +354,21 @@ TEST_F(VQCacheTest, InstancesSharingTheIndexLoseNothing) {
   b->removeCacheForKey("from-b");
   settle(*a);
   EXPECT_EQ(onDisk(), (std::set<std::string>{"from-a", "later-b"}));
+}
+
+// A process stopped while it holds the index lock delays a save, but does
+// not stop it for ever.
+TEST_F(VQCacheTest, AHeldLockDelaysASaveButDoesNotStopIt) {
+  auto cache = VQCache::currentCache();
+  cache->setData(bytes("v"), "k", 100);
+  settle(*cache);
+  const int held = ::open(VQCache::cacheDirectory().c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+  const auto started = std::chrono::steady_clock::now();
+  cache->removeCacheForKey("k");
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 4s);
+  ::close(held);
+  EXPECT_TRUE(nimb::PropertyList::dictionaryWithContentsOfFile(indexPath())->empty());
 }
 
 // A symbolic link or a FIFO under a live key's name, or as the index, reads

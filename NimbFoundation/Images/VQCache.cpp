@@ -6,9 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <ctime>
+#include <thread>
 #include <utility>
 
 #include <NimbFoundation/Platform/FileManager.h>
@@ -44,15 +47,26 @@ bool isReserved(std::string_view key) {
 // replace it, and there is no extra file to leave behind.
 class DirectoryLock {
  public:
+  // A process stopped while it holds the lock must not stall every other
+  // one for ever: after kMaxWait the save goes ahead without it (still
+  // atomic; only a save racing it at that moment could lose its changes).
+  static constexpr auto kMaxWait = std::chrono::seconds(5);
+
   explicit DirectoryLock(const std::string& dir) {
     do {
       fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     } while (fd_ < 0 && errno == EINTR);
     if (fd_ < 0) return;
-    int r;
-    do {
-      r = ::flock(fd_, LOCK_EX);
-    } while (r != 0 && errno == EINTR);
+    const auto deadline = std::chrono::steady_clock::now() + kMaxWait;
+    auto pause = std::chrono::milliseconds(1);
+    while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      if ((errno != EWOULDBLOCK && errno != EINTR) ||
+          std::chrono::steady_clock::now() >= deadline) {
+        return;
+      }
+      std::this_thread::sleep_for(pause);
+      pause = std::min(pause * 2, std::chrono::milliseconds(50));
+    }
   }
   ~DirectoryLock() {
     if (fd_ >= 0) ::close(fd_);  // releases the lock

@@ -19,6 +19,7 @@
 #include <string>
 
 #include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Platform/Digest.h>
 #include <NimbFoundation/Platform/FileManager.h>
 #include <NimbFoundation/Platform/PropertyList.h>
 #include <NimbFoundation/Platform/RunLoop.h>
@@ -118,20 +119,20 @@ std::string whyNotStored(std::size_t bytes) {
 }
 
 // Fails with the reason unless `key` is in the index on disk and its file
-// is a regular file holding `expected` (or, for a copy, `expectedSize` bytes).
-void confirmStored(const std::string& key, const Data* expected, std::uint64_t expectedSize) {
+// is a regular file of `expectedSize` bytes (with the digest `expected`,
+// when given).
+void confirmStored(const std::string& key, const nimb::Digest::MD5Digest* expected,
+                   std::uint64_t expectedSize) {
   const std::string path = VQCache::pathForKey(key);
   auto index = nimb::PropertyList::dictionaryWithContentsOfFile(
       VQCache::pathForKey(VQCache::kIndexFileName), nimb::FollowLinks::No);
   bool indexed = index && index->count(key) && index->at(key).asDate();
-  bool filed = false;
-  if (expected) {
+  struct stat st {};
+  bool filed = ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+               static_cast<std::uint64_t>(st.st_size) == expectedSize;
+  if (filed && expected) {
     auto contents = nimb::FileManager::contentsAtPath(path, nimb::FollowLinks::No);
-    filed = contents && *contents == *expected;
-  } else {
-    struct stat st {};
-    filed = ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-            static_cast<std::uint64_t>(st.st_size) == expectedSize;
+    filed = contents && nimb::Digest::md5(*contents) == *expected;
   }
   if (indexed && filed) return;
   throw std::runtime_error("\"" + escapeKey(key) + "\" was not stored: " +
@@ -149,14 +150,16 @@ int set(const CacheOptions& o) {
     bytes = readStandardInput();
   }
   auto cache = VQCache::currentCache();
-  // The cache takes the bytes; one copy stays here to check what landed.
+  // The cache takes the bytes; their digest stays here to check what landed.
+  const auto digest = nimb::Digest::md5(bytes);
+  const std::uint64_t size = bytes.size();
   if (o.ttl) {
-    cache->setData(bytes, o.key, requireTtl(*o.ttl));
+    cache->setData(std::move(bytes), o.key, requireTtl(*o.ttl));
   } else {
-    cache->setData(bytes, o.key);
+    cache->setData(std::move(bytes), o.key);
   }
   settle(*cache);
-  confirmStored(o.key, &bytes, bytes.size());
+  confirmStored(o.key, &digest, size);
   return kOk;
 }
 
