@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cmath>
 #include <ctime>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -31,6 +32,11 @@ constexpr std::size_t kMaxKeyBytes = 255;
 // A temporary file of the cache's own older than this belongs to a write
 // that was killed: a live writer touches its file far more often.
 constexpr std::time_t kAbandonedTemporaryAge = 60;
+// How long a save waits for another holder of the index lock, and how long
+// after giving up it tries again. Holders keep it for one read and write
+// of the index; a holder that keeps it longer is stopped or stuck.
+constexpr auto kIndexLockWait = std::chrono::milliseconds(1000);
+constexpr double kIndexLockRetryDelay = 1.0;
 
 std::string indexPath() {
   return FileManager::appendingPathComponent(VQCache::cacheDirectory(), VQCache::kIndexFileName);
@@ -40,62 +46,54 @@ bool isReserved(std::string_view key) {
   return key == VQCache::kIndexFileName;
 }
 
-// An exclusive advisory lock on the cache directory, for as long as the
-// object lives. Every process (and every instance) that saves the index
-// takes it, so read-merge-write of the index is one step for all of them.
-// The directory itself is locked rather than a file in it: no key can
-// replace it, and there is no extra file to leave behind.
-class DirectoryLock {
+// The lock every instance, in every process, holds while it saves the
+// index, so that read, merge and write are one step for all of them. It is
+// a file beside the cache directory rather than in it: no key can name it.
+class IndexLock {
  public:
-  // A process stopped while it holds the lock must not stall every other
-  // one for ever: after kMaxWait the save goes ahead without it (still
-  // atomic; only a save racing it at that moment could lose its changes).
-  static constexpr auto kMaxWait = std::chrono::seconds(5);
+  enum class State {
+    Held,         // this object holds the lock
+    Busy,         // someone else held it for the whole wait
+    Unsupported,  // the file system cannot lock: go ahead without
+  };
 
-  explicit DirectoryLock(const std::string& dir) {
+  IndexLock(const std::string& path, std::chrono::milliseconds wait) {
     do {
-      fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
     } while (fd_ < 0 && errno == EINTR);
     if (fd_ < 0) return;
-    const auto deadline = std::chrono::steady_clock::now() + kMaxWait;
+    const auto deadline = std::chrono::steady_clock::now() + wait;
     auto pause = std::chrono::milliseconds(1);
     while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
-      if ((errno != EWOULDBLOCK && errno != EINTR) ||
-          std::chrono::steady_clock::now() >= deadline) {
+      if (errno != EWOULDBLOCK && errno != EINTR) return;
+      if (std::chrono::steady_clock::now() >= deadline) {
+        state_ = State::Busy;
         return;
       }
       std::this_thread::sleep_for(pause);
       pause = std::min(pause * 2, std::chrono::milliseconds(50));
     }
+    state_ = State::Held;
   }
-  ~DirectoryLock() {
+  ~IndexLock() {
     if (fd_ >= 0) ::close(fd_);  // releases the lock
   }
-  DirectoryLock(const DirectoryLock&) = delete;
-  DirectoryLock& operator=(const DirectoryLock&) = delete;
+  IndexLock(const IndexLock&) = delete;
+  IndexLock& operator=(const IndexLock&) = delete;
+  State state() const { return state_; }
 
  private:
   int fd_ = -1;
+  State state_ = State::Unsupported;
 };
 
-// What tells one index file from another: every save renames a new file
-// into place, so the inode changes, and size and times catch a reuse of it.
-std::optional<VQCache::IndexStamp> stampOfIndexFile() {
-  struct stat st {};
-  if (::lstat(indexPath().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-  return VQCache::IndexStamp{static_cast<std::uint64_t>(st.st_dev),
-                             static_cast<std::uint64_t>(st.st_ino),
-                             static_cast<std::uint64_t>(st.st_size),
-                             st.st_mtim.tv_sec * 1'000'000'000LL + st.st_mtim.tv_nsec,
-                             st.st_ctim.tv_sec * 1'000'000'000LL + st.st_ctim.tv_nsec};
-}
-
 // The key-to-date pairs of the index file as it is on disk now; whatever
-// else a damaged or foreign index holds is left out.
-std::map<std::string, Date> readIndexFile() {
-  std::map<std::string, Date> entries;
+// else a damaged or foreign index holds is left out. nullopt when there is
+// no index or it is no property-list dictionary.
+std::optional<std::map<std::string, Date>> readIndexFile() {
   auto index = PropertyList::dictionaryWithContentsOfFile(indexPath(), FollowLinks::No);
-  if (!index) return entries;
+  if (!index) return std::nullopt;
+  std::map<std::string, Date> entries;
   while (!index->empty()) {
     // Keys are moved, not copied: an index can hold many thousands.
     auto node = index->extract(index->begin());
@@ -104,6 +102,41 @@ std::map<std::string, Date> readIndexFile() {
     }
   }
   return entries;
+}
+
+// The modification time of the regular file at `path`, in nanoseconds; 0
+// when there is none.
+std::int64_t modifiedNs(const std::string& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+  return st.st_mtim.tv_sec * 1'000'000'000LL + st.st_mtim.tv_nsec;
+}
+
+// Whether `fd` is the file at `path` now. The descriptor keeps its inode
+// alive, so no other file can have taken its number meanwhile.
+bool isFileAtPath(int fd, const std::string& path) {
+  struct stat held {
+  }, current{};
+  return fd >= 0 && ::fstat(fd, &held) == 0 && ::lstat(path.c_str(), &current) == 0 &&
+         held.st_dev == current.st_dev && held.st_ino == current.st_ino;
+}
+
+// Deletes the cache's own temporaries in `dir` that writes killed midway
+// left: names of the temporary shape untouched for kAbandonedTemporaryAge,
+// except `keep` (keys that happen to have that shape).
+void removeAbandonedTemporaries(const std::string& dir, const std::set<std::string>& keep) {
+  DIR* listing = ::opendir(dir.c_str());
+  if (!listing) return;
+  const std::time_t now = std::time(nullptr);
+  while (dirent* entry = ::readdir(listing)) {
+    std::string_view name = entry->d_name;
+    if (!FileManager::isTemporaryFileName(name) || keep.count(std::string(name))) continue;
+    struct stat st {};
+    if (::fstatat(::dirfd(listing), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (!S_ISREG(st.st_mode) || now - st.st_mtime < kAbandonedTemporaryAge) continue;
+    ::unlinkat(::dirfd(listing), entry->d_name, 0);
+  }
+  ::closedir(listing);
 }
 
 }  // namespace
@@ -120,7 +153,11 @@ const std::string& VQCache::cacheDirectory() {
 
 bool VQCache::isUsableKey(std::string_view key) {
   if (key.empty() || key.size() > kMaxKeyBytes || key == "." || key == "..") return false;
-  return key.find('/') == std::string_view::npos && key.find('\0') == std::string_view::npos;
+  if (key.find('/') != std::string_view::npos || key.find('\0') != std::string_view::npos) {
+    return false;
+  }
+  // Keys are text: the index can only hold a key that is UTF-8.
+  return isValidUtf8(key);
 }
 
 std::string VQCache::pathForKey(std::string_view key) {
@@ -135,9 +172,14 @@ bool VQCache::isExpired(Date expiry, Date now) {
 std::shared_ptr<VQCache> VQCache::create() {
   auto cache = std::make_shared<VQCache>(Passkey{});
   // Off the caller's thread: the directory may hold many thousand entries.
-  cache->performDiskWriteOperation([weak = std::weak_ptr<VQCache>(cache)] {
-    if (auto self = weak.lock()) self->removeAbandonedTemporaries();
-  });
+  // The job holds its own copies, never the instance, so it may still run
+  // while the instance or the process goes away.
+  std::set<std::string> keep;
+  for (const auto& entry : cache->cacheDictionary()) {
+    if (FileManager::isTemporaryFileName(entry.first)) keep.insert(entry.first);
+  }
+  cache->performDiskWriteOperation(
+      [dir = cacheDirectory(), keep = std::move(keep)] { removeAbandonedTemporaries(dir, keep); });
   return cache;
 }
 
@@ -154,21 +196,37 @@ std::shared_ptr<VQCache> VQCache::currentCache() {
 }
 
 VQCache::VQCache(Passkey)
-    : cacheDictionary_(readIndexFile()), diskOperationQueue_(std::make_unique<OperationQueue>()) {
+    : cacheDictionary_(readIndexFile().value_or(std::map<std::string, Date>{})),
+      diskOperationQueue_(std::make_unique<OperationQueue>()) {
   FileManager::createDirectory(cacheDirectory(), true);
   // One instant for the whole purge, so that it treats every entry alike.
   const Date now = Date::now();
+  const std::int64_t indexWritten = modifiedNs(indexPath());
   for (const auto& [key, expiry] : cacheDictionary_) {
     // The file goes, the entry stays: it keeps failing the expiry test until
     // it is removed or set again.
-    if (isExpired(expiry, now) && isUsableKey(key) && !isReserved(key)) {
-      FileManager::removeItem(pathForKey(key));
-    }
+    if (!isExpired(expiry, now) || !isUsableKey(key) || isReserved(key)) continue;
+    // A file written after the index was saved belongs to a set whose save
+    // is still to come, in this process or another: it is not this stale
+    // entry's file.
+    const std::string path = pathForKey(key);
+    if (modifiedNs(path) > indexWritten) continue;
+    FileManager::removeItem(path);
   }
 }
 
 // The queue's destructor lets queued writes land before the instance goes.
-VQCache::~VQCache() = default;
+VQCache::~VQCache() {
+  if (lastSavedFd_ >= 0) ::close(lastSavedFd_);
+}
+
+const std::string& VQCache::indexLockPath() {
+  static const std::string path = [] {
+    const std::string& dir = cacheDirectory();
+    return dir.substr(0, dir.find_last_of('/')) + "/VQCache.lock";
+  }();
+  return path;
+}
 
 bool VQCache::hasCacheForKey(const std::string& key) const {
   if (!isUsableKey(key)) return false;
@@ -309,9 +367,13 @@ std::map<std::string, Date> VQCache::cacheDictionary() const {
 }
 
 void VQCache::saveAfterDelay() {
+  saveAfterDelay(kSaveDelay);
+}
+
+void VQCache::saveAfterDelay(double seconds) {
   auto& loop = RunLoop::current();
   loop.cancelPerforms(this, kSaveAction);
-  loop.performAfterDelay(kSaveDelay, this, kSaveAction,
+  loop.performAfterDelay(seconds, this, kSaveAction,
                          [self = shared_from_this()] { self->saveCacheDictionary(); });
 }
 
@@ -324,22 +386,35 @@ void VQCache::saveCacheDictionary() {
     std::lock_guard lock(dictionaryMutex_);
     changes.swap(unsavedChanges_);
   }
+  // The directory may have been removed behind the cache's back.
+  FileManager::createDirectory(cacheDirectory(), true);
   bool written = false;
   {
     // Other processes (and other instances) save the same file: under the
-    // directory lock, what is on disk now takes this instance's own changes
-    // and nothing else, so no one's entries are lost.
-    DirectoryLock lock(cacheDirectory());
-    // When the file is still the one this instance wrote last, what it holds
-    // is known: parsing it again would be the dearest part of the save.
-    std::map<std::string, Date> entries;
-    if (lastSavedStamp_ && lastSavedStamp_ == stampOfIndexFile()) {
-      entries = std::move(lastSaved_);
-    } else {
-      entries = readIndexFile();
+    // index lock, what is on disk now takes this instance's own changes and
+    // nothing else, so no one's entries are lost. Nothing is written while
+    // someone else holds the lock (a process stopped midway, say): the save
+    // is tried again a little later instead.
+    IndexLock lock(indexLockPath(), kIndexLockWait);
+    if (lock.state() == IndexLock::State::Busy) {
+      restoreChanges(std::move(changes));
+      RunLoop::performOnMainThread(
+          [self = shared_from_this()] { self->saveAfterDelay(kIndexLockRetryDelay); }, false);
+      return;
     }
-    lastSaved_.clear();
-    lastSavedStamp_.reset();
+    std::map<std::string, Date> entries;
+    if (isFileAtPath(lastSavedFd_, indexPath())) {
+      // Still the file this instance wrote last: its contents are known,
+      // and parsing it again would be the dearest part of the save.
+      entries = std::move(lastSaved_);
+    } else if (auto onDisk = readIndexFile()) {
+      entries = std::move(*onDisk);
+    } else {
+      // No index, or a damaged one: this instance's own view (which holds
+      // its changes already) is the best there is.
+      entries = cacheDictionary();
+    }
+    forgetLastSaved();
     for (const auto& [key, expiry] : changes) {
       if (expiry) {
         entries.insert_or_assign(key, *expiry);
@@ -348,43 +423,36 @@ void VQCache::saveCacheDictionary() {
       }
     }
     Dictionary index;
-    for (auto& [key, expiry] : entries) index.emplace_hint(index.end(), key, expiry);
+    for (const auto& [key, expiry] : entries) index.emplace_hint(index.end(), key, expiry);
     written = PropertyList::writeDictionaryToFile(index, indexPath());
     if (written) {
-      lastSavedStamp_ = stampOfIndexFile();
-      if (lastSavedStamp_) lastSaved_ = std::move(entries);
+      lastSavedFd_ = ::open(indexPath().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+      if (lastSavedFd_ >= 0) lastSaved_ = std::move(entries);
     }
   }
-  if (!written) {
-    // Kept for the next save; a change made meanwhile is newer and wins.
-    std::lock_guard lock(dictionaryMutex_);
-    for (auto& [key, expiry] : changes) unsavedChanges_.try_emplace(key, std::move(expiry));
-  }
+  // Kept for the next save.
+  if (!written) restoreChanges(std::move(changes));
 }
 
-void VQCache::removeAbandonedTemporaries() {
-  const std::string& dir = cacheDirectory();
-  DIR* listing = ::opendir(dir.c_str());
-  if (!listing) return;
-  const std::time_t now = std::time(nullptr);
-  while (dirent* entry = ::readdir(listing)) {
-    std::string_view name = entry->d_name;
-    if (!FileManager::isTemporaryFileName(name)) continue;
-    {
-      // A key may have the same shape; an entry's file is never swept.
-      std::lock_guard lock(dictionaryMutex_);
-      if (cacheDictionary_.count(std::string(name))) continue;
-    }
-    struct stat st {};
-    if (::fstatat(::dirfd(listing), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (!S_ISREG(st.st_mode) || now - st.st_mtime < kAbandonedTemporaryAge) continue;
-    ::unlinkat(::dirfd(listing), entry->d_name, 0);
-  }
-  ::closedir(listing);
+void VQCache::restoreChanges(Changes changes) {
+  // A change made meanwhile is newer and wins.
+  std::lock_guard lock(dictionaryMutex_);
+  for (auto& [key, expiry] : changes) unsavedChanges_.try_emplace(key, std::move(expiry));
+}
+
+void VQCache::forgetLastSaved() {
+  if (lastSavedFd_ >= 0) ::close(lastSavedFd_);
+  lastSavedFd_ = -1;
+  lastSaved_.clear();
 }
 
 void VQCache::writeData(const Data& data, const std::string& path) {
-  FileManager::writeAtomically(path, data);
+  if (FileManager::writeAtomically(path, data)) return;
+  // The directory may have been removed behind the cache's back.
+  const std::string dir = path.substr(0, path.find_last_of('/'));
+  if (!FileManager::isDirectory(dir) && FileManager::createDirectory(dir, true)) {
+    FileManager::writeAtomically(path, data);
+  }
 }
 
 void VQCache::deleteDataAtPath(const std::string& path) {

@@ -21,10 +21,16 @@
 //   - Each instance keeps the index it read at start-up and its own changes
 //     to it; it never picks up entries other processes add later. Many
 //     processes (and instances) may share the directory all the same: a
-//     save takes an advisory lock on the directory, reads the index as it
+//     save takes an advisory lock (indexLockPath()), reads the index as it
 //     is on disk, applies this instance's sets and removals since its last
 //     save (a clear is the removal of every key it knew), writes it
-//     atomically and lets go. No process loses another's entries.
+//     atomically and lets go. No process loses another's entries. A save
+//     that cannot have the lock within a second (its holder is stopped, say)
+//     writes nothing and is tried again a second later on the main run
+//     loop. A missing or damaged index is replaced by this instance's view.
+//   - The start-up purge leaves a file written after the index was saved:
+//     it belongs to a set whose save is still to come, not to the stale
+//     entry.
 //   - At start-up, files of expired entries are deleted but the entries stay
 //     in the index; they keep failing the expiry test.
 //   - imageForKey() reads the file straight away, ignoring the index and
@@ -33,8 +39,8 @@
 //     while copyFilePath() does not (it then fails to copy over the index
 //     file, yet records the entry). A key that cannot name exactly one file
 //     inside the directory (empty, ".", "..", holding "/" or NUL, longer
-//     than 255 bytes) is refused by every operation: no file, no entry, no
-//     save, and reads give nothing.
+//     than 255 bytes) or is not UTF-8 (the index holds text) is refused by
+//     every operation: no file, no entry, no save, and reads give nothing.
 //   - Files and directories are private (0600/0700) and every file is
 //     written through a temporary file and a rename, so a crash never leaves
 //     half an entry or half an index. A corrupt index reads as empty.
@@ -50,7 +56,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -85,8 +90,12 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
 
   // The cache directory, fixed at first use for the life of the process.
   static const std::string& cacheDirectory();
-  // Whether `key` names exactly one file inside the cache directory. The
-  // reserved index name passes this test; the data families refuse it apart.
+  // The file every instance, in every process, locks while it saves the
+  // index: "VQCache.lock" in the folder that holds the cache directory.
+  static const std::string& indexLockPath();
+  // Whether `key` is UTF-8 and names exactly one file inside the cache
+  // directory. The reserved index name passes this test; the data families
+  // refuse it apart.
   static bool isUsableKey(std::string_view key);
 
   // Fresh entry whose file exists.
@@ -138,13 +147,6 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   // not later than now.
   static bool isExpired(Date expiry, Date now = Date::now());
 
-  // Identifies one version of the index file (device, inode, size, times).
-  struct IndexStamp {
-    std::uint64_t device, inode, size;
-    std::int64_t modifiedNs, changedNs;
-    friend bool operator==(const IndexStamp&, const IndexStamp&) = default;
-  };
-
   explicit VQCache(Passkey);  // use create() or currentCache()
   ~VQCache();
   VQCache(const VQCache&) = delete;
@@ -153,13 +155,15 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
  private:
   void removeItemFromCache(const std::string& key);
   void saveAfterDelay();
+  void saveAfterDelay(double seconds);
   void saveCacheDictionary();
+  // Puts changes a save could not write back among the unsaved ones.
+  void restoreChanges(std::map<std::string, std::optional<Date>> changes);
+  void forgetLastSaved();
   static void writeData(const Data& data, const std::string& path);
   static void deleteDataAtPath(const std::string& path);
   void performDiskWriteOperation(OperationQueue::Operation op);
   void recordEntry(const std::string& key, double timeoutInterval);
-  // Deletes the cache's own temporary files that writes killed midway left.
-  void removeAbandonedTemporaries();
 
   // Key to its new expiry date, or to nullopt for a removal.
   using Changes = std::map<std::string, std::optional<Date>>;
@@ -169,10 +173,10 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   // What this instance changed in the index since its last save.
   Changes unsavedChanges_;
   // Guarded by saveMutex_: what this instance's last save wrote, and the
-  // stamp of the file it wrote, so that the next save need not read it back
-  // while no one else has written since.
+  // file it wrote, held open so that its inode cannot pass to another file;
+  // while that file is still the index, the next save need not read it.
   std::map<std::string, Date> lastSaved_;
-  std::optional<IndexStamp> lastSavedStamp_;
+  int lastSavedFd_ = -1;
   std::mutex saveMutex_;
   std::unique_ptr<OperationQueue> diskOperationQueue_;
   std::atomic<double> defaultTimeoutInterval_{0.0};
