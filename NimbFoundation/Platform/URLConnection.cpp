@@ -30,8 +30,10 @@ constexpr auto kBatchWindow = std::chrono::microseconds(1000);
 constexpr const char* kUserAgent = "NimbFoundation/" NIMB_VERSION_STRING;
 // The most header bytes one transfer takes from its server, over every
 // response it reads (interim ones and redirects included): ample for any
-// real server, a bound on what an endless header block can make us hold,
-// and below libcurl's own limit so that the failure says what happened.
+// real server, and a bound on what an endless header block can make us
+// hold. It lies below libcurl's own limit on a response's headers, so that
+// the failure says what happened; a single line longer than libcurl takes
+// (100 KiB) is refused by libcurl first, as an out-of-memory failure.
 constexpr std::size_t kMaxHeaderBytes = 256 * 1024;
 
 std::string trim(std::string_view s) {
@@ -44,6 +46,23 @@ std::string trim(std::string_view s) {
 
 bool sameField(std::string_view a, std::string_view b) {
   return !CaseInsensitiveLess{}(a, b) && !CaseInsensitiveLess{}(b, a);
+}
+
+// How many content codings other than "identity" the response applies to
+// its body, from its Content-Encoding field(s), e.g. 2 for "gzip, gzip".
+int contentCodings(const HTTPHeaderFields& fields) {
+  auto found = fields.find("Content-Encoding");
+  if (found == fields.end()) return 0;
+  int count = 0;
+  std::string_view rest = found->second;
+  while (!rest.empty()) {
+    auto comma = rest.find(',');
+    std::string coding = trim(rest.substr(0, comma));
+    if (!coding.empty() && !sameField(coding, "identity")) ++count;
+    if (comma == std::string_view::npos) break;
+    rest.remove_prefix(comma + 1);
+  }
+  return count;
 }
 
 long errorCodeFor(CURLcode code) {
@@ -415,9 +434,7 @@ class NetworkThread {
     if (!t->inHeaderBlock) return n;  // trailers
     if (line == "\r\n" || line == "\n") {
       t->inHeaderBlock = false;
-      if (!responseComplete(*t)) {
-        return abortTransfer(*t, kURLErrorDataLengthExceedsMaximum, tooLong(t->maximumBodyLength));
-      }
+      if (!responseComplete(*t)) return 0;  // responseComplete() said why
       return n;
     }
     auto colon = line.find(':');
@@ -430,8 +447,9 @@ class NetworkThread {
     return n;
   }
 
-  // Reports a final response; false when it announces a body longer than
-  // the transfer accepts, which ends the transfer before any of it comes.
+  // Reports a final response; false (with the reason in t.abort) when the
+  // response is refused before any of its body comes: a body announced
+  // longer than the transfer accepts, or content codings stacked.
   static bool responseComplete(Transfer& t) {
     long status = 0;
     curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
@@ -455,13 +473,24 @@ class NetworkThread {
       }
     }
     t.bodyLeft = response.expectedContentLength;
+    const int codings = contentCodings(response.allHeaderFields);
+    if (codings > 1) {
+      // Only gzip was asked for, once. Codings stacked on one another
+      // inflate by the product of their ratios, faster than any limit can
+      // be checked, and no real server sends them.
+      t.abort.emplace(kURLErrorCannotDecodeContentData,
+                      "The response stacks content codings, which were not asked for.");
+      return false;
+    }
     // An announced length is the encoded one; only a body sent as it is can
-    // be refused by it before it arrives.
-    auto encoding = response.allHeaderFields.find("Content-Encoding");
-    bool plain = encoding == response.allHeaderFields.end() || encoding->second.empty() ||
-                 sameField(encoding->second, "identity");
-    if (plain && t.maximumBodyLength > 0 && response.expectedContentLength > 0 &&
+    // be refused by it before it arrives. Some responses carry no body
+    // whatever they announce, and a chunked one's length does not count.
+    const bool bodiless = status == 204 || status == 304;
+    const bool chunked = response.allHeaderFields.count("Transfer-Encoding") > 0;
+    if (codings == 0 && !bodiless && !chunked && t.maximumBodyLength > 0 &&
+        response.expectedContentLength > 0 &&
         static_cast<std::uint64_t>(response.expectedContentLength) > t.maximumBodyLength) {
+      t.abort.emplace(kURLErrorDataLengthExceedsMaximum, tooLong(t.maximumBodyLength));
       return false;
     }
     deliver(
