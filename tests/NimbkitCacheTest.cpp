@@ -5,6 +5,8 @@
 
 #include <NimbFoundation/Platform/FileManager.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <vector>
 
@@ -63,6 +65,7 @@ TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
            {"cache", "frobnicate"},
            {"cache"},
            {"frobnicate"},
+           {"cache", "set", "not-utf8-\x9b"},
            {"serve", ".", "--port", "99999"},
        }) {
     auto r = runNimbkit(args, "data");
@@ -76,6 +79,7 @@ TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
 TEST(NimbkitCache, UnknownSubcommandsAreNamed) {
   EXPECT_EQ(runNimbkit({"frobnicate"}).err, "nimbkit: unknown subcommand \"frobnicate\"\n");
   EXPECT_EQ(runNimbkit({"cache", "frob"}).err, "nimbkit cache: unknown subcommand \"frob\"\n");
+  EXPECT_EQ(runNimbkit({"\x1b[2Jwipe"}).err, "nimbkit: unknown subcommand \"\\x1B[2Jwipe\"\n");
   EXPECT_NE(runNimbkit({"serve", ".", "--port", "99999"}).err.find("not in range 0 to 65535"),
             std::string::npos);
 }
@@ -120,6 +124,25 @@ TEST(NimbkitCache, NothingStoredIsAFailure) {
   }
   EXPECT_EQ(runNimbkit({"cache", "set", "k", "--file", "/dev/zero"}).exitCode, 1);
 
+  // The entry file lands but the index (longer than the limit) does not:
+  // the old, expired date is still there, and that is no success.
+  for (const std::string& key : {std::string(150, 'a'), std::string(150, 'b')}) {
+    ASSERT_EQ(runNimbkit({"cache", "set", key}, "v").exitCode, 0);
+  }
+  ASSERT_EQ(runNimbkit({"cache", "set", "stale", "--ttl", "-1"}, "v").exitCode, 0);
+  auto unsaved = nimb::test::runProgram(
+      {"sh", "-c", "trap '' XFSZ; ulimit -f 1; exec \"$0\" cache set stale --ttl 86400",
+       NIMBKIT_PATH},
+      "new");
+  EXPECT_EQ(unsaved.exitCode, 1) << unsaved.err;
+  EXPECT_EQ(runNimbkit({"cache", "has", "stale"}).exitCode, 1);
+  // A link in the way of a copy is refused up front, and leaves no entry.
+  ASSERT_EQ(::symlink("/nonexistent/target", (cacheHome + "/nimbkit/VQCache/linked").c_str()), 0);
+  std::string source = std::string(std::getenv("HOME")) + "/source.bin";
+  ASSERT_TRUE(nimb::FileManager::writeAtomically(source, std::string_view("bytes")));
+  EXPECT_EQ(runNimbkit({"cache", "copy", source, "linked"}).exitCode, 2);
+  EXPECT_EQ(runNimbkit({"cache", "list"}).out.find("linked"), std::string::npos);
+
   std::filesystem::remove_all(cacheHome);
   ASSERT_TRUE(nimb::FileManager::writeAtomically(cacheHome, std::string_view("in the way")));
   auto blocked = runNimbkit({"cache", "set", "k"}, "v");
@@ -134,8 +157,17 @@ TEST(NimbkitCache, NothingStoredIsAFailure) {
 TEST(NimbkitCache, ListingEscapesControlCharacters) {
   ASSERT_EQ(runNimbkit({"cache", "set", "two\nlines"}, "x").exitCode, 0);
   ASSERT_EQ(runNimbkit({"cache", "set", "tab\there\\\x7f"}, "y").exitCode, 0);
+  ASSERT_EQ(runNimbkit({"cache", "set",
+                        "csi\xc2\x9b"
+                        "2J-rlo\xe2\x80\xae"
+                        "gpj.exe-caf\xc3\xa9"},
+                       "z")
+                .exitCode,
+            0);
   auto list = runNimbkit({"cache", "list"});
-  EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 2) << list.out;
+  EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 3) << list.out;
+  EXPECT_NE(list.out.find("csi\\u009B2J-rlo\\u202Egpj.exe-caf\xc3\xa9\t"), std::string::npos)
+      << list.out;
   EXPECT_NE(list.out.find("two\\nlines\t"), std::string::npos) << list.out;
   EXPECT_NE(list.out.find("tab\\there\\\\\\x7F\t"), std::string::npos) << list.out;
 }

@@ -5,6 +5,7 @@
 // a failed write; `set` and `copy` check that the entry landed (its file and
 // its line in the index on disk) and fail with the reason when it did not.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@
 #include <NimbFoundation/Platform/RunLoop.h>
 
 #include "Command.h"
+#include "DisplayText.h"
 
 namespace nimbkit {
 
@@ -44,42 +46,10 @@ void requireKey(const std::string& key) {
     throw UsageError("\"" + key + "\" is the cache's index file and cannot be used as a key");
   }
   if (!VQCache::isUsableKey(key)) {
-    throw UsageError("\"" + key +
-                     "\" cannot be a cache key: it must name one file (not empty, \".\" or "
-                     "\"..\", no \"/\", at most 255 bytes)");
+    throw UsageError("\"" + escapeForDisplay(key) +
+                     "\" cannot be a cache key: it must be UTF-8 and name one file (not empty, "
+                     "\".\" or \"..\", no \"/\", at most 255 bytes)");
   }
-}
-
-// A key as one field of a listing line: backslash, tab, newline, carriage
-// return and the other control bytes are written as backslash escapes.
-std::string escapeKey(std::string_view key) {
-  std::string out;
-  for (char c : key) {
-    auto byte = static_cast<unsigned char>(c);
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      default:
-        if (byte < 0x20 || byte == 0x7F) {
-          char escape[5];
-          std::snprintf(escape, sizeof escape, "\\x%02X", byte);
-          out += escape;
-        } else {
-          out += c;
-        }
-    }
-  }
-  return out;
 }
 
 double requireTtl(double ttl) {
@@ -87,46 +57,89 @@ double requireTtl(double ttl) {
   return ttl;
 }
 
+// The longest the tool waits for its index save: a save whose lock another
+// process holds is retried every second, and a holder this slow is stuck.
+constexpr double kSettleSeconds = 30;
+
 // Lets the deferred index save run and queued file writes land, so that
 // nothing this process set is lost when it exits.
 void settle(VQCache& cache) {
   cache.diskOperationQueue().waitUntilAllOperationsAreFinished();
-  nimb::RunLoop::main().runUntilIdle();
+  nimb::RunLoop::main().runUntilIdle(kSettleSeconds);
   cache.diskOperationQueue().waitUntilAllOperationsAreFinished();
 }
 
-// Why `bytes` bytes could not be stored in the cache directory: tries what
-// the cache tried, a private temporary file of that size there, and names
-// the error it meets.
-std::string whyNotStored(std::size_t bytes) {
+// Whether another process holds the lock every index save takes.
+bool indexLockIsHeld() {
+  int fd = ::open(VQCache::indexLockPath().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) return false;
+  bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  ::close(fd);
+  return held;
+}
+
+// What went wrong when writing `bytes` bytes in the cache directory: tries
+// what the cache tried, a private temporary file of that size there, and
+// names the error it meets; nullopt when that works.
+std::optional<std::string> probeWrite(std::size_t bytes) {
   const std::string& dir = VQCache::cacheDirectory();
-  if (!nimb::FileManager::isDirectory(dir)) return "cannot create the directory " + dir;
   // Shaped like the cache's own temporaries, so a later start-up sweeps it
   // should this process be killed before it removes it.
   std::string probe = dir + "/.nimbkit-probe.tmp-XXXXXX";
   int fd = ::mkostemp(probe.data(), O_CLOEXEC);
   if (fd < 0) return "cannot write in " + dir + ": " + std::strerror(errno);
-  std::string reason = "the cache did not record it in " + dir;
-  if (bytes > 0) {
-    int error = ::posix_fallocate(fd, 0, static_cast<off_t>(bytes));
-    if (error != 0)
-      reason = "cannot write " + std::to_string(bytes) + " bytes in " + dir + ": " +
-               std::strerror(error);
+  std::optional<std::string> reason;
+  int error = bytes > 0 ? ::posix_fallocate(fd, 0, static_cast<off_t>(bytes)) : 0;
+  if (error != 0) {
+    reason =
+        "cannot write " + std::to_string(bytes) + " bytes in " + dir + ": " + std::strerror(error);
   }
   ::close(fd);
   ::unlink(probe.c_str());
   return reason;
 }
 
-// Fails with the reason unless `key` is in the index on disk and its file
-// is a regular file of `expectedSize` bytes (with the digest `expected`,
-// when given).
-void confirmStored(const std::string& key, const nimb::Digest::MD5Digest* expected,
+// Why the entry for `key` (`bytes` bytes) did not land, when its file
+// (`filed`) or its line in the index did not.
+std::string whyNotStored(const std::string& key, std::size_t bytes, bool filed) {
+  const std::string& dir = VQCache::cacheDirectory();
+  if (!nimb::FileManager::isDirectory(dir)) return "cannot create the directory " + dir;
+  if (indexLockIsHeld()) {
+    return "another process has held the index lock (" + VQCache::indexLockPath() + ") for " +
+           std::to_string(static_cast<int>(kSettleSeconds)) + " s";
+  }
+  const std::string path = VQCache::pathForKey(key);
+  struct stat st {};
+  if (!filed) {
+    if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+      return "something that is no regular file is in the way at " + path;
+    }
+    return probeWrite(bytes).value_or("its file did not land in " + dir);
+  }
+  // The index is rewritten whole: probe with its size and some room.
+  const std::string index = VQCache::pathForKey(VQCache::kIndexFileName);
+  std::size_t indexBytes = ::stat(index.c_str(), &st) == 0 ? st.st_size : 0;
+  auto problem = probeWrite(indexBytes + 4096);
+  return "the index " + index + " could not be updated" + (problem ? ": " + *problem : "");
+}
+
+// Fails with the reason unless the index on disk holds `key` with the
+// expiry this process gave it and its file is a regular file of
+// `expectedSize` bytes (with the digest `expected`, when given).
+void confirmStored(VQCache& cache, const std::string& key, const nimb::Digest::MD5Digest* expected,
                    std::uint64_t expectedSize) {
   const std::string path = VQCache::pathForKey(key);
   auto index = nimb::PropertyList::dictionaryWithContentsOfFile(
       VQCache::pathForKey(VQCache::kIndexFileName), nimb::FollowLinks::No);
-  bool indexed = index && index->count(key) && index->at(key).asDate();
+  const auto ours = cache.cacheDictionary();
+  const nimb::Value* found = index ? [&]() -> const nimb::Value* {
+    auto it = index->find(key);
+    return it == index->end() ? nullptr : &it->second;
+  }()
+      : nullptr;
+  // The index keeps whole seconds.
+  bool indexed = found && found->asDate() && ours.count(key) &&
+                 std::fabs(found->asDate()->timeIntervalSince(ours.at(key))) < 1.0;
   struct stat st {};
   bool filed = ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
                static_cast<std::uint64_t>(st.st_size) == expectedSize;
@@ -135,8 +148,8 @@ void confirmStored(const std::string& key, const nimb::Digest::MD5Digest* expect
     filed = contents && nimb::Digest::md5(*contents) == *expected;
   }
   if (indexed && filed) return;
-  throw std::runtime_error("\"" + escapeKey(key) + "\" was not stored: " +
-                           whyNotStored(static_cast<std::size_t>(expectedSize)));
+  throw std::runtime_error("\"" + escapeForDisplay(key) + "\" was not stored: " +
+                           whyNotStored(key, static_cast<std::size_t>(expectedSize), filed));
 }
 
 int set(const CacheOptions& o) {
@@ -159,7 +172,7 @@ int set(const CacheOptions& o) {
     cache->setData(std::move(bytes), o.key);
   }
   settle(*cache);
-  confirmStored(o.key, &digest, size);
+  confirmStored(*cache, o.key, &digest, size);
   return kOk;
 }
 
@@ -203,7 +216,7 @@ int list() {
     bool present =
         VQCache::isUsableKey(key) &&
         nimb::FileManager::isRegularFile(VQCache::pathForKey(key), nimb::FollowLinks::No);
-    std::printf("%s\t%s\t%s\t%s\n", escapeKey(key).c_str(), expiry.iso8601().c_str(),
+    std::printf("%s\t%s\t%s\t%s\n", escapeForDisplay(key).c_str(), expiry.iso8601().c_str(),
                 VQCache::isExpired(expiry) ? "expired" : "fresh", present ? "present" : "absent");
   }
   return kOk;
@@ -215,8 +228,9 @@ int copy(const CacheOptions& o) {
   if (::stat(o.path.c_str(), &source) != 0 || !S_ISREG(source.st_mode)) {
     throw std::runtime_error("no regular file to copy at " + o.path + "; nothing stored");
   }
-  if (nimb::FileManager::fileExists(VQCache::pathForKey(o.key))) {
-    throw UsageError("\"" + o.key + "\" already has a file; remove it first");
+  struct stat existing {};
+  if (::lstat(VQCache::pathForKey(o.key).c_str(), &existing) == 0) {
+    throw UsageError("\"" + escapeForDisplay(o.key) + "\" already has a file; remove it first");
   }
   auto cache = VQCache::currentCache();
   if (o.ttl) {
@@ -225,7 +239,7 @@ int copy(const CacheOptions& o) {
     cache->copyFilePath(o.path, o.key);
   }
   settle(*cache);
-  confirmStored(o.key, nullptr, static_cast<std::uint64_t>(source.st_size));
+  confirmStored(*cache, o.key, nullptr, static_cast<std::uint64_t>(source.st_size));
   return kOk;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Command.h"
+#include "DisplayText.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ std::optional<std::string> unknownSubcommand(CLI::App& app, int argc, char** arg
     CLI::App* sub = matches.empty() ? nullptr : matches.front();
     if (!sub) {
       if (current->get_require_subcommand_min() == 0) return std::nullopt;
-      return path + ": unknown subcommand \"" + word + "\"";
+      return path + ": unknown subcommand \"" + nimbkit::escapeForDisplay(word) + "\"";
     }
     current = sub;
     path += " " + word;
