@@ -1,8 +1,9 @@
 // Decodes arbitrary bytes as a picture: PNG, JPEG, GIF or WebP, the format
 // sniffed from the bytes. Whatever passes the header must decode into a
-// buffer of the size the header gave, agree with what Image::withData says
-// of the same bytes, and survive a PNG round trip unchanged; small pictures
-// also go through the other three encoders and back.
+// buffer of the size the header gave; pictures up to 256 x 256 must also
+// come out of Image::withData (the loader's and the cache's path, decoded
+// on the pool) with the very same pixels and survive a PNG round trip
+// unchanged, and small ones go through the other three encoders and back.
 //
 // The target decodes on its own thread with a budget of one megapixel: the
 // library's own budget (Image::kMaxPixels) is tested elsewhere, and filling
@@ -11,6 +12,7 @@
 #include <NimbFoundation/Platform/Image.h>
 #include <NimbFoundation/Platform/ImageCodecs.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
@@ -65,15 +67,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static auto* buffer = new std::uint8_t[kPixelBudget * 4];
   if (!nimb::detail::decodeImage(bytes, *header, buffer)) return 0;
   if (pixels > kPngRoundTripPixels) return 0;
-  auto image = nimb::Image::withBitmap(
-      {header->width, header->height, std::vector<std::uint8_t>(buffer, buffer + pixels * 4)}, 1.0,
-      header->orientation);
+  // The production path (header at once, pixels on the decode pool, buffers
+  // recycled) must give the very same pixels.
+  auto image = nimb::Image::withData(bytes);
   check(image != nullptr);
+  const auto& bm = image->bitmap();
+  check(bm.width == header->width && bm.height == header->height);
+  check(std::equal(bm.rgba.begin(), bm.rgba.end(), buffer) && bm.rgba.size() == pixels * 4);
   // Size in points follows the orientation: a sideways JPEG swaps the sides.
   const nimb::Size points = image->size();
-  const bool sideways = points.width != header->width;
-  check(points.width == (sideways ? header->height : header->width));
-  check(points.height == (sideways ? header->width : header->height));
+  const bool sideways = points.width != bm.width;
+  check(points.width == (sideways ? bm.height : bm.width));
+  check(points.height == (sideways ? bm.width : bm.height));
   roundTrips(*image, pixels);
   return 0;
 }
