@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cmath>
 #include <map>
+#include <mutex>
 #include <thread>
 
 #include "HttpTestServer.h"
@@ -64,7 +65,10 @@ class VQImageLoaderTest : public ::testing::Test {
                                            httplib::Response& response) {
       ++requests;
       const std::string path = request.matches[1];
-      const bool first = ++hits[path] == 1;  // handlers run one at a time per path here
+      const bool first = [&] {
+        std::lock_guard lock(hitsMutex);  // handlers run on many server threads
+        return ++hits[path] == 1;
+      }();
       if (path == "page.html" || (path == "flaky-406.png" && first)) {
         response.set_content("<html><body>Not found</body></html>", "text/html");
       } else if (path == "flaky-drop.png" && first) {
@@ -96,7 +100,8 @@ class VQImageLoaderTest : public ::testing::Test {
       Image::withBitmap({30, 20, std::vector<std::uint8_t>(30 * 20 * 4, 0x7F)}));
   nimb::test::HttpTestServer server;
   std::atomic<int> requests{0};
-  std::map<std::string, std::atomic<int>> hits;
+  std::mutex hitsMutex;
+  std::map<std::string, int> hits;
   NotificationCenter center;
   std::shared_ptr<VQImageLoader> loader;
 };
