@@ -23,7 +23,6 @@ OperationQueue::~OperationQueue() {
     idle_.wait(lock, [&] { return queue_.empty() && running_ == 0; });
     stopping_ = true;
     all.splice(all.end(), workers_);
-    all.splice(all.end(), finished_);
   }
   work_.notify_all();
   for (auto& t : all) t.join();
@@ -31,12 +30,10 @@ OperationQueue::~OperationQueue() {
 
 void OperationQueue::addOperation(Operation op) {
   if (!op) return;
-  std::list<std::thread> toJoin;
   bool noWorker = false;
   {
     std::unique_lock lock(mutex_);
     queue_.push_back(std::move(op));
-    toJoin.swap(finished_);
     if (waitingWorkers_ < queue_.size() && workers_.size() < maxWorkers_) {
       try {
         workers_.emplace_back([this] { workerLoop(); });
@@ -49,9 +46,6 @@ void OperationQueue::addOperation(Operation op) {
     }
   }
   work_.notify_one();
-  // Workers that left on idle are joined here, off the lock: they have
-  // already given up the queue and only finish returning.
-  for (auto& t : toJoin) t.join();
   if (noWorker) drainOnCaller();
 }
 
@@ -90,12 +84,17 @@ void OperationQueue::workerLoop() {
     }
     if (stopping_) return;
     if (!gotWork) {
-      // Idle too long: hand this thread's handle to `finished_` so that a
-      // later call joins it, then leave.
+      // Idle too long: leave, detached, so that nothing is left to join. A
+      // queue that lives until the process ends (the shared cache's) would
+      // otherwise end with finished threads nobody joined. After this the
+      // thread touches nothing of the queue but the lock it lets go of.
       auto self = std::find_if(workers_.begin(), workers_.end(), [](const std::thread& t) {
         return t.get_id() == std::this_thread::get_id();
       });
-      if (self != workers_.end()) finished_.splice(finished_.end(), workers_, self);
+      if (self != workers_.end()) {
+        self->detach();
+        workers_.erase(self);
+      }
       return;
     }
   }

@@ -55,8 +55,7 @@ class OperationQueue {
   std::deque<Operation> queue_;
   std::size_t running_ = 0;
   std::size_t waitingWorkers_ = 0;
-  std::list<std::thread> workers_;
-  std::list<std::thread> finished_;  // workers that left; joined later
+  std::list<std::thread> workers_;  // idle ones leave detached
   bool stopping_ = false;
 };
 
