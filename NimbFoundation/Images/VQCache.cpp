@@ -175,8 +175,11 @@ std::shared_ptr<VQCache> VQCache::create() {
   // The job holds its own copies, never the instance, so it may still run
   // while the instance or the process goes away.
   std::set<std::string> keep;
-  for (const auto& entry : cache->cacheDictionary()) {
-    if (FileManager::isTemporaryFileName(entry.first)) keep.insert(entry.first);
+  {
+    std::lock_guard lock(cache->dictionaryMutex_);
+    for (const auto& entry : cache->cacheDictionary_) {
+      if (FileManager::isTemporaryFileName(entry.first)) keep.insert(entry.first);
+    }
   }
   cache->performDiskWriteOperation(
       [dir = cacheDirectory(), keep = std::move(keep)] { removeAbandonedTemporaries(dir, keep); });
