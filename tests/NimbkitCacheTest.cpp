@@ -123,6 +123,12 @@ TEST(NimbkitCache, NothingStoredIsAFailure) {
     EXPECT_NE(copy.err.find("nothing stored"), std::string::npos) << copy.err;
   }
   EXPECT_EQ(runNimbkit({"cache", "set", "k", "--file", "/dev/zero"}).exitCode, 1);
+  // A pipe is a fine source for set (a shell's <(command)), never for copy.
+  auto piped = nimb::test::runProgram(
+      {"bash", "-c", "\"$0\" cache set piped --file <(printf pipe) && \"$0\" cache get piped",
+       NIMBKIT_PATH});
+  EXPECT_EQ(piped.exitCode, 0) << piped.err;
+  EXPECT_EQ(piped.out, "pipe");
 
   // The entry file lands but the index (longer than the limit) does not:
   // the old, expired date is still there, and that is no success.

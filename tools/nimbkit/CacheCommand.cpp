@@ -57,6 +57,34 @@ double requireTtl(double ttl) {
   return ttl;
 }
 
+// The bytes of the file the user named: a regular file, or a pipe such as
+// a shell's <(command). A device (/dev/zero never ends), a directory or a
+// socket is refused: exit 1 with the reason.
+Data readInputFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISFIFO(st.st_mode))) {
+    ::close(fd);
+    throw std::runtime_error("cannot read " + path + ": not a regular file or a pipe");
+  }
+  Data bytes;
+  std::uint8_t buffer[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      int error = errno;
+      ::close(fd);
+      throw std::runtime_error("cannot read " + path + ": " + std::strerror(error));
+    }
+    if (n == 0) break;
+    bytes.insert(bytes.end(), buffer, buffer + n);
+  }
+  ::close(fd);
+  return bytes;
+}
+
 // The longest the tool waits for its index save: a save whose lock another
 // process holds is retried every second, and a holder this slow is stuck.
 constexpr double kSettleSeconds = 30;
@@ -132,11 +160,10 @@ void confirmStored(VQCache& cache, const std::string& key, const nimb::Digest::M
   auto index = nimb::PropertyList::dictionaryWithContentsOfFile(
       VQCache::pathForKey(VQCache::kIndexFileName), nimb::FollowLinks::No);
   const auto ours = cache.cacheDictionary();
-  const nimb::Value* found = index ? [&]() -> const nimb::Value* {
-    auto it = index->find(key);
-    return it == index->end() ? nullptr : &it->second;
-  }()
-      : nullptr;
+  const nimb::Value* found = nullptr;
+  if (index) {
+    if (auto it = index->find(key); it != index->end()) found = &it->second;
+  }
   // The index keeps whole seconds.
   bool indexed = found && found->asDate() && ours.count(key) &&
                  std::fabs(found->asDate()->timeIntervalSince(ours.at(key))) < 1.0;
@@ -154,14 +181,7 @@ void confirmStored(VQCache& cache, const std::string& key, const nimb::Digest::M
 
 int set(const CacheOptions& o) {
   requireKey(o.key);
-  Data bytes;
-  if (!o.path.empty()) {
-    auto contents = nimb::FileManager::contentsAtPath(o.path);
-    if (!contents) throw std::runtime_error("cannot read " + o.path + " as a regular file");
-    bytes = std::move(*contents);
-  } else {
-    bytes = readStandardInput();
-  }
+  Data bytes = o.path.empty() ? readStandardInput() : readInputFile(o.path);
   auto cache = VQCache::currentCache();
   // The cache takes the bytes; their digest stays here to check what landed.
   const auto digest = nimb::Digest::md5(bytes);
