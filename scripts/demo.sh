@@ -57,7 +57,7 @@ mkdir -p "$demo_home/www"
 head -c 300000 /dev/urandom >"$demo_home/www/photo.bin"
 "$nimbkit" serve "$demo_home/www" --port 0 --for 30 >"$demo_home/serve.out" &
 server=$!
-trap 'kill $server 2>/dev/null; rm -rf "$demo_home"' EXIT
+trap 'kill $server 2>/dev/null || true; rm -rf "$demo_home"' EXIT
 for _ in $(seq 50); do grep -q 'serving' "$demo_home/serve.out" 2>/dev/null && break; sleep 0.1; done
 base=$(sed -E 's/.* at //' "$demo_home/serve.out")
 echo "(a loopback server: $base)"
