@@ -1,20 +1,16 @@
 #include <NimbFoundation/Images/VQCache.h>
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <ctime>
 #include <set>
-#include <thread>
 #include <utility>
 
+#include <NimbFoundation/Platform/FileLock.h>
 #include <NimbFoundation/Platform/FileManager.h>
 #include <NimbFoundation/Platform/PropertyList.h>
 #include <NimbFoundation/Platform/RunLoop.h>
@@ -29,9 +25,9 @@ namespace {
 constexpr const char* kSaveAction = "saveCacheDictionary";
 // The longest file name Linux file systems take.
 constexpr std::size_t kMaxKeyBytes = 255;
-// A temporary file of the cache's own older than this belongs to a write
-// that was killed: a live writer touches its file far more often.
-constexpr std::time_t kAbandonedTemporaryAge = 60;
+// A temporary file of the cache's own untouched for this long belongs to a
+// write that was killed: a live writer touches its file far more often.
+constexpr double kAbandonedTemporaryAge = 60;
 // How long a save waits for another holder of the index lock, and how long
 // after giving up it tries again. Holders keep it for one read and write
 // of the index; a holder that keeps it longer is stopped or stuck.
@@ -45,47 +41,6 @@ std::string indexPath() {
 bool isReserved(std::string_view key) {
   return key == VQCache::kIndexFileName;
 }
-
-// The lock every instance, in every process, holds while it saves the
-// index, so that read, merge and write are one step for all of them. It is
-// a file beside the cache directory rather than in it: no key can name it.
-class IndexLock {
- public:
-  enum class State {
-    Held,         // this object holds the lock
-    Busy,         // someone else held it for the whole wait
-    Unsupported,  // the file system cannot lock: go ahead without
-  };
-
-  IndexLock(const std::string& path, std::chrono::milliseconds wait) {
-    do {
-      fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-    } while (fd_ < 0 && errno == EINTR);
-    if (fd_ < 0) return;
-    const auto deadline = std::chrono::steady_clock::now() + wait;
-    auto pause = std::chrono::milliseconds(1);
-    while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
-      if (errno != EWOULDBLOCK && errno != EINTR) return;
-      if (std::chrono::steady_clock::now() >= deadline) {
-        state_ = State::Busy;
-        return;
-      }
-      std::this_thread::sleep_for(pause);
-      pause = std::min(pause * 2, std::chrono::milliseconds(50));
-    }
-    state_ = State::Held;
-  }
-  ~IndexLock() {
-    if (fd_ >= 0) ::close(fd_);  // releases the lock
-  }
-  IndexLock(const IndexLock&) = delete;
-  IndexLock& operator=(const IndexLock&) = delete;
-  State state() const { return state_; }
-
- private:
-  int fd_ = -1;
-  State state_ = State::Unsupported;
-};
 
 // The key-to-date pairs of the index file as it is on disk now; whatever
 // else a damaged or foreign index holds is left out. nullopt when there is
@@ -119,24 +74,6 @@ bool isFileAtPath(int fd, const std::string& path) {
   }, current{};
   return fd >= 0 && ::fstat(fd, &held) == 0 && ::lstat(path.c_str(), &current) == 0 &&
          held.st_dev == current.st_dev && held.st_ino == current.st_ino;
-}
-
-// Deletes the cache's own temporaries in `dir` that writes killed midway
-// left: names of the temporary shape untouched for kAbandonedTemporaryAge,
-// except `keep` (keys that happen to have that shape).
-void removeAbandonedTemporaries(const std::string& dir, const std::set<std::string>& keep) {
-  DIR* listing = ::opendir(dir.c_str());
-  if (!listing) return;
-  const std::time_t now = std::time(nullptr);
-  while (dirent* entry = ::readdir(listing)) {
-    std::string_view name = entry->d_name;
-    if (!FileManager::isTemporaryFileName(name) || keep.count(std::string(name))) continue;
-    struct stat st {};
-    if (::fstatat(::dirfd(listing), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (!S_ISREG(st.st_mode) || now - st.st_mtime < kAbandonedTemporaryAge) continue;
-    ::unlinkat(::dirfd(listing), entry->d_name, 0);
-  }
-  ::closedir(listing);
 }
 
 }  // namespace
@@ -181,8 +118,9 @@ std::shared_ptr<VQCache> VQCache::create() {
       if (FileManager::isTemporaryFileName(entry.first)) keep.insert(entry.first);
     }
   }
-  cache->performDiskWriteOperation(
-      [dir = cacheDirectory(), keep = std::move(keep)] { removeAbandonedTemporaries(dir, keep); });
+  cache->performDiskWriteOperation([dir = cacheDirectory(), keep = std::move(keep)] {
+    FileManager::removeAbandonedTemporaries(dir, kAbandonedTemporaryAge, keep);
+  });
   return cache;
 }
 
@@ -398,8 +336,8 @@ void VQCache::saveCacheDictionary() {
     // nothing else, so no one's entries are lost. Nothing is written while
     // someone else holds the lock (a process stopped midway, say): the save
     // is tried again a little later instead.
-    IndexLock lock(indexLockPath(), kIndexLockWait);
-    if (lock.state() == IndexLock::State::Busy) {
+    FileLock lock(indexLockPath(), kIndexLockWait);
+    if (lock.state() == FileLock::State::Busy) {
       restoreChanges(std::move(changes));
       RunLoop::performOnMainThread(
           [self = shared_from_this()] { self->saveAfterDelay(kIndexLockRetryDelay); }, false);

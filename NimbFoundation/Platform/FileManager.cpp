@@ -1,5 +1,6 @@
 #include <NimbFoundation/Platform/FileManager.h>
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pwd.h>
@@ -8,6 +9,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace nimb {
 
@@ -243,6 +245,22 @@ bool FileManager::isTemporaryFileName(std::string_view name) {
     if (!alnum) return false;
   }
   return name.substr(name.size() - kRandom - kMark.size(), kMark.size()) == kMark;
+}
+
+void FileManager::removeAbandonedTemporaries(const std::string& dir, double olderThanSeconds,
+                                             const std::set<std::string>& keep) {
+  DIR* listing = ::opendir(dir.c_str());
+  if (!listing) return;
+  const std::time_t now = std::time(nullptr);
+  while (dirent* entry = ::readdir(listing)) {
+    std::string_view name = entry->d_name;
+    if (!isTemporaryFileName(name) || keep.count(std::string(name))) continue;
+    struct stat st {};
+    if (::fstatat(::dirfd(listing), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (!S_ISREG(st.st_mode) || static_cast<double>(now - st.st_mtime) < olderThanSeconds) continue;
+    ::unlinkat(::dirfd(listing), entry->d_name, 0);
+  }
+  ::closedir(listing);
 }
 
 bool FileManager::removeItem(const std::string& path) {

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <climits>
@@ -13,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include <NimbFoundation/Platform/FileLock.h>
 #include <NimbFoundation/Platform/FileManager.h>
 #include <NimbFoundation/Platform/PropertyList.h>
 
@@ -46,36 +46,10 @@ std::optional<std::string> fileNameFor(std::string_view name) {
   return out;
 }
 
-// An exclusive flock on the folder's lock file, held for the object's life.
-// Each holder opens the file anew, so threads of one process exclude each
-// other as well as other processes do.
-class StoreLock {
- public:
-  explicit StoreLock(const std::string& dir) {
-    std::string path = FileManager::appendingPathComponent(dir, ".lock");
-    do {
-      fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    } while (fd_ < 0 && errno == EINTR);
-    if (fd_ < 0) return;
-    int r;
-    do {
-      r = ::flock(fd_, LOCK_EX);
-    } while (r != 0 && errno == EINTR);
-    if (r != 0) {
-      ::close(fd_);
-      fd_ = -1;
-    }
-  }
-  ~StoreLock() {
-    if (fd_ >= 0) ::close(fd_);  // closing the only descriptor releases the lock
-  }
-  StoreLock(const StoreLock&) = delete;
-  StoreLock& operator=(const StoreLock&) = delete;
-  bool held() const { return fd_ >= 0; }
-
- private:
-  int fd_ = -1;
-};
+// The lock every change of the folder takes: its ".lock" file.
+std::string lockPathOf(const std::string& dir) {
+  return FileManager::appendingPathComponent(dir, ".lock");
+}
 
 // Which process a pasteboard belongs to.
 struct Owner {
@@ -257,7 +231,7 @@ void cleanUpAtExit() {
     std::unique_lock guard(cleanup.mutex, std::try_to_lock);
     if (!guard.owns_lock()) return;
     for (const auto& [dir, path] : cleanup.files) {
-      StoreLock lock(dir);
+      FileLock lock(lockPathOf(dir));
       if (!lock.held()) continue;
       Loaded loaded = load(path);
       if (loaded.state == FileState::Valid && !loaded.record.persistent &&
@@ -343,7 +317,7 @@ std::shared_ptr<Pasteboard> Pasteboard::pasteboardWithName(std::string_view name
     } else if (!FileManager::createDirectory(dir, true)) {
       return nullptr;
     }
-    StoreLock lock(dir);
+    FileLock lock(lockPathOf(dir));
     if (!lock.held()) {
       // A store this process may not change can still be read.
       if (create || load(path).gone()) return nullptr;
@@ -374,7 +348,7 @@ bool Pasteboard::removePasteboardWithName(std::string_view name) {
     if (!fileName) return false;
     std::string dir = storeDirectory();
     if (dir.empty() || !FileManager::isDirectory(dir)) return false;
-    StoreLock lock(dir);
+    FileLock lock(lockPathOf(dir));
     if (!lock.held()) return false;
     return FileManager::removeItem(FileManager::appendingPathComponent(dir, *fileName));
   } catch (...) {
@@ -395,7 +369,7 @@ bool Pasteboard::isPersistent() const {
 void Pasteboard::setPersistent(bool persistent) {
   try {
     std::string dir = folderOf(path_);
-    StoreLock lock(dir);
+    FileLock lock(lockPathOf(dir));
     if (!lock.held()) return;
     Loaded loaded = load(path_);
     if (loaded.gone()) {
@@ -431,7 +405,7 @@ std::optional<Data> Pasteboard::dataForPasteboardType(std::string_view type) con
 
 bool Pasteboard::setData(const Data& data, std::string_view type) {
   try {
-    StoreLock lock(folderOf(path_));
+    FileLock lock(lockPathOf(folderOf(path_)));
     if (!lock.held()) return false;
     Loaded loaded = load(path_);
     if (loaded.gone()) {
