@@ -5,11 +5,11 @@
 // a failed write; `set` and `copy` check that the entry landed (its file and
 // its line in the index on disk) and fail with the reason when it did not.
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -21,6 +21,7 @@
 
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Platform/Digest.h>
+#include <NimbFoundation/Platform/FileLock.h>
 #include <NimbFoundation/Platform/FileManager.h>
 #include <NimbFoundation/Platform/PropertyList.h>
 #include <NimbFoundation/Platform/RunLoop.h>
@@ -64,25 +65,16 @@ Data readInputFile(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
   struct stat st {};
-  if (::fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISFIFO(st.st_mode))) {
+  std::FILE* stream = nullptr;
+  if (::fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISFIFO(st.st_mode)) ||
+      !(stream = ::fdopen(fd, "rb"))) {
     ::close(fd);
     throw std::runtime_error("cannot read " + path + ": not a regular file or a pipe");
   }
-  Data bytes;
-  std::uint8_t buffer[65536];
-  for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      int error = errno;
-      ::close(fd);
-      throw std::runtime_error("cannot read " + path + ": " + std::strerror(error));
-    }
-    if (n == 0) break;
-    bytes.insert(bytes.end(), buffer, buffer + n);
-  }
-  ::close(fd);
-  return bytes;
+  auto bytes = readAll(stream);
+  std::fclose(stream);
+  if (!bytes) throw std::runtime_error("cannot read " + path);
+  return std::move(*bytes);
 }
 
 // The longest the tool waits for its index save: a save whose lock another
@@ -99,11 +91,8 @@ void settle(VQCache& cache) {
 
 // Whether another process holds the lock every index save takes.
 bool indexLockIsHeld() {
-  int fd = ::open(VQCache::indexLockPath().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (fd < 0) return false;
-  bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-  ::close(fd);
-  return held;
+  nimb::FileLock probe(VQCache::indexLockPath(), std::chrono::milliseconds(0));
+  return probe.state() == nimb::FileLock::State::Busy;
 }
 
 // What went wrong when writing `bytes` bytes in the cache directory: tries

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -29,14 +30,21 @@ struct UsageError : std::runtime_error {
 // A command's body, run after the command line has been parsed.
 using Action = std::function<int()>;
 
-// All of standard input; a read error is a UsageError.
-inline nimb::Data readStandardInput() {
+// All of `stream`; nullopt on a read error.
+inline std::optional<nimb::Data> readAll(std::FILE* stream) {
   nimb::Data bytes;
   unsigned char buf[65536];
   std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, stdin)) > 0) bytes.insert(bytes.end(), buf, buf + n);
-  if (std::ferror(stdin)) throw UsageError("cannot read standard input");
+  while ((n = std::fread(buf, 1, sizeof buf, stream)) > 0) bytes.insert(bytes.end(), buf, buf + n);
+  if (std::ferror(stream)) return std::nullopt;
   return bytes;
+}
+
+// All of standard input; a read error is a UsageError.
+inline nimb::Data readStandardInput() {
+  auto bytes = readAll(stdin);
+  if (!bytes) throw UsageError("cannot read standard input");
+  return std::move(*bytes);
 }
 
 // Makes `action` the one to run when the user picks `sub`.
