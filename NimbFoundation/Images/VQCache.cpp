@@ -307,10 +307,6 @@ std::map<std::string, Date> VQCache::cacheDictionary() const {
   return cacheDictionary_;
 }
 
-void VQCache::saveAfterDelay() {
-  saveAfterDelay(kSaveDelay);
-}
-
 void VQCache::saveAfterDelay(double seconds) {
   auto& loop = RunLoop::current();
   loop.cancelPerforms(this, kSaveAction);

@@ -154,19 +154,18 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
 
  private:
   void removeItemFromCache(const std::string& key);
-  void saveAfterDelay();
-  void saveAfterDelay(double seconds);
+  // Key to its new expiry date, or to nullopt for a removal.
+  using Changes = std::map<std::string, std::optional<Date>>;
+
+  void saveAfterDelay(double seconds = kSaveDelay);
   void saveCacheDictionary();
   // Puts changes a save could not write back among the unsaved ones.
-  void restoreChanges(std::map<std::string, std::optional<Date>> changes);
+  void restoreChanges(Changes changes);
   void forgetLastSaved();
   static void writeData(const Data& data, const std::string& path);
   static void deleteDataAtPath(const std::string& path);
   void performDiskWriteOperation(OperationQueue::Operation op);
   void recordEntry(const std::string& key, double timeoutInterval);
-
-  // Key to its new expiry date, or to nullopt for a removal.
-  using Changes = std::map<std::string, std::optional<Date>>;
 
   mutable std::mutex dictionaryMutex_;  // guards the two maps below
   std::map<std::string, Date> cacheDictionary_;
