@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "TestSupport.h"
 
@@ -35,35 +34,33 @@ TEST_F(BundleResources, MainBundleResourcesDefaultToTheBundleFolder) {
 }
 
 TEST_F(BundleResources, BundlesInTheResourcesAreFlatOrDesktopLayout) {
-  Bundle::setResourcePath(dir);
-  const std::string resources = Bundle::mainBundle()->resourcePath();
-  std::filesystem::create_directories(resources + "/Assets.bundle");
-  std::filesystem::create_directories(resources + "/Mac.bundle/Contents/Resources");
+  const std::string flatPath = dir + "/Assets.bundle", macPath = dir + "/Mac.bundle";
+  std::filesystem::create_directories(flatPath);
+  std::filesystem::create_directories(macPath + "/Contents/Resources");
   ASSERT_TRUE(nimb::PropertyList::writeDictionaryToFile(
       {{"CFBundleIdentifier", "com.example.mac"}, {"Extra", "yes"}},
-      resources + "/Mac.bundle/Contents/Info.plist"));
+      macPath + "/Contents/Info.plist"));
 
-  auto flat = Bundle::bundleWithPath(resources + "/Assets.bundle/");
+  auto flat = Bundle::bundleWithPath(flatPath + "/");
   ASSERT_NE(flat, nullptr);
-  EXPECT_EQ(flat->bundlePath(), resources + "/Assets.bundle");
-  EXPECT_EQ(flat->resourcePath(), resources + "/Assets.bundle");
+  EXPECT_EQ(flat->bundlePath(), flatPath);
+  EXPECT_EQ(flat->resourcePath(), flatPath);
   EXPECT_EQ(flat->bundleIdentifier(), "Assets");
   EXPECT_TRUE(flat->infoDictionary().empty());
 
-  auto mac = Bundle::bundleWithPath(resources + "/Mac.bundle");
+  auto mac = Bundle::bundleWithPath(macPath);
   ASSERT_NE(mac, nullptr);
-  EXPECT_EQ(mac->resourcePath(), resources + "/Mac.bundle/Contents/Resources");
+  EXPECT_EQ(mac->resourcePath(), macPath + "/Contents/Resources");
   EXPECT_EQ(mac->bundleIdentifier(), "com.example.mac");
   ASSERT_NE(mac->objectForInfoDictionaryKey("Extra"), nullptr);
   EXPECT_EQ(*mac->objectForInfoDictionaryKey("Extra")->asString(), "yes");
 
   // A flat Info.plist names the bundle too.
   ASSERT_TRUE(nimb::PropertyList::writeDictionaryToFile({{"CFBundleIdentifier", "com.example.a"}},
-                                                        resources + "/Assets.bundle/Info.plist"));
-  EXPECT_EQ(Bundle::bundleWithPath(resources + "/Assets.bundle")->bundleIdentifier(),
-            "com.example.a");
-
-  EXPECT_EQ(Bundle::bundleWithPath(resources + "/Missing.bundle"), nullptr);
-  EXPECT_EQ(Bundle::bundleWithPath(resources + "/Assets.bundle/Info.plist"), nullptr);  // a file
-  EXPECT_EQ(Bundle::bundleWithPath(""), nullptr);
+                                                        flatPath + "/Info.plist"));
+  EXPECT_EQ(Bundle::bundleWithPath(flatPath)->bundleIdentifier(), "com.example.a");
+  for (const std::string& none :
+       {dir + "/Missing.bundle", flatPath + "/Info.plist", std::string()}) {
+    EXPECT_EQ(Bundle::bundleWithPath(none), nullptr) << none;
+  }
 }

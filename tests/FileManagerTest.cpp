@@ -9,8 +9,11 @@
 
 #include "TestSupport.h"
 
+using namespace std::string_view_literals;
 using nimb::Data;
 using nimb::FileManager;
+using nimb::test::dataOf;
+using nimb::test::modeOf;
 
 namespace {
 class FileManagerTest : public ::testing::Test {
@@ -25,50 +28,42 @@ class FileManagerTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(FileManagerTest, CachesDirectoryFollowsXdgThenHome) {
-  std::string saved = std::getenv("XDG_CACHE_HOME");
+  const std::string saved = std::getenv("XDG_CACHE_HOME");
+  const std::string home = std::string(std::getenv("HOME")) + "/.cache";
   EXPECT_EQ(FileManager::cachesDirectory(), saved);
   setenv("XDG_CACHE_HOME", "relative/ignored", 1);
-  EXPECT_EQ(FileManager::cachesDirectory(), std::string(std::getenv("HOME")) + "/.cache");
+  EXPECT_EQ(FileManager::cachesDirectory(), home);
   unsetenv("XDG_CACHE_HOME");
-  EXPECT_EQ(FileManager::cachesDirectory(), std::string(std::getenv("HOME")) + "/.cache");
+  EXPECT_EQ(FileManager::cachesDirectory(), home);
   setenv("XDG_CACHE_HOME", saved.c_str(), 1);
   EXPECT_EQ(FileManager::processName(), "NimbFoundationTests");
   EXPECT_EQ(FileManager::appendingPathComponent("/a/b//", "c"), "/a/b/c");
 }
 
-TEST_F(FileManagerTest, AtomicWriteReplacesWholeAndPrivately) {
-  std::string path = dir + "/file";
-  ASSERT_TRUE(FileManager::writeAtomically(path, std::string_view("first version")));
-  ASSERT_TRUE(FileManager::writeAtomically(path, std::string_view("second")));
-  EXPECT_EQ(FileManager::contentsAtPath(path), Data({'s', 'e', 'c', 'o', 'n', 'd'}));
-  struct stat st {};
-  ASSERT_EQ(stat(path.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
+TEST_F(FileManagerTest, AtomicWritesReplaceWholeAndCopiesNeverOverwrite) {
+  const std::string path = dir + "/file", copy = dir + "/copy";
+  ASSERT_TRUE(FileManager::writeAtomically(path, "first version"sv));
+  ASSERT_TRUE(FileManager::writeAtomically(path, "second"sv));
+  EXPECT_EQ(FileManager::contentsAtPath(path), dataOf("second"));
+  EXPECT_EQ(modeOf(path), 0600u);
   EXPECT_EQ(entries(), 1u);  // no temporary left behind
 
+  EXPECT_TRUE(FileManager::copyItem(path, copy));
+  ASSERT_TRUE(FileManager::writeAtomically(path, "changed"sv));
+  EXPECT_FALSE(FileManager::copyItem(path, copy));
+  EXPECT_EQ(FileManager::contentsAtPath(copy), dataOf("second"));
+  EXPECT_FALSE(FileManager::copyItem(dir + "/absent", dir + "/other"));
+
   // A symbolic link at the target is replaced, never written through.
-  std::string victim = dir + "/victim";
-  ASSERT_TRUE(FileManager::writeAtomically(victim, std::string_view("keep")));
-  std::string link = dir + "/link";
+  const std::string victim = dir + "/victim", link = dir + "/link";
+  ASSERT_TRUE(FileManager::writeAtomically(victim, "keep"sv));
   ASSERT_EQ(symlink(victim.c_str(), link.c_str()), 0);
-  ASSERT_TRUE(FileManager::writeAtomically(link, std::string_view("new")));
-  EXPECT_EQ(FileManager::contentsAtPath(victim), Data({'k', 'e', 'e', 'p'}));
+  ASSERT_TRUE(FileManager::writeAtomically(link, "new"sv));
+  EXPECT_EQ(FileManager::contentsAtPath(victim), dataOf("keep"));
 
   // Into a directory that does not exist: fails, and leaves nothing.
-  EXPECT_FALSE(FileManager::writeAtomically(dir + "/missing/file", std::string_view("x")));
-}
-
-TEST_F(FileManagerTest, CopyNeverOverwrites) {
-  std::string from = dir + "/from", to = dir + "/to";
-  ASSERT_TRUE(FileManager::writeAtomically(from, std::string_view("payload")));
-  EXPECT_TRUE(FileManager::copyItem(from, to));
-  EXPECT_EQ(FileManager::contentsAtPath(to), FileManager::contentsAtPath(from));
-  ASSERT_TRUE(FileManager::writeAtomically(from, std::string_view("changed")));
-  EXPECT_FALSE(FileManager::copyItem(from, to));
-  EXPECT_EQ(FileManager::contentsAtPath(to), Data({'p', 'a', 'y', 'l', 'o', 'a', 'd'}));
-  EXPECT_FALSE(FileManager::copyItem(dir + "/absent", dir + "/other"));
-  EXPECT_FALSE(FileManager::copyItem(dir, dir + "/dircopy"));  // directories are not copied
-  EXPECT_EQ(entries(), 2u);
+  EXPECT_FALSE(FileManager::writeAtomically(dir + "/missing/file", "x"sv));
+  EXPECT_EQ(entries(), 4u);  // file, copy, victim and link
 }
 
 TEST_F(FileManagerTest, DirectoriesReadsAndRemoval) {
@@ -76,9 +71,7 @@ TEST_F(FileManagerTest, DirectoriesReadsAndRemoval) {
   ASSERT_TRUE(FileManager::createDirectory(deep, true));
   EXPECT_TRUE(FileManager::createDirectory(deep, true));  // already there is fine
   EXPECT_FALSE(FileManager::createDirectory(dir + "/x/y", false));
-  struct stat st {};
-  ASSERT_EQ(stat((dir + "/a").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_EQ(modeOf(dir + "/a"), 0700u);
 
   EXPECT_FALSE(FileManager::contentsAtPath(deep));  // a directory has no contents
   EXPECT_FALSE(FileManager::contentsAtPath(dir + "/absent"));
@@ -96,15 +89,15 @@ TEST_F(FileManagerTest, DirectoriesReadsAndRemoval) {
 
 // Reads never wait on a FIFO and never take a device for a file; the kit's
 // state reads (FollowLinks::No) also refuse a symbolic link, and copies
-// refuse any source that is no regular file.
+// refuse any source that is no regular file (a directory included).
 TEST_F(FileManagerTest, SpecialFilesAndLinksReadAsMissing) {
   ::alarm(20);  // a read that blocks fails the test instead of hanging it
   const std::string file = dir + "/file", link = dir + "/link", fifo = dir + "/fifo";
-  ASSERT_TRUE(FileManager::writeAtomically(file, std::string_view("outside")));
+  ASSERT_TRUE(FileManager::writeAtomically(file, "outside"sv));
   ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
 
-  EXPECT_EQ(FileManager::contentsAtPath(link), Data({'o', 'u', 't', 's', 'i', 'd', 'e'}));
+  EXPECT_EQ(FileManager::contentsAtPath(link), dataOf("outside"));
   EXPECT_FALSE(FileManager::contentsAtPath(link, nimb::FollowLinks::No));
   EXPECT_TRUE(FileManager::isRegularFile(link));
   EXPECT_FALSE(FileManager::isRegularFile(link, nimb::FollowLinks::No));

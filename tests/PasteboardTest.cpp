@@ -3,14 +3,11 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <set>
 
 #include "TestSupport.h"
@@ -18,10 +15,14 @@
 using nimb::Data;
 using nimb::FileManager;
 using nimb::Pasteboard;
+using nimb::test::dataOf;
+using nimb::test::exitStatus;
+using nimb::test::forkChild;
 
 namespace {
 
 constexpr std::string_view kType = "org.SharedUDID";
+const std::string kSlot = "org.SharedUDID.slot.0";
 
 class PasteboardTest : public ::testing::Test {
  protected:
@@ -39,84 +40,49 @@ class PasteboardTest : public ::testing::Test {
   }
 };
 
-// Runs `body` in a forked child that ends with _exit(body()) unless the body
-// exits itself.
-pid_t spawn(const std::function<int()>& body) {
-  std::fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  return pid;
-}
-
-int exitStatus(pid_t child) {
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-Data bytes(std::string_view s) {
-  return Data(s.begin(), s.end());
-}
-
 }  // namespace
 
 TEST_F(PasteboardTest, CreateReadWriteAndRemove) {
-  EXPECT_EQ(Pasteboard::pasteboardWithName("org.SharedUDID.slot.0", false), nullptr);
-  auto board = Pasteboard::pasteboardWithName("org.SharedUDID.slot.0", true);
+  EXPECT_EQ(Pasteboard::pasteboardWithName(kSlot, false), nullptr);
+  auto board = Pasteboard::pasteboardWithName(kSlot, true);
   ASSERT_NE(board, nullptr);
-  EXPECT_EQ(board->name(), "org.SharedUDID.slot.0");
+  EXPECT_EQ(board->name(), kSlot);
   EXPECT_FALSE(board->isPersistent());
   EXPECT_FALSE(board->dataForPasteboardType(kType));
 
-  ASSERT_TRUE(board->setData(bytes("first"), kType));
-  EXPECT_EQ(board->dataForPasteboardType(kType), bytes("first"));
-  auto second = Pasteboard::pasteboardWithName("org.SharedUDID.slot.0", false);
+  ASSERT_TRUE(board->setData(dataOf("first"), kType));
+  EXPECT_EQ(board->dataForPasteboardType(kType), dataOf("first"));
+  auto second = Pasteboard::pasteboardWithName(kSlot, false);
   ASSERT_NE(second, nullptr);
-  EXPECT_EQ(second->dataForPasteboardType(kType), bytes("first"));
+  EXPECT_EQ(second->dataForPasteboardType(kType), dataOf("first"));
   // setData replaces the whole contents, items of other types included.
-  ASSERT_TRUE(second->setData(bytes("other"), "public.text"));
+  ASSERT_TRUE(second->setData(dataOf("other"), "public.text"));
   EXPECT_FALSE(board->dataForPasteboardType(kType));
-  EXPECT_EQ(board->dataForPasteboardType("public.text"), bytes("other"));
+  EXPECT_EQ(board->dataForPasteboardType("public.text"), dataOf("other"));
 
   // Another process sees this one's writes, and this one sees its writes.
-  EXPECT_EQ(exitStatus(spawn([] {
-              auto b = Pasteboard::pasteboardWithName("org.SharedUDID.slot.0", false);
-              if (!b || b->dataForPasteboardType("public.text") != bytes("other")) return 1;
+  EXPECT_EQ(exitStatus(forkChild([] {
+              auto b = Pasteboard::pasteboardWithName(kSlot, false);
+              if (!b || b->dataForPasteboardType("public.text") != dataOf("other")) return 1;
               return b->setData(Data{}, kType) ? 0 : 2;
             })),
             0);
   EXPECT_EQ(board->dataForPasteboardType(kType), Data{});
-
-  struct stat st {};
-  ASSERT_EQ(stat(store.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
-  ASSERT_EQ(stat((store + "/org.SharedUDID.slot.0.pasteboard").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  const std::string file = store + "/" + kSlot + ".pasteboard";
+  EXPECT_EQ(nimb::test::modeOf(store), 0700u);
+  EXPECT_EQ(nimb::test::modeOf(file), 0600u);
 
   // A damaged file is a pasteboard without data, until the next write.
-  ASSERT_TRUE(FileManager::writeAtomically(store + "/org.SharedUDID.slot.0.pasteboard",
-                                           std::string_view("bplist00 garbage")));
+  ASSERT_TRUE(FileManager::writeAtomically(file, std::string_view("bplist00 garbage")));
   EXPECT_FALSE(board->dataForPasteboardType(kType));
-  EXPECT_NE(Pasteboard::pasteboardWithName("org.SharedUDID.slot.0", false), nullptr);
-  ASSERT_TRUE(board->setData(bytes("repaired"), kType));
-  EXPECT_EQ(second->dataForPasteboardType(kType), bytes("repaired"));
+  EXPECT_NE(Pasteboard::pasteboardWithName(kSlot, false), nullptr);
+  ASSERT_TRUE(board->setData(dataOf("repaired"), kType));
+  EXPECT_EQ(second->dataForPasteboardType(kType), dataOf("repaired"));
 
-  // A FIFO under a pasteboard's name is no pasteboard: read at once as
-  // missing, and replaced by the next one made there.
-  const std::string file = store + "/org.SharedUDID.slot.1.pasteboard";
-  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
-  ::alarm(20);  // a read that blocks fails the test instead of hanging it
-  EXPECT_EQ(Pasteboard::pasteboardWithName("org.SharedUDID.slot.1", false), nullptr);
-  auto replaced = Pasteboard::pasteboardWithName("org.SharedUDID.slot.1", true);
-  ::alarm(0);
-  ASSERT_NE(replaced, nullptr);
-  EXPECT_TRUE(replaced->setData(bytes("fine"), kType));
-  EXPECT_TRUE(Pasteboard::removePasteboardWithName("org.SharedUDID.slot.1"));
-
-  EXPECT_TRUE(Pasteboard::removePasteboardWithName("org.SharedUDID.slot.0"));
-  EXPECT_FALSE(Pasteboard::removePasteboardWithName("org.SharedUDID.slot.0"));
-  EXPECT_EQ(Pasteboard::pasteboardWithName("org.SharedUDID.slot.0", false), nullptr);
-  EXPECT_FALSE(board->setData(bytes("late"), kType));  // a removed pasteboard stays gone
+  EXPECT_TRUE(Pasteboard::removePasteboardWithName(kSlot));
+  EXPECT_FALSE(Pasteboard::removePasteboardWithName(kSlot));
+  EXPECT_EQ(Pasteboard::pasteboardWithName(kSlot, false), nullptr);
+  EXPECT_FALSE(board->setData(dataOf("late"), kType));  // a removed pasteboard stays gone
   EXPECT_EQ(entries(store), std::set<std::string>{".lock"});
 
   Pasteboard::setStoreDirectory("");
@@ -124,36 +90,52 @@ TEST_F(PasteboardTest, CreateReadWriteAndRemove) {
             std::string(std::getenv("XDG_DATA_HOME")) + "/NimbFoundation/Pasteboards");
 }
 
+// A FIFO or a symbolic link under a pasteboard's name is no pasteboard: it
+// reads as missing at once, and the next one made there replaces it, never
+// the link's target.
+TEST_F(PasteboardTest, LinksAndFifosReadAsMissingAndAreReplaced) {
+  auto elsewhere = Pasteboard::pasteboardWithName("elsewhere", true);
+  ASSERT_TRUE(elsewhere && elsewhere->setData(dataOf("secret"), kType));
+  const std::string target = store + "/elsewhere.pasteboard", file = store + "/planted.pasteboard";
+  ::alarm(20);  // a read that blocks fails the test instead of hanging it
+  for (bool fifo : {true, false}) {
+    std::filesystem::remove(file);
+    ASSERT_EQ(fifo ? ::mkfifo(file.c_str(), 0600) : ::symlink(target.c_str(), file.c_str()), 0);
+    EXPECT_EQ(Pasteboard::pasteboardWithName("planted", false), nullptr) << fifo;
+    auto replaced = Pasteboard::pasteboardWithName("planted", true);
+    ASSERT_NE(replaced, nullptr) << fifo;
+    EXPECT_FALSE(replaced->dataForPasteboardType(kType)) << fifo;
+    EXPECT_TRUE(replaced->setData(dataOf("fine"), kType)) << fifo;
+    EXPECT_TRUE(FileManager::isRegularFile(file, nimb::FollowLinks::No)) << fifo;
+  }
+  ::alarm(0);
+  EXPECT_EQ(elsewhere->dataForPasteboardType(kType), dataOf("secret"));
+}
+
 TEST_F(PasteboardTest, NamesNeverReachOutsideTheFolder) {
   // A decoy where "../x" would land if names were used as paths.
   std::string decoy = root + "/x.pasteboard";
   ASSERT_TRUE(FileManager::writeAtomically(decoy, std::string_view("decoy")));
-  const std::vector<std::string> names{"../x",
-                                       "a/b",
-                                       ".",
-                                       "..",
-                                       ".lock",
-                                       "%2E",
-                                       std::string("n\0ul", 4),
-                                       std::string(NAME_MAX - 11, 'a')};
+  const std::vector<std::string> names{
+      "../x", "a/b", ".", "..", ".lock", "%2E", {"n\0ul", 4}, std::string(NAME_MAX - 11, 'a')};
   for (const auto& name : names) {
     auto board = Pasteboard::pasteboardWithName(name, true);
     ASSERT_NE(board, nullptr) << name;
-    ASSERT_TRUE(board->setData(bytes(name), kType));
+    ASSERT_TRUE(board->setData(dataOf(name), kType));
   }
   // Every name has a file of its own in the folder, and nothing else moved.
   for (const auto& name : names) {
     EXPECT_EQ(Pasteboard::pasteboardWithName(name, false)->dataForPasteboardType(kType),
-              bytes(name));
+              dataOf(name));
   }
   EXPECT_EQ(entries(root), (std::set<std::string>{"store", "x.pasteboard"}));
   EXPECT_EQ(entries(store).size(), names.size() + 1);  // and ".lock"
-  EXPECT_EQ(Pasteboard::pasteboardWithName("", true), nullptr);
-  EXPECT_EQ(Pasteboard::pasteboardWithName(std::string(NAME_MAX - 10, 'a'), true), nullptr);
-  EXPECT_EQ(Pasteboard::pasteboardWithName(std::string(90, '/'), true), nullptr);
-
+  for (const std::string& refused :
+       {std::string(), std::string(NAME_MAX - 10, 'a'), std::string(90, '/')}) {
+    EXPECT_EQ(Pasteboard::pasteboardWithName(refused, true), nullptr) << refused;
+  }
   EXPECT_TRUE(Pasteboard::removePasteboardWithName("../x"));
-  EXPECT_EQ(FileManager::contentsAtPath(decoy), bytes("decoy"));
+  EXPECT_EQ(FileManager::contentsAtPath(decoy), dataOf("decoy"));
   EXPECT_EQ(entries(store).size(), names.size());
 }
 
@@ -161,12 +143,12 @@ TEST_F(PasteboardTest, NonPersistentPasteboardsEndWithTheirOwner) {
   int toChild[2], fromChild[2];
   ASSERT_EQ(pipe(toChild), 0);
   ASSERT_EQ(pipe(fromChild), 0);
-  pid_t child = spawn([&] {
+  pid_t child = forkChild([&] {
     auto temporary = Pasteboard::pasteboardWithName("temporary", true);
     auto kept = Pasteboard::pasteboardWithName("kept", true);
     if (!temporary || !kept) return 1;
     kept->setPersistent(true);
-    if (!temporary->setData(bytes("t"), kType) || !kept->setData(bytes("k"), kType)) return 2;
+    if (!temporary->setData(dataOf("t"), kType) || !kept->setData(dataOf("k"), kType)) return 2;
     char c = 0;
     if (write(fromChild[1], &c, 1) != 1 || read(toChild[0], &c, 1) != 1) return 3;
     return 0;  // _exit runs no exit handlers: "temporary" stays on disk
@@ -177,25 +159,25 @@ TEST_F(PasteboardTest, NonPersistentPasteboardsEndWithTheirOwner) {
   auto temporary = Pasteboard::pasteboardWithName("temporary", false);
   ASSERT_NE(temporary, nullptr);
   EXPECT_FALSE(temporary->isPersistent());
-  EXPECT_EQ(temporary->dataForPasteboardType(kType), bytes("t"));
+  EXPECT_EQ(temporary->dataForPasteboardType(kType), dataOf("t"));
   ASSERT_EQ(write(toChild[1], &c, 1), 1);
   ASSERT_EQ(exitStatus(child), 0);
   for (int fd : {toChild[0], toChild[1], fromChild[0], fromChild[1]}) close(fd);
 
   EXPECT_TRUE(FileManager::fileExists(store + "/temporary.pasteboard"));
   EXPECT_FALSE(temporary->dataForPasteboardType(kType));
-  EXPECT_FALSE(temporary->setData(bytes("x"), kType));
+  EXPECT_FALSE(temporary->setData(dataOf("x"), kType));
   EXPECT_EQ(Pasteboard::pasteboardWithName("temporary", false), nullptr);
   EXPECT_FALSE(FileManager::fileExists(store + "/temporary.pasteboard"));
   auto kept = Pasteboard::pasteboardWithName("kept", false);
   ASSERT_NE(kept, nullptr);
   EXPECT_TRUE(kept->isPersistent());
-  EXPECT_EQ(kept->dataForPasteboardType(kType), bytes("k"));
+  EXPECT_EQ(kept->dataForPasteboardType(kType), dataOf("k"));
 
   // A normal exit deletes the process's own non-persistent pasteboards, and
   // only those: not the parent's it inherited the list of.
   ASSERT_NE(Pasteboard::pasteboardWithName("parents", true), nullptr);
-  EXPECT_EQ(exitStatus(spawn([] {
+  EXPECT_EQ(exitStatus(forkChild([] {
               auto own = Pasteboard::pasteboardWithName("own", true);
               auto k = Pasteboard::pasteboardWithName("kept", false);
               if (!own || !k) return 1;
@@ -213,20 +195,18 @@ TEST_F(PasteboardTest, ConcurrentWritersNeverTearTheFile) {
   board->setPersistent(true);
   constexpr int kRounds = 300;
   // Payloads of varying size whose every byte is determined by its first two.
-  auto payload = [](std::uint8_t writer, int round) {
+  auto byteAt = [](const Data& d, std::size_t i) { return std::uint8_t(d[0] * 31 + d[1] + i); };
+  auto payload = [&](std::uint8_t writer, int round) {
     Data d(100 + static_cast<std::size_t>(round * 37 % 4000));
     d[0] = writer;
     d[1] = static_cast<std::uint8_t>(round);
-    for (std::size_t i = 2; i < d.size(); ++i)
-      d[i] = static_cast<std::uint8_t>(d[0] * 31 + d[1] + i);
+    for (std::size_t i = 2; i < d.size(); ++i) d[i] = byteAt(d, i);
     return d;
   };
-  auto wellFormed = [](const std::optional<Data>& d) {
-    if (!d || d->size() < 2) return false;
-    for (std::size_t i = 2; i < d->size(); ++i) {
-      if ((*d)[i] != static_cast<std::uint8_t>((*d)[0] * 31 + (*d)[1] + i)) return false;
-    }
-    return true;
+  auto wellFormed = [&](const std::optional<Data>& d) {
+    bool ok = d && d->size() >= 2;
+    for (std::size_t i = 2; ok && i < d->size(); ++i) ok = (*d)[i] == byteAt(*d, i);
+    return ok;
   };
   // Writer 2 also flips the persistence flag; writer 1's read-modify-writes
   // must never bring back a flag it has replaced.
@@ -246,7 +226,7 @@ TEST_F(PasteboardTest, ConcurrentWritersNeverTearTheFile) {
       return 0;
     };
   };
-  pid_t first = spawn(writer(1)), second = spawn(writer(2));
+  pid_t first = forkChild(writer(1)), second = forkChild(writer(2));
   EXPECT_EQ(exitStatus(first), 0);
   EXPECT_EQ(exitStatus(second), 0);
   EXPECT_TRUE(wellFormed(board->dataForPasteboardType(kType)));

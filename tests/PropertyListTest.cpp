@@ -13,13 +13,10 @@ namespace nimb {
 namespace {
 
 using namespace std::string_view_literals;
+using test::dataOf;
 constexpr auto kXml = PropertyListFormat::Xml;
 constexpr auto kBinary = PropertyListFormat::BinaryV1_0;
 constexpr double kInf = std::numeric_limits<double>::infinity();
-
-Data bytesOf(std::string_view s) {
-  return Data(s.begin(), s.end());
-}
 
 std::optional<Value> roundTrip(const Value& v, PropertyListFormat format) {
   auto bytes = PropertyList::serialize(v, format);
@@ -35,7 +32,7 @@ Value refDate(double seconds) {
 
 // A binary plist of raw objects with 2-byte references; object 0 is the top.
 Data binaryPlist(const std::vector<Data>& objects) {
-  Data out = bytesOf("bplist00"), table;
+  Data out = dataOf("bplist00"), table;
   for (const Data& o : objects) {
     for (int k = 24; k >= 0; k -= 8) table.push_back(std::uint8_t(out.size() >> k));
     out.insert(out.end(), o.begin(), o.end());
@@ -111,8 +108,8 @@ TEST(PropertyListDates, BinaryKeepsMicrosecondsXmlWholeSecondsAndBothClamp) {
   for (auto [in, out] :
        {std::pair{1e12, hi}, {kInf, hi}, {-1e12, lo}, {-kInf, lo}, {NAN, refDate(0)}})
     EXPECT_EQ(roundTrip(refDate(in), kBinary), out) << in;
-  EXPECT_EQ(PropertyList::parse(bytesOf("<plist><date>9999-01-01T00:00:00Z</date></plist>")), hi);
-  EXPECT_EQ(PropertyList::parse(bytesOf("<plist><date>1850-01-01T00:00:00Z</date></plist>")), lo);
+  EXPECT_EQ(PropertyList::parse(dataOf("<plist><date>9999-01-01T00:00:00Z</date></plist>")), hi);
+  EXPECT_EQ(PropertyList::parse(dataOf("<plist><date>1850-01-01T00:00:00Z</date></plist>")), lo);
 }
 
 TEST(PropertyListParse, NestingBeyondTheLimitFailsWithoutCrashing) {
@@ -120,13 +117,13 @@ TEST(PropertyListParse, NestingBeyondTheLimitFailsWithoutCrashing) {
   for (int i = 1; i < 512; ++i) deep = Array{deep};
   EXPECT_TRUE(PropertyList::serialize(deep, kBinary));
   EXPECT_FALSE(PropertyList::serialize(Array{deep}, kBinary));
-  EXPECT_TRUE(PropertyList::parse(bytesOf(nestedXml(512))));
-  EXPECT_FALSE(PropertyList::parse(bytesOf(nestedXml(513))));
+  EXPECT_TRUE(PropertyList::parse(dataOf(nestedXml(512))));
+  EXPECT_FALSE(PropertyList::parse(dataOf(nestedXml(513))));
   // Deep enough to overflow libplist's recursive free, had the depth check
   // missed it. Comments and quoted '>' must not hide levels.
   for (auto open :
        {"<array>"sv, "<array><!-- > </x> -->"sv, "<array a=\"></x>\">"sv, "<array><!--></x>-->"sv})
-    EXPECT_FALSE(PropertyList::parse(bytesOf(nestedXml(1000000, open)))) << open;
+    EXPECT_FALSE(PropertyList::parse(dataOf(nestedXml(1000000, open)))) << open;
   EXPECT_TRUE(PropertyList::parse(nestedBinary(512)));
   EXPECT_FALSE(PropertyList::parse(nestedBinary(513)));
 }
@@ -135,11 +132,11 @@ TEST(PropertyListParse, MalformedInputGivesNulloptWithoutCrashing) {
   // Sound framing: a dictionary {"k": true}; a trailing NUL after XML is fine.
   const Dictionary good{{"k", true}};
   EXPECT_EQ(PropertyList::parse(binaryPlist({{0xD1, 0, 1, 0, 2}, {0x51, 'k'}, {0x09}})), good);
-  EXPECT_EQ(PropertyList::parse(bytesOf("<plist><true/></plist>\0"sv)), Value(true));
+  EXPECT_EQ(PropertyList::parse(dataOf("<plist><true/></plist>\0"sv)), Value(true));
   // Empty, a bare header, text, a key holding NUL (libplist asserts on those), bad UTF-8.
   for (auto text : {""sv, "bplist00"sv, "not a plist"sv, "<plist><string>\xC3(</string></plist>"sv,
                     "<plist><dict><key>a\0b</key><true/></dict></plist>"sv})
-    EXPECT_FALSE(PropertyList::parse(bytesOf(text))) << text;
+    EXPECT_FALSE(PropertyList::parse(dataOf(text))) << text;
   // Counts far past the end; keys holding NUL or not strings at all.
   const std::vector<Data> objects[] = {{{0xAF, 0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 9}},
                                        {{0x5F, 0x12, 0xFF, 0xFF, 0xFF, 0xFF, 'a'}},

@@ -1,10 +1,27 @@
 // Helpers shared by the test groups.
 #pragma once
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <vector>
+
+#include <NimbFoundation/Platform/Image.h>
+
+extern char** environ;
 
 namespace nimb::test {
 
@@ -16,23 +33,39 @@ inline std::string makeTemporaryDirectory(const std::string& prefix) {
   return pattern;
 }
 
-}  // namespace nimb::test
+// The bytes of a string.
+inline Data dataOf(std::string_view s) {
+  return Data(s.begin(), s.end());
+}
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// The permission bits of what `path` names (links followed); ~0u when nothing is there.
+inline unsigned modeOf(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : ~0u;
+}
 
-#include <cstdio>
-#include <functional>
-#include <memory>
-#include <vector>
+// The whole file at `path`; empty when it cannot be read.
+inline std::string readFile(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
 
-#include <NimbFoundation/Platform/Image.h>
+// Runs `body` in a forked child that ends with _exit(body()) unless the body
+// exits itself; the child's process id.
+inline pid_t forkChild(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  pid_t pid = ::fork();
+  if (pid == 0) ::_exit(body());
+  return pid;
+}
 
-extern char** environ;
-
-namespace nimb::test {
+// Waits for the child; its exit code (128 + signal when killed).
+inline int exitStatus(pid_t child) {
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 struct ToolResult {
   int exitCode = -1;
@@ -52,24 +85,17 @@ struct RunningProgram {
 // temporary HOME), and returns without waiting.
 inline RunningProgram startProgram(const std::vector<std::string>& command,
                                    const std::string& input = "") {
-  RunningProgram program;
-  program.dir = makeTemporaryDirectory("nimbkit-io");
-  std::string inPath = program.dir + "/in", outPath = program.dir + "/out",
-              errPath = program.dir + "/err";
-  {
-    int fd = ::open(inPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (::write(fd, input.data(), input.size()) != static_cast<ssize_t>(input.size())) {
-      throw std::runtime_error("cannot stage input");
-    }
-    ::close(fd);
+  RunningProgram program{-1, makeTemporaryDirectory("nimbkit-io")};
+  if (!(std::ofstream(program.dir + "/in", std::ios::binary) << input)) {
+    throw std::runtime_error("cannot stage input");
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, inPath.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
+  const char* files[] = {"/in", "/out", "/err"};
+  for (int fd = 0; fd < 3; ++fd) {
+    posix_spawn_file_actions_addopen(&actions, fd, (program.dir + files[fd]).c_str(),
+                                     fd == 0 ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  }
   std::vector<std::string> argvStore = command;
   std::vector<char*> argv;
   for (auto& a : argvStore) argv.push_back(a.data());
@@ -83,23 +109,10 @@ inline RunningProgram startProgram(const std::vector<std::string>& command,
 // Waits for the program; its exit code (128 + signal when killed) and output.
 inline ToolResult RunningProgram::finish() {
   ToolResult result;
-  if (pid > 0) {
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    pid = -1;
-  }
-  auto slurp = [](const std::string& path) {
-    std::string s;
-    int fd = ::open(path.c_str(), O_RDONLY);
-    char buf[4096];
-    ssize_t n;
-    while (fd >= 0 && (n = ::read(fd, buf, sizeof buf)) > 0) s.append(buf, static_cast<size_t>(n));
-    if (fd >= 0) ::close(fd);
-    return s;
-  };
-  result.out = slurp(dir + "/out");
-  result.err = slurp(dir + "/err");
+  if (pid > 0) result.exitCode = exitStatus(pid);
+  pid = -1;
+  result.out = readFile(dir + "/out");
+  result.err = readFile(dir + "/err");
   std::error_code ec;
   std::filesystem::remove_all(dir, ec);
   return result;
@@ -114,7 +127,7 @@ inline ToolResult runProgram(const std::vector<std::string>& command,
 // What `body` writes on file descriptor `fd` (1 or 2), caught in a file.
 inline std::string captureOutput(int fd, const std::function<void()>& body) {
   std::fflush(fd == 1 ? stdout : stderr);
-  const std::string path = makeTemporaryDirectory("capture") + "/out";
+  const std::string dir = makeTemporaryDirectory("capture"), path = dir + "/out";
   const int saved = ::dup(fd);
   const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   ::dup2(file, fd);
@@ -123,14 +136,9 @@ inline std::string captureOutput(int fd, const std::function<void()>& body) {
   std::fflush(fd == 1 ? stdout : stderr);
   ::dup2(saved, fd);
   ::close(saved);
-  std::string text;
-  char buffer[4096];
-  ssize_t n;
-  const int in = ::open(path.c_str(), O_RDONLY);
-  while (in >= 0 && (n = ::read(in, buffer, sizeof buffer)) > 0) {
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  if (in >= 0) ::close(in);
+  std::string text = readFile(path);
+  std::error_code ec;
+  std::filesystem::remove_all(dir, ec);
   return text;
 }
 

@@ -4,15 +4,14 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
 #include "TestSupport.h"
 
+using namespace std::string_view_literals;
 using nimb::Array;
 using nimb::Data;
 using nimb::Date;
@@ -20,6 +19,7 @@ using nimb::Dictionary;
 using nimb::FileManager;
 using nimb::UserDefaults;
 using nimb::Value;
+using nimb::test::modeOf;
 
 namespace {
 class UserDefaultsTest : public ::testing::Test {
@@ -31,12 +31,10 @@ class UserDefaultsTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(UserDefaultsTest, ValuesPersistAcrossInstancesAndProcesses) {
-  const Value nested(Dictionary{
-      {"when", Date::fromTimeIntervalSince1970(1700000000)},
-      {"blob", Data{0, 1, 2, 255}},
-      {"numbers", Array{Value(42), Value(-7.5), Value(true)}},
-      {"inner", Dictionary{{"name", "Zoë"}}},
-  });
+  const Value nested(Dictionary{{"when", Date::fromTimeIntervalSince1970(1700000000)},
+                                {"blob", Data{0, 1, 2, 255}},
+                                {"numbers", Array{Value(42), Value(-7.5), Value(true)}},
+                                {"inner", Dictionary{{"name", "Zoë"}}}});
   UserDefaults first(path);
   ASSERT_TRUE(first.setObject(nested, "settings"));
   ASSERT_TRUE(first.setObject("gone soon", "temporary"));
@@ -47,16 +45,12 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossInstancesAndProcesses) {
   EXPECT_EQ(second.objectForKey("settings"), nested);
   EXPECT_FALSE(second.objectForKey("temporary"));
 
-  std::fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    UserDefaults child(path);
-    bool ok = child.objectForKey("settings") == nested && child.setObject(7, "fromChild");
-    _exit(ok ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_EQ(
+      nimb::test::exitStatus(nimb::test::forkChild([&] {
+        UserDefaults child(path);
+        return child.objectForKey("settings") == nested && child.setObject(7, "fromChild") ? 0 : 1;
+      })),
+      0);
   EXPECT_FALSE(first.objectForKey("fromChild"));  // until it reads the file again
   EXPECT_TRUE(first.synchronize());
   EXPECT_EQ(first.objectForKey("fromChild"), Value(7));
@@ -79,19 +73,6 @@ TEST_F(UserDefaultsTest, RefusedChangesLeaveEverythingAsItWas) {
   EXPECT_FALSE(unwritable.objectForKey("key"));
 }
 
-TEST_F(UserDefaultsTest, DamagedFileReadsEmptyUntilTheNextWrite) {
-  ASSERT_TRUE(FileManager::createDirectory(dir + "/app"));
-  ASSERT_TRUE(FileManager::writeAtomically(path, std::string_view("<?xml version=\"1.0\"?><pl")));
-  UserDefaults defaults(path);
-  EXPECT_FALSE(defaults.objectForKey("anything"));
-  EXPECT_FALSE(defaults.synchronize());
-  ASSERT_TRUE(defaults.setObject("fixed", "state"));
-  auto onDisk = nimb::PropertyList::dictionaryWithContentsOfFile(path);
-  ASSERT_TRUE(onDisk);
-  EXPECT_EQ(*onDisk, (Dictionary{{"state", "fixed"}}));
-  EXPECT_TRUE(defaults.synchronize());
-}
-
 TEST_F(UserDefaultsTest, StandardStoreLivesUnderTheConfigHome) {
   std::string appDir = std::string(std::getenv("XDG_CONFIG_HOME")) + "/NimbFoundationTests";
   UserDefaults& standard = UserDefaults::standardUserDefaults();
@@ -99,14 +80,9 @@ TEST_F(UserDefaultsTest, StandardStoreLivesUnderTheConfigHome) {
   EXPECT_EQ(standard.path(), appDir + "/UserDefaults.plist");
   ASSERT_TRUE(standard.setObject("on", "feature"));
 
-  struct stat st {};
-  ASSERT_EQ(stat(appDir.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
-  ASSERT_EQ(stat(standard.path().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  auto text = FileManager::contentsAtPath(standard.path());
-  ASSERT_TRUE(text);
-  EXPECT_TRUE(std::string(text->begin(), text->end()).starts_with("<?xml"));
+  EXPECT_EQ(modeOf(appDir), 0700u);
+  EXPECT_EQ(modeOf(standard.path()), 0600u);
+  EXPECT_TRUE(nimb::test::readFile(standard.path()).starts_with("<?xml"));
 
   // A fresh shared instance reads the file again; the old reference still works.
   ASSERT_TRUE(FileManager::writeAtomically(standard.path(), std::string_view("")));
@@ -115,21 +91,30 @@ TEST_F(UserDefaultsTest, StandardStoreLivesUnderTheConfigHome) {
   EXPECT_EQ(standard.objectForKey("feature"), Value("on"));
 }
 
-// A FIFO or a symbolic link under the store's name is no store: it reads as
-// empty at once, the first write replaces it, and a link's target is never
-// read or written.
-TEST_F(UserDefaultsTest, LinksAndFifosReadAsEmptyAndAreReplaced) {
+// A damaged file reads as empty until the next write replaces it. A FIFO or
+// a symbolic link under the store's name is no store: it reads as missing at
+// once, the first write replaces it, and a link's target is never read or
+// written.
+TEST_F(UserDefaultsTest, UnusableFilesReadEmptyUntilTheNextWrite) {
   ASSERT_TRUE(FileManager::createDirectory(dir + "/app"));
   const std::string outside = dir + "/outside.plist";
   ASSERT_TRUE(UserDefaults(outside).setObject("secret", "key"));
   ::alarm(20);  // a read that blocks fails the test instead of hanging it
-  for (bool fifo : {true, false}) {
-    std::remove(path.c_str());
-    ASSERT_EQ(fifo ? ::mkfifo(path.c_str(), 0600) : ::symlink(outside.c_str(), path.c_str()), 0);
+  for (std::string_view kind : {"damaged", "fifo", "link"}) {
+    std::filesystem::remove(path);
+    ASSERT_TRUE(kind == "fifo" ? ::mkfifo(path.c_str(), 0600) == 0
+                : kind == "link"
+                    ? ::symlink(outside.c_str(), path.c_str()) == 0
+                    : FileManager::writeAtomically(path, "<?xml version=\"1.0\"?><pl"sv))
+        << kind;
     UserDefaults store(path);
-    EXPECT_FALSE(store.objectForKey("key")) << fifo;
-    ASSERT_TRUE(store.setObject("mine", "key")) << fifo;
-    EXPECT_TRUE(FileManager::isRegularFile(path, nimb::FollowLinks::No));
+    EXPECT_FALSE(store.objectForKey("key")) << kind;
+    EXPECT_EQ(store.synchronize(), kind != "damaged") << kind;
+    ASSERT_TRUE(store.setObject("mine", "key")) << kind;
+    EXPECT_EQ(nimb::PropertyList::dictionaryWithContentsOfFile(path, nimb::FollowLinks::No),
+              (Dictionary{{"key", "mine"}}))
+        << kind;
+    EXPECT_TRUE(store.synchronize()) << kind;
   }
   ::alarm(0);
   EXPECT_EQ(UserDefaults(outside).objectForKey("key"), Value("secret"));

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <regex>
-#include <set>
 
 #include "TestSupport.h"
 
@@ -39,48 +39,42 @@ std::string recordSlot() {
 
 struct AppRun {
   std::string identifier;
-  std::string description;
   std::string slot;
 };
 
-// One application run in its own process, through nimbkit.
+// One application run in its own process, through nimbkit: its first call
+// retrieves the identifier.
 AppRun runAs(const std::string& appId) {
   auto r = nimb::test::runNimbkit({"udid", "--app-id", appId, "--verbose"});
   EXPECT_EQ(r.exitCode, 0) << r.err;
   std::smatch m;
-  const std::regex lines("([0-9a-f]{40})\ncode: 0\ndescription: (.*)\nslot: (.*)\n");
+  const std::regex lines(
+      "([0-9a-f]{40})\ncode: 0\ndescription: SharedUDID succesfully retrieved\nslot: (.*)\n");
   EXPECT_TRUE(std::regex_match(r.out, m, lines)) << r.out;
-  return m.empty() ? AppRun{} : AppRun{m[1], m[2], m[3]};
+  return m.empty() ? AppRun{} : AppRun{m[1], m[2]};
 }
 
 }  // namespace
 
 TEST(VQSharedUDID, ApplicationsInSeparateProcessesAgreeAndClaimOneSlotEach) {
   const AppRun first = runAs("com.example.one");
-  EXPECT_EQ(first.description, "SharedUDID succesfully retrieved");
-  const AppRun second = runAs("com.example.two");
-  const AppRun third = runAs("org.elsewhere.three");
-  EXPECT_EQ(second.identifier, first.identifier);
-  EXPECT_EQ(third.identifier, first.identifier);
   EXPECT_EQ(first.slot, slotName(0));
-  EXPECT_EQ(second.slot, slotName(1));
-  EXPECT_EQ(third.slot, slotName(2));
-
+  auto expectRun = [&](const std::string& appId, int slot) {
+    const AppRun run = runAs(appId);
+    EXPECT_EQ(run.identifier, first.identifier) << appId;
+    EXPECT_EQ(run.slot, slotName(slot)) << appId;
+  };
+  expectRun("com.example.two", 1);
+  expectRun("org.elsewhere.three", 2);
   // Started again, an application keeps its slot and takes no other.
-  const AppRun again = runAs("com.example.two");
-  EXPECT_EQ(again.identifier, first.identifier);
-  EXPECT_EQ(again.slot, slotName(1));
-  std::set<std::string> files;
-  for (const auto& e : std::filesystem::directory_iterator(Pasteboard::storeDirectory())) {
-    if (e.path().extension() == ".pasteboard") files.insert(e.path().filename().string());
-  }
-  EXPECT_EQ(files.size(), 3u);
-
+  expectRun("com.example.two", 1);
+  const std::filesystem::directory_iterator store(Pasteboard::storeDirectory());
+  EXPECT_EQ(std::count_if(begin(store), end(store),
+                          [](const auto& e) { return e.path().extension() == ".pasteboard"; }),
+            3);
   // Once its slot is gone and is the lowest free one, it claims it again.
   ASSERT_TRUE(Pasteboard::removePasteboardWithName(slotName(0)));
-  const AppRun back = runAs("com.example.one");
-  EXPECT_EQ(back.identifier, first.identifier);
-  EXPECT_EQ(back.slot, slotName(0));
+  expectRun("com.example.one", 0);
 }
 
 TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
