@@ -31,28 +31,22 @@ class ApplicationTest : public ::testing::Test {
   std::string bin = root + "/bin";
 
   void SetUp() override {
-    for (const char* name :
-         {"XDG_DATA_HOME", "XDG_DATA_DIRS", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS", "PATH"}) {
+    for (const auto& [name, dir] : {std::pair{"XDG_DATA_HOME", "/data-home"},
+                                    {"XDG_DATA_DIRS", "/data-dir"},
+                                    {"XDG_CONFIG_HOME", "/config-home"},
+                                    {"XDG_CONFIG_DIRS", "/config-dir"},
+                                    {"PATH", "/bin"}}) {
       const char* value = std::getenv(name);
       saved_[name] = value ? std::optional<std::string>(value) : std::nullopt;
+      std::filesystem::create_directories(root + dir);
+      setenv(name, (root + dir).c_str(), 1);
     }
-    for (const auto& dir :
-         {userApps, systemApps, root + "/config-home", root + "/config-dir", bin}) {
-      std::filesystem::create_directories(dir);
-    }
-    setenv("XDG_DATA_HOME", (root + "/data-home").c_str(), 1);
-    setenv("XDG_DATA_DIRS", (root + "/data-dir").c_str(), 1);
-    setenv("XDG_CONFIG_HOME", (root + "/config-home").c_str(), 1);
-    setenv("XDG_CONFIG_DIRS", (root + "/config-dir").c_str(), 1);
-    setenv("PATH", bin.c_str(), 1);
+    std::filesystem::create_directories(userApps);
+    std::filesystem::create_directories(systemApps);
   }
   void TearDown() override {
     for (const auto& [name, value] : saved_) {
-      if (value) {
-        setenv(name.c_str(), value->c_str(), 1);
-      } else {
-        unsetenv(name.c_str());
-      }
+      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
     }
     std::filesystem::remove_all(root);
   }
@@ -74,16 +68,13 @@ class ApplicationTest : public ::testing::Test {
     chmod(script.c_str(), 0755);
   }
   std::optional<std::string> awaitReceived() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (std::filesystem::exists(received)) {
-        std::stringstream text;
-        text << std::ifstream(received).rdbuf();
-        return text.str();
-      }
+    for (int i = 0; i < 1000 && !std::filesystem::exists(received); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return std::nullopt;
+    if (!std::filesystem::exists(received)) return std::nullopt;
+    std::stringstream text;
+    text << std::ifstream(received).rdbuf();
+    return text.str();
   }
 
  private:

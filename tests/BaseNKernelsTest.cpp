@@ -8,9 +8,7 @@
 #include <vector>
 
 using nimb::BaseNKernels;
-using nimb::Data;
 using nimb::VQStringEncoding;
-using Path = VQStringEncoding::Path;
 
 namespace {
 
@@ -75,34 +73,6 @@ TEST(BaseNKernels, DecodingStopsAtTheBlockOfTheFirstOtherCharacter) {
         EXPECT_EQ(k.decodeBlocks(text.data(), text.size(), out.data(), kind), at / 8 * 8)
             << "character " << static_cast<int>(other) << " at " << at;
       }
-    }
-  }
-}
-
-// Encoding the same bytes through each kernel and through the bit loop
-// gives the same text, for every alphabet size and lengths around the
-// kernels' block and vector widths.
-TEST(BaseNKernels, EncodingMatchesTheBitLoopForEverySize) {
-  std::string printable;
-  for (int c = 33; c < 127; ++c) printable += static_cast<char>(c);
-  std::mt19937 rng(11);
-  std::vector<std::string> alphabets{kBase64, kHex};
-  for (std::size_t size = 2; size <= 128; size *= 2) {
-    std::string alphabet;
-    for (std::size_t i = 0; i < size; ++i) {
-      alphabet += size == 128 ? static_cast<char>(i) : printable[i];
-    }
-    alphabets.push_back(alphabet);
-  }
-  for (const auto& alphabet : alphabets) {
-    auto encoder = VQStringEncoding::stringEncodingWithString(alphabet);
-    ASSERT_NE(encoder, nullptr) << alphabet.size();
-    for (std::size_t length : {1u, 7u, 8u, 27u, 28u, 31u, 32u, 33u, 95u, 96u, 97u, 1000u}) {
-      Data in(length);
-      for (auto& b : in) b = static_cast<std::uint8_t>(rng());
-      const std::string exact = encoder->encode(in, Path::kExact);
-      EXPECT_EQ(encoder->encode(in, Path::kScalar), exact) << alphabet.size() << "/" << length;
-      EXPECT_EQ(encoder->encode(in, Path::kVector), exact) << alphabet.size() << "/" << length;
     }
   }
 }

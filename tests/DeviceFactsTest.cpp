@@ -50,13 +50,12 @@ TEST(DeviceFacts, LocaleComesFromTheEnvironmentUnlessSet) {
 
 TEST(DeviceFacts, BundleWithoutInfoFileIsNamedAfterTheProcess) {
   nimb::Bundle::setInfoDictionaryPath("/nonexistent/Info.plist");
+  const std::string process = nimb::FileManager::processName();
   auto bundle = nimb::Bundle::mainBundle();
-  EXPECT_EQ(bundle->bundleIdentifier(), nimb::FileManager::processName());
-  EXPECT_EQ(*bundle->objectForInfoDictionaryKey("CFBundleIdentifier")->asString(),
-            nimb::FileManager::processName());
+  EXPECT_EQ(bundle->bundleIdentifier(), process);
+  EXPECT_EQ(*bundle->objectForInfoDictionaryKey("CFBundleIdentifier")->asString(), process);
   EXPECT_EQ(bundle->objectForInfoDictionaryKey("CFBundleVersion"), nullptr);
   nimb::Bundle::setBundleIdentifier("com.example.acting");
   EXPECT_EQ(nimb::Bundle::mainBundle()->bundleIdentifier(), "com.example.acting");
-  EXPECT_EQ(bundle->bundleIdentifier(),
-            nimb::FileManager::processName());  // snapshots never change
+  EXPECT_EQ(bundle->bundleIdentifier(), process);  // snapshots never change
 }

@@ -6,8 +6,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <vector>
 
-using nimb::TextEncoding;
+using T = nimb::TextEncoding;
 
 namespace {
 
@@ -15,29 +17,7 @@ const std::string kE = "\xC3\xA9";             // é
 const std::string kZhong = "\xE4\xB8\xAD";     // 中
 const std::string kGrin = "\xF0\x9F\x98\x80";  // 😀
 const std::string kMixed = "a" + kE + kZhong + kGrin;
-
-const std::uint32_t kAll[] = {TextEncoding::kASCII,
-                              TextEncoding::kJapaneseEUC,
-                              TextEncoding::kUTF8,
-                              TextEncoding::kISOLatin1,
-                              TextEncoding::kShiftJIS,
-                              TextEncoding::kISOLatin2,
-                              TextEncoding::kUnicode,
-                              TextEncoding::kWindowsCP1251,
-                              TextEncoding::kWindowsCP1252,
-                              TextEncoding::kWindowsCP1253,
-                              TextEncoding::kWindowsCP1254,
-                              TextEncoding::kWindowsCP1250,
-                              TextEncoding::kMacOSRoman,
-                              TextEncoding::kUTF16BigEndian,
-                              TextEncoding::kUTF16LittleEndian,
-                              TextEncoding::kUTF32,
-                              TextEncoding::kUTF32BigEndian,
-                              TextEncoding::kUTF32LittleEndian,
-                              TextEncoding::kGB18030,
-                              TextEncoding::kGBK,
-                              TextEncoding::kBig5,
-                              TextEncoding::kEUCKR};
+const std::string kGrin18030 = "\x94\x39\xFC\x36";  // 😀 in GB 18030
 
 std::string bytes(std::initializer_list<unsigned char> values) {
   return std::string(values.begin(), values.end());
@@ -46,18 +26,31 @@ std::string bytes(std::initializer_list<unsigned char> values) {
 }  // namespace
 
 TEST(TextEncoding, EveryListedEncodingConvertsBothWays) {
-  for (auto encoding : kAll) {
-    EXPECT_TRUE(TextEncoding::isSupported(encoding)) << std::hex << encoding;
-    auto encoded = TextEncoding::bytesUsingEncoding("Az09 ", encoding);
-    ASSERT_TRUE(encoded) << std::hex << encoding;
-    EXPECT_EQ(TextEncoding::stringWithBytes(*encoded, encoding), "Az09 ") << std::hex << encoding;
+  // ASCII text in every encoding, and more in the Unicode and CJK ones.
+  const std::string a = "Az09 ", cjk = "a" + kZhong + "b";
+  const std::pair<std::string, std::vector<std::uint32_t>> groups[] = {
+      {a,
+       {T::kASCII, T::kISOLatin1, T::kISOLatin2, T::kWindowsCP1251, T::kWindowsCP1252,
+        T::kWindowsCP1253, T::kWindowsCP1254, T::kWindowsCP1250, T::kMacOSRoman}},
+      {kMixed,
+       {T::kUTF8, T::kUnicode, T::kUTF16BigEndian, T::kUTF16LittleEndian, T::kUTF32,
+        T::kUTF32BigEndian, T::kUTF32LittleEndian, T::kGB18030}},
+      {cjk, {T::kGBK, T::kBig5, T::kEUCKR, T::kShiftJIS, T::kJapaneseEUC}}};
+  for (const auto& [text, encodings] : groups) {
+    for (auto encoding : encodings) {
+      EXPECT_TRUE(T::isSupported(encoding)) << std::hex << encoding;
+      for (const std::string& sample : {a, text}) {
+        auto encoded = T::bytesUsingEncoding(sample, encoding);
+        ASSERT_TRUE(encoded) << std::hex << encoding;
+        EXPECT_EQ(T::stringWithBytes(*encoded, encoding), sample) << std::hex << encoding;
+      }
+    }
   }
 }
 
 TEST(TextEncoding, LengthsAgreeWithTheBytesWritten) {
-  const std::uint32_t encodings[] = {
-      TextEncoding::kUTF8, TextEncoding::kUnicode,   TextEncoding::kUTF32, TextEncoding::kGB18030,
-      TextEncoding::kBig5, TextEncoding::kISOLatin1, TextEncoding::kASCII};
+  const std::uint32_t encodings[] = {T::kUTF8, T::kUnicode,   T::kUTF32, T::kGB18030,
+                                     T::kBig5, T::kISOLatin1, T::kASCII};
   struct Row {
     std::string text;
     std::size_t lengths[7];  // in the order of `encodings`; 0 where it cannot be written
@@ -69,97 +62,67 @@ TEST(TextEncoding, LengthsAgreeWithTheBytesWritten) {
   for (const auto& row : rows) {
     for (std::size_t i = 0; i < 7; ++i) {
       SCOPED_TRACE(row.text + " in " + std::to_string(encodings[i]));
-      EXPECT_EQ(TextEncoding::lengthOfBytes(row.text, encodings[i]), row.lengths[i]);
-      auto encoded = TextEncoding::bytesUsingEncoding(row.text, encodings[i]);
+      EXPECT_EQ(T::lengthOfBytes(row.text, encodings[i]), row.lengths[i]);
+      auto encoded = T::bytesUsingEncoding(row.text, encodings[i]);
       EXPECT_EQ(encoded ? encoded->size() : 0, row.lengths[i]);
     }
   }
 }
 
 TEST(TextEncoding, WritesKnownBytesWithoutByteOrderMarks) {
-  using T = TextEncoding;
+  using namespace std::string_literals;
   const bool little = std::endian::native == std::endian::little;
-  EXPECT_EQ(T::bytesUsingEncoding(kZhong, T::kGB18030), bytes({0xD6, 0xD0}));
-  EXPECT_EQ(T::bytesUsingEncoding(kZhong, T::kGBK), bytes({0xD6, 0xD0}));
-  EXPECT_EQ(T::bytesUsingEncoding(kZhong, T::kBig5), bytes({0xA4, 0xA4}));
-  EXPECT_EQ(T::bytesUsingEncoding(kZhong, T::kEUCKR), bytes({0xF1, 0xE9}));
-  EXPECT_EQ(T::bytesUsingEncoding(kZhong, T::kShiftJIS), bytes({0x92, 0x86}));
-  EXPECT_EQ(T::bytesUsingEncoding(kZhong, T::kJapaneseEUC), bytes({0xC3, 0xE6}));
-  EXPECT_EQ(T::bytesUsingEncoding(kGrin, T::kGB18030), bytes({0x94, 0x39, 0xFC, 0x36}));
-  EXPECT_EQ(T::bytesUsingEncoding(kE, T::kISOLatin1), bytes({0xE9}));
-  EXPECT_EQ(T::bytesUsingEncoding(kE, T::kMacOSRoman), bytes({0x8E}));
-  EXPECT_EQ(T::bytesUsingEncoding("a", T::kUnicode), little ? bytes({0x61, 0}) : bytes({0, 0x61}));
-  EXPECT_EQ(T::bytesUsingEncoding("a", T::kUTF32),
-            little ? bytes({0x61, 0, 0, 0}) : bytes({0, 0, 0, 0x61}));
-  EXPECT_EQ(T::bytesUsingEncoding(kGrin, T::kUTF16BigEndian), bytes({0xD8, 0x3D, 0xDE, 0x00}));
-  EXPECT_EQ(T::bytesUsingEncoding(kGrin, T::kUTF16LittleEndian), bytes({0x3D, 0xD8, 0x00, 0xDE}));
-  EXPECT_EQ(T::bytesUsingEncoding("a", T::kUTF32BigEndian), bytes({0, 0, 0, 0x61}));
-}
-
-TEST(TextEncoding, RoundTripsThroughUnicodeAndCjkEncodings) {
-  for (auto encoding :
-       {TextEncoding::kUTF8, TextEncoding::kUnicode, TextEncoding::kUTF16BigEndian,
-        TextEncoding::kUTF16LittleEndian, TextEncoding::kUTF32, TextEncoding::kUTF32BigEndian,
-        TextEncoding::kUTF32LittleEndian, TextEncoding::kGB18030}) {
-    auto encoded = TextEncoding::bytesUsingEncoding(kMixed, encoding);
-    ASSERT_TRUE(encoded) << std::hex << encoding;
-    EXPECT_EQ(TextEncoding::stringWithBytes(*encoded, encoding), kMixed) << std::hex << encoding;
+  const std::tuple<std::string, std::uint32_t, std::string> rows[] = {
+      {kZhong, T::kGB18030, "\xD6\xD0"},  {kZhong, T::kGBK, "\xD6\xD0"},
+      {kZhong, T::kBig5, "\xA4\xA4"},     {kZhong, T::kEUCKR, "\xF1\xE9"},
+      {kZhong, T::kShiftJIS, "\x92\x86"}, {kZhong, T::kJapaneseEUC, "\xC3\xE6"},
+      {kGrin, T::kGB18030, kGrin18030},   {kE, T::kISOLatin1, "\xE9"},
+      {kE, T::kMacOSRoman, "\x8E"},       {"a", T::kUTF32BigEndian, "\0\0\0a"s}};
+  for (const auto& [text, encoding, written] : rows) {
+    EXPECT_EQ(T::bytesUsingEncoding(text, encoding), written) << text << " " << encoding;
   }
-  const std::string cjk = "a" + kZhong + "b";
-  for (auto encoding : {TextEncoding::kGBK, TextEncoding::kBig5, TextEncoding::kEUCKR,
-                        TextEncoding::kShiftJIS, TextEncoding::kJapaneseEUC}) {
-    auto encoded = TextEncoding::bytesUsingEncoding(cjk, encoding);
-    ASSERT_TRUE(encoded) << std::hex << encoding;
-    EXPECT_EQ(TextEncoding::stringWithBytes(*encoded, encoding), cjk) << std::hex << encoding;
-  }
+  EXPECT_EQ(T::bytesUsingEncoding(kGrin, T::kUTF16BigEndian), "\xD8\x3D\xDE\x00"s);
+  EXPECT_EQ(T::bytesUsingEncoding(kGrin, T::kUTF16LittleEndian), "\x3D\xD8\x00\xDE"s);
+  EXPECT_EQ(T::bytesUsingEncoding("a", T::kUnicode), little ? "a\0"s : "\0a"s);
+  EXPECT_EQ(T::bytesUsingEncoding("a", T::kUTF32), little ? "a\0\0\0"s : "\0\0\0a"s);
 }
 
 TEST(TextEncoding, GetBytesCutsOnlyBetweenCharacters) {
-  using T = TextEncoding;
-  auto p = T::getBytes("abcdef", T::kUTF8, 3);
-  ASSERT_TRUE(p);
-  EXPECT_EQ(p->bytes, "abc");
-  EXPECT_EQ(p->utf8Length, 3u);
-
-  EXPECT_FALSE(T::getBytes(kZhong + "abc", T::kUTF8, 2));
-  p = T::getBytes(kZhong + "abc", T::kUTF8, 4);
-  ASSERT_TRUE(p);
-  EXPECT_EQ(p->bytes, kZhong + "a");
-  EXPECT_EQ(p->utf8Length, 4u);
-
-  // A surrogate pair is one character.
-  EXPECT_FALSE(T::getBytes(kGrin + "a", T::kUTF16BigEndian, 3));
-  for (std::size_t limit : {4, 5}) {
-    p = T::getBytes(kGrin + "a", T::kUTF16BigEndian, limit);
-    ASSERT_TRUE(p) << limit;
-    EXPECT_EQ(p->bytes, bytes({0xD8, 0x3D, 0xDE, 0x00}));
-    EXPECT_EQ(p->utf8Length, 4u);
+  // A surrogate pair is one character, and the 4-byte GB18030 sequence is
+  // not split after its first 2 bytes. A character the encoding lacks
+  // refuses the call even past the cut.
+  using namespace std::string_literals;
+  constexpr auto u8 = T::kUTF8, be = T::kUTF16BigEndian, gb = T::kGB18030;
+  const std::string grinA = kGrin + "a", zhongAbc = kZhong + "abc", zhongGrin = kZhong + kGrin;
+  const std::string grin16 = "\xD8\x3D\xDE\x00"s, zhong18030 = "\xD6\xD0";
+  const auto no = std::nullopt;
+  // Text, encoding and limit; the bytes cut, or none, and the UTF-8 length they stand for.
+  const std::tuple<std::string, std::uint32_t, std::size_t, std::optional<std::string>, std::size_t>
+      rows[] = {{"abcdef", u8, 3, "abc", 3},
+                {zhongAbc, u8, 2, no, 0},
+                {zhongAbc, u8, 4, kZhong + "a", 4},
+                {grinA, be, 3, no, 0},
+                {grinA, be, 4, grin16, 4},
+                {grinA, be, 5, grin16, 4},
+                {zhongGrin, gb, 2, zhong18030, 3},
+                {zhongGrin, gb, 3, zhong18030, 3},
+                {zhongGrin, gb, 4, zhong18030, 3},
+                {zhongGrin, gb, 5, zhong18030, 3},
+                {"abc", u8, 0, no, 0},
+                {"", u8, 0, "", 0},
+                {"ab" + kE, T::kASCII, 1, no, 0},
+                {zhongGrin, gb, 6, zhong18030 + kGrin18030, 7}};
+  for (const auto& [text, encoding, limit, cut, utf8Length] : rows) {
+    SCOPED_TRACE(text + " limit " + std::to_string(limit));
+    auto p = T::getBytes(text, encoding, limit);
+    ASSERT_EQ(p.has_value(), cut.has_value());
+    if (!p) continue;
+    EXPECT_EQ(p->bytes, *cut);
+    EXPECT_EQ(p->utf8Length, utf8Length);
   }
-
-  // The 4-byte GB18030 sequence is not split after its first 2 bytes.
-  const std::string zhongGrin = kZhong + kGrin;
-  for (std::size_t limit : {2, 3, 4, 5}) {
-    p = T::getBytes(zhongGrin, T::kGB18030, limit);
-    ASSERT_TRUE(p) << limit;
-    EXPECT_EQ(p->bytes, bytes({0xD6, 0xD0}));
-    EXPECT_EQ(p->utf8Length, 3u);
-  }
-  p = T::getBytes(zhongGrin, T::kGB18030, 6);
-  ASSERT_TRUE(p);
-  EXPECT_EQ(p->bytes.size(), 6u);
-  EXPECT_EQ(p->utf8Length, zhongGrin.size());
-
-  EXPECT_FALSE(T::getBytes("abc", T::kUTF8, 0));
-  p = T::getBytes("", T::kUTF8, 0);
-  ASSERT_TRUE(p);
-  EXPECT_EQ(p->bytes, "");
-  EXPECT_EQ(p->utf8Length, 0u);
-  // A character the encoding lacks refuses the call even past the cut.
-  EXPECT_FALSE(T::getBytes("ab" + kE, T::kASCII, 1));
 }
 
 TEST(TextEncoding, RefusesIllFormedInputAndUnknownEncodings) {
-  using T = TextEncoding;
   for (const std::string bad : {"\xC3", "a\xFF", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80"}) {
     EXPECT_EQ(T::lengthOfBytes(bad, T::kUTF16BigEndian), 0u);
     EXPECT_FALSE(T::bytesUsingEncoding(bad, T::kUTF8));

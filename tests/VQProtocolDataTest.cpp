@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <tuple>
 
 #include "TestSupport.h"
 
@@ -22,11 +23,7 @@ namespace {
 
 constexpr int kIPv4 = 2, kIPv6 = 10, kLoopback = 8;
 
-void listInterfaces(std::vector<InterfaceAddress> list) {
-  NetworkInterfaces::Source source;
-  source.list = [list] { return std::optional(list); };
-  NetworkInterfaces::setSource(source);
-}
+using List = std::vector<InterfaceAddress>;
 
 }  // namespace
 
@@ -46,9 +43,8 @@ TEST(VQProtocolData, DateAndTimeFollowTheClockAndTheDefaultZone) {
 
 TEST(VQProtocolData, TimeZoneTruncatesTowardZero) {
   const std::pair<const char*, const char*> cases[] = {
-      {"Pacific/Marquesas", "-9"}, {"Asia/Kathmandu", "5"},   {"Asia/Kolkata", "5"}, {"GMT", "0"},
-      {"Etc/GMT+3", "-3"},         {"Pacific/Chatham", "13"},
-  };
+      {"Pacific/Marquesas", "-9"}, {"Asia/Kathmandu", "5"},  {"Asia/Kolkata", "5"}, {"GMT", "0"},
+      {"Etc/GMT+3", "-3"},         {"Pacific/Chatham", "13"}};
   // A southern-summer instant, so Chatham is at +13:45.
   nimb::Clock::setCurrent(std::make_shared<nimb::ManualClock>(
       nimb::Date::fromTimeIntervalSince1970(1767225600)));  // 2026-01-01
@@ -63,47 +59,42 @@ TEST(VQProtocolData, AccessTypeFromTheInterfaceList) {
   Device::Overrides device;
   device.machine = "aarch64";
   Device::setOverrides(device);
-  listInterfaces({{"lo", kIPv4, kLoopback}, {"en0", kIPv6, 0}});
-  EXPECT_EQ(VQProtocolData::accessString(), "");
-  listInterfaces({{"lo", kIPv4, kLoopback}, {"en0", kIPv6, 0}, {"pdp_ip0", kIPv4, 0}});
-  EXPECT_EQ(VQProtocolData::accessString(), "CellNetwork");
-  listInterfaces({{"pdp_ip0", kIPv4, 0}, {"en0", kIPv4, 0}});
-  EXPECT_EQ(VQProtocolData::accessString(), "WiFi");
-  // A loopback-flagged en0 does not count.
-  listInterfaces({{"en0", kIPv4, kLoopback}});
-  EXPECT_EQ(VQProtocolData::accessString(), "");
-  // A list that cannot be read counts as empty.
-  NetworkInterfaces::Source failing;
-  failing.list = [] { return std::optional<std::vector<InterfaceAddress>>(); };
-  NetworkInterfaces::setSource(failing);
-  EXPECT_EQ(VQProtocolData::accessString(), "");
-  // Simulator-like machines answer WiFi without looking.
-  for (const char* machine : {"x86_64", "i386"}) {
-    device.machine = machine;
-    Device::setOverrides(device);
-    EXPECT_EQ(VQProtocolData::accessString(), "WiFi") << machine;
+  // A loopback-flagged en0 does not count; a list that cannot be read counts
+  // as empty.
+  const std::pair<std::optional<List>, const char*> rows[] = {
+      {List{{"lo", kIPv4, kLoopback}, {"en0", kIPv6, 0}}, ""},
+      {List{{"lo", kIPv4, kLoopback}, {"en0", kIPv6, 0}, {"pdp_ip0", kIPv4, 0}}, "CellNetwork"},
+      {List{{"pdp_ip0", kIPv4, 0}, {"en0", kIPv4, 0}}, "WiFi"},
+      {List{{"en0", kIPv4, kLoopback}}, ""},
+      {std::nullopt, ""}};
+  for (const auto& [list, access] : rows) {
+    NetworkInterfaces::Source source;
+    source.list = [list] { return list; };
+    NetworkInterfaces::setSource(source);
+    EXPECT_EQ(VQProtocolData::accessString(), access) << (list ? list->size() : 0);
   }
-  device.machine = "aarch64";
-  device.model = "iPhone Simulator";
-  Device::setOverrides(device);
-  EXPECT_EQ(VQProtocolData::accessString(), "WiFi");
+  // Simulator-like machines answer WiFi without looking.
+  for (const auto& [machine, model] :
+       {std::pair{"x86_64", ""}, {"i386", ""}, {"aarch64", "iPhone Simulator"}}) {
+    device.machine = machine;
+    if (*model) device.model = model;
+    Device::setOverrides(device);
+    EXPECT_EQ(VQProtocolData::accessString(), "WiFi") << machine << model;
+  }
 }
 
 TEST(VQProtocolData, ScreenOrientationAndIdiom) {
   Device::Overrides device;
-  device.mainScreen = nimb::ScreenFacts{{320, 568}, 2.0, nimb::Size{640, 1136}};
-  Device::setOverrides(device);
-  EXPECT_EQ(VQProtocolData::resolutionString(), "1136 x 640");
-  device.mainScreen = nimb::ScreenFacts{{320.7, 568.9}, 2.0, std::nullopt};
-  Device::setOverrides(device);
-  EXPECT_EQ(VQProtocolData::resolutionString(), "1137 x 641");
-  device.mainScreen = nimb::ScreenFacts{{320.7, 568.9}, std::nullopt, std::nullopt};
-  Device::setOverrides(device);
-  EXPECT_EQ(VQProtocolData::resolutionString(), "568 x 320");
-  device.mainScreen = std::optional<nimb::ScreenFacts>();
-  Device::setOverrides(device);
-  EXPECT_EQ(VQProtocolData::resolutionString(), "0 x 0");
-
+  const std::pair<std::optional<nimb::ScreenFacts>, const char*> screens[] = {
+      {nimb::ScreenFacts{{320, 568}, 2.0, nimb::Size{640, 1136}}, "1136 x 640"},
+      {nimb::ScreenFacts{{320.7, 568.9}, 2.0, std::nullopt}, "1137 x 641"},
+      {nimb::ScreenFacts{{320.7, 568.9}, std::nullopt, std::nullopt}, "568 x 320"},
+      {std::nullopt, "0 x 0"}};
+  for (const auto& [screen, resolution] : screens) {
+    device.mainScreen = screen;
+    Device::setOverrides(device);
+    EXPECT_EQ(VQProtocolData::resolutionString(), resolution);
+  }
   const char* expected[] = {"1", "0", "0", "1", "1", "1", "1"};
   for (int code = 0; code <= 6; ++code) {
     device.orientation = static_cast<nimb::DeviceOrientation>(code);
@@ -129,16 +120,14 @@ TEST(VQProtocolData, HardwareAddressAndItsFourFailures) {
   source.hardwareAddress = [&answer](unsigned) { return answer; };
   NetworkInterfaces::setSource(source);
   using Query = NetworkInterfaces::HardwareQuery;
-  const std::pair<Query, const char*> failures[] = {
-      {Query::kQueryFailed, "Error: sysctl, take 1\n"},
-      {Query::kNoMemory, "Could not allocate memory. error!\n"},
-      {Query::kReadFailed, "Error: sysctl, take 2"},
-  };
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(VQProtocolData::deviceMacString(), std::nullopt);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: if_nametoindex error\n");
-  index = 3;
-  for (const auto& [status, line] : failures) {
+  // No index for en0 first, then each way the query itself fails.
+  const std::tuple<unsigned, Query, const char*> failures[] = {
+      {0, Query::kOk, "Error: if_nametoindex error\n"},
+      {3, Query::kQueryFailed, "Error: sysctl, take 1\n"},
+      {3, Query::kNoMemory, "Could not allocate memory. error!\n"},
+      {3, Query::kReadFailed, "Error: sysctl, take 2"}};
+  for (const auto& [at, status, line] : failures) {
+    index = at;
     answer.status = status;
     testing::internal::CaptureStdout();
     EXPECT_EQ(VQProtocolData::deviceMacString(), std::nullopt);
