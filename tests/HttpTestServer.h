@@ -3,19 +3,27 @@
 // works while handlers are registered on server(); start() serves, the
 // destructor stops. Handlers that stall wait with pause(), which stop() ends.
 // Also the pumps the tests wait with: events arrive only while the starting
-// thread turns its run loop, so a test turns it until a condition holds.
+// thread turns its run loop, so a test turns it until a condition holds; and
+// the bitmaps the picture tests draw their expectations from.
 #pragma once
 
 #include <httplib.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
+#include <NimbFoundation/Platform/Image.h>
 #include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/URLConnection.h>
 
 namespace nimb::test {
 
@@ -51,14 +59,41 @@ class HttpTestServer {
   }
   // A chunked body until the client hangs up; endlessBytes counts it.
   std::atomic<std::size_t> endlessBytes{0};
-  void serveEndless(const std::string& path) {
-    server_.Get(path, [this](const httplib::Request&, httplib::Response& res) {
-      res.set_chunked_content_provider(kBinary, [this](size_t, httplib::DataSink& sink) {
+  void serveEndless(const std::string& path, const char* type = kBinary) {
+    server_.Get(path, [this, type](const httplib::Request&, httplib::Response& res) {
+      res.set_chunked_content_provider(type, [this](size_t, httplib::DataSink& sink) {
         const std::string block(64 * 1024, 'e');
         while (!stopping_ && sink.write(block.data(), block.size()))
           endlessBytes += block.size(), pause(1ms);
         return false;
       });
+    });
+  }
+
+  // Every path not served before: `png` as image/png, each request counted
+  // in `requests`. But page.html is a page that is no picture, and so is the
+  // first answer on a path starting "flaky" (on "flaky-drop", a connection
+  // that drops after 4 of 1000 bytes); slow.png comes 200 ms late.
+  std::atomic<int> requests{0};
+  void servePictures(std::string png) {
+    server_.Get(R"(/(.*))", [this, png](const httplib::Request& req, httplib::Response& res) {
+      ++requests;
+      const std::string path = req.matches[1];
+      const bool first = [&] {
+        std::lock_guard lock(hitsMutex_);  // handlers run on many server threads
+        return ++hits_[path] == 1;
+      }();
+      if (first && path.starts_with("flaky-drop")) {
+        res.set_content_provider(1000, "image/png", [](size_t, size_t, httplib::DataSink& sink) {
+          sink.write("\x89PNG", 4);
+          return false;  // the connection drops
+        });
+      } else if (path == "page.html" || (first && path.starts_with("flaky"))) {
+        res.set_content("<html><body>Not found</body></html>", "text/html");
+      } else {
+        if (path == "slow.png") pause(200ms);
+        res.set_content(png, "image/png");
+      }
     });
   }
 
@@ -83,6 +118,8 @@ class HttpTestServer {
   std::thread thread_;
   std::atomic<bool> stopping_{false};
   int port_ = 0;
+  std::mutex hitsMutex_;
+  std::map<std::string, int> hits_;
 };
 
 // Turns the calling thread's run loop until `done` holds or `seconds` pass.
@@ -95,5 +132,30 @@ inline bool pumpUntil(const std::function<bool()>& done, double seconds) {
 inline void pumpFor(double seconds) {
   pumpUntil([] { return false; }, seconds);
 }
+// Turns the loop until no transfer is left running.
+inline bool pumpUntilNoTransfers() {
+  return pumpUntil([] { return URLConnection::activeTransferCount() == 0; }, 5);
+}
+
+// A bitmap whose pixel (x, y) is at(x, y), as RGBA; and a pixel read back.
+using Pixel = std::array<int, 4>;
+inline Bitmap filled(int width, int height, const std::function<Pixel(int, int)>& at) {
+  Bitmap bm{width, height, Data(std::size_t(width) * height * 4)};
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      for (int c = 0; c < 4; ++c) bm.rgba[(std::size_t(y) * width + x) * 4 + c] = at(x, y)[c];
+  return bm;
+}
+inline Pixel pixel(const Bitmap& bm, int x, int y) {
+  const auto* p = &bm.rgba[(std::size_t(y) * bm.width + x) * 4];
+  return {p[0], p[1], p[2], p[3]};
+}
+// The largest difference between two pixels in any channel.
+inline int farthest(const Pixel& a, const Pixel& b) {
+  int most = 0;
+  for (int c = 0; c < 4; ++c) most = std::max(most, std::abs(a[c] - b[c]));
+  return most;
+}
+inline constexpr Pixel kRed{255, 0, 0, 255}, kGreen{0, 255, 0, 255}, kBlue{0, 0, 255, 255};
 
 }  // namespace nimb::test

@@ -2,42 +2,33 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <filesystem>
-
 #include "HttpTestServer.h"
 #include "TestSupport.h"
 
-using nimb::test::runNimbkit;
+using namespace nimb;
+using namespace nimb::test;
 
 TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
-  nimb::test::HttpTestServer server;
-  std::atomic<int> requests{0};
-  const std::string png = nimb::test::pngBody(
-      nimb::Image::withBitmap({64, 48, std::vector<std::uint8_t>(64 * 48 * 4, 0xC0)}));
-  server.server().Get("/pic.png", [&](const httplib::Request&, httplib::Response& res) {
-    ++requests;
-    res.set_content(png, "image/png");
-  });
-  server.serve("/page.html", "<html></html>", 200, {}, "text/html");
+  HttpTestServer server;
+  server.servePictures(pngBody(Image::withBitmap({64, 48, Data(64 * 48 * 4, 0xC0)})));
   server.start();
-  const std::string out = nimb::test::makeTemporaryDirectory("fetch-out");
+  const std::string out = makeTemporaryDirectory("fetch-out");
 
   auto cold = runNimbkit({"fetch", server.url("/pic.png"), "--view", "40x30", "--out", out});
   EXPECT_EQ(cold.exitCode, 0) << cold.err;
   EXPECT_NE(cold.out.find("network"), std::string::npos) << cold.out;
   EXPECT_NE(cold.out.find("64x48"), std::string::npos) << cold.out;
-  auto shown = nimb::Image::withContentsOfFile(out + "/01-pic.png");
+  auto shown = Image::withContentsOfFile(out + "/01-pic.png");
   ASSERT_TRUE(shown);
-  EXPECT_EQ(shown->size(), (nimb::Size{40, 30}));  // the view as drawn
-  auto sheet = nimb::Image::withContentsOfFile(out + "/contact-sheet.png");
+  EXPECT_EQ(shown->size(), (Size{40, 30}));  // the view as drawn
+  auto sheet = Image::withContentsOfFile(out + "/contact-sheet.png");
   ASSERT_TRUE(sheet);
   EXPECT_GT(sheet->size().width, 40);
 
   auto warm = runNimbkit({"fetch", server.url("/pic.png"), "--out", out});
   EXPECT_EQ(warm.exitCode, 0) << warm.err;
   EXPECT_NE(warm.out.find("cache"), std::string::npos) << warm.out;
-  EXPECT_EQ(requests.load(), 1);
+  EXPECT_EQ(server.requests.load(), 1);
 
   // A page that is no picture fails the batch, and says why.
   auto failed = runNimbkit(
@@ -50,7 +41,7 @@ TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
 // download stops a server that keeps sending: at --max-size (decoded bytes),
 // or at --max-time however steadily the bytes come.
 TEST(NimbkitDownload, SizeAndTimeLimitsEndEndlessBodies) {
-  nimb::test::HttpTestServer server;
+  HttpTestServer server;
   server.serveEndless("/endless");
   server.start();
   auto sized = runNimbkit({"download", server.url("/endless"), "--max-size", "1M"});

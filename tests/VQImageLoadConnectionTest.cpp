@@ -57,25 +57,22 @@ class VQImageLoadConnectionTest : public ::testing::Test {
   HttpTestServer server;
 };
 
-TEST_F(VQImageLoadConnectionTest, RequestAsksForCacheGzipAndTheTimeout) {
-  auto c = make({}, false);
+// What start() sends is what makeRequest() makes; the quarters of an
+// announced body are reported as they arrive.
+TEST_F(VQImageLoadConnectionTest, RequestAsksForCacheGzipAndTheTimeoutThenReportsQuarters) {
+  Heard heard;
+  auto d = recorder(heard);
+  auto c = make(d, false);
   EXPECT_EQ(c->makeRequest().timeoutInterval, 30.0);
   c->setTimeoutInterval(7.5);
   c->start();
   ASSERT_TRUE(c->connection());
-  // What start() sent is what makeRequest() makes.
   for (URLRequest r : {c->makeRequest(), c->connection()->originalRequest()}) {
     EXPECT_EQ(r.url, c->imageURL());
     EXPECT_EQ(r.cachePolicy, URLRequestCachePolicy::ReturnCacheDataElseLoad);
     EXPECT_EQ(r.allHTTPHeaderFields["accept-encoding"], "gzip");
     EXPECT_EQ(r.timeoutInterval, 7.5);
   }
-}
-
-TEST_F(VQImageLoadConnectionTest, ReportsTheQuartersOfAnAnnouncedBody) {
-  Heard heard;
-  auto d = recorder(heard);
-  auto c = make(d);
   ASSERT_TRUE(pumpUntil([&] { return heard.finished + heard.errors.size() > 0; }, 10));
   EXPECT_EQ(heard.percents, (std::vector<float>{0.25f, 0.5f, 0.75f, 1.0f}));
   EXPECT_EQ(heard.finished, 1);
@@ -151,7 +148,7 @@ TEST_F(VQImageLoadConnectionTest, CancelSilencesTheDelegateAndEndsTheTransfer) {
   c->cancel();
   pumpFor(0.3);
   EXPECT_EQ(heard.calls(), 0u);
-  EXPECT_TRUE(pumpUntil([] { return URLConnection::activeTransferCount() == 0; }, 5));
+  EXPECT_TRUE(pumpUntilNoTransfers());
 }
 
 }  // namespace

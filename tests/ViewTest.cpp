@@ -3,21 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <memory>
 #include <regex>
 #include <string>
 
-using nimb::Image;
-using nimb::ImageView;
-using nimb::Rect;
-using nimb::Size;
-using nimb::View;
+using namespace nimb;
 
 namespace {
 
-std::shared_ptr<const Image> imageOfPixels(int width, int height, double scale) {
-  nimb::Bitmap bitmap{width, height, std::vector<std::uint8_t>(width * height * 4, 0xff)};
-  return Image::withBitmap(std::move(bitmap), scale);
+using Views = std::vector<std::shared_ptr<View>>;
+
+std::shared_ptr<View> make() {
+  return std::make_shared<View>();
 }
 
 // The description with the address replaced by "ADDR".
@@ -28,36 +26,32 @@ std::string withoutAddress(const std::string& description) {
 }  // namespace
 
 TEST(View, SubviewsMoveBetweenSuperviewsInOrder) {
-  auto first = std::make_shared<View>();
-  auto second = std::make_shared<View>();
-  auto a = std::make_shared<View>(), b = std::make_shared<View>(), c = std::make_shared<View>();
+  auto first = make(), second = make(), a = make(), b = make(), c = make();
   first->addSubview(a);
   first->addSubview(b);
   first->insertSubview(c, 1);
-  EXPECT_EQ(first->subviews(), (std::vector<std::shared_ptr<View>>{a, c, b}));
+  EXPECT_EQ(first->subviews(), (Views{a, c, b}));
   EXPECT_EQ(c->superview(), first);
 
   first->addSubview(a);  // already there: to the front
-  EXPECT_EQ(first->subviews(), (std::vector<std::shared_ptr<View>>{c, b, a}));
+  EXPECT_EQ(first->subviews(), (Views{c, b, a}));
   first->insertSubview(a, 99);  // past the end: the front
   EXPECT_EQ(first->subviews().back(), a);
 
   // Passing an element of the old superview's own list.
   second->addSubview(first->subviews()[0]);
-  EXPECT_EQ(first->subviews(), (std::vector<std::shared_ptr<View>>{b, a}));
-  EXPECT_EQ(second->subviews(), (std::vector<std::shared_ptr<View>>{c}));
+  EXPECT_EQ(first->subviews(), (Views{b, a}));
+  EXPECT_EQ(second->subviews(), (Views{c}));
   EXPECT_EQ(c->superview(), second);
 
   b->removeFromSuperview();
   EXPECT_EQ(b->superview(), nullptr);
-  EXPECT_EQ(first->subviews(), (std::vector<std::shared_ptr<View>>{a}));
+  EXPECT_EQ(first->subviews(), (Views{a}));
   b->removeFromSuperview();  // no superview: nothing to do
 }
 
 TEST(View, CyclesAndUnownedParentsAreRefused) {
-  auto root = std::make_shared<View>();
-  auto child = std::make_shared<View>();
-  auto grandchild = std::make_shared<View>();
+  auto root = make(), child = make(), grandchild = make();
   root->addSubview(child);
   child->addSubview(grandchild);
 
@@ -78,10 +72,10 @@ TEST(View, CyclesAndUnownedParentsAreRefused) {
 }
 
 TEST(View, SuperviewIsNotOwned) {
-  auto child = std::make_shared<View>();
+  auto child = make();
   std::weak_ptr<View> watch;
   {
-    auto parent = std::make_shared<View>();
+    auto parent = make();
     watch = parent;
     parent->addSubview(child);
     EXPECT_EQ(child->superview(), parent);
@@ -90,8 +84,8 @@ TEST(View, SuperviewIsNotOwned) {
   EXPECT_EQ(child->superview(), nullptr);
 
   // A subview only its superview owns survives removeFromSuperview() until it returns.
-  auto parent = std::make_shared<View>();
-  parent->addSubview(std::make_shared<View>());
+  auto parent = make();
+  parent->addSubview(make());
   std::weak_ptr<View> only = parent->subviews()[0];
   parent->subviews()[0]->removeFromSuperview();
   EXPECT_TRUE(only.expired());
@@ -102,18 +96,11 @@ TEST(View, PropertiesAndDescription) {
   auto view = std::make_shared<View>(Rect(10, 20, 100, 50));
   EXPECT_EQ(view->bounds(), Rect(0, 0, 100, 50));
   EXPECT_EQ(withoutAddress(view->description()), "<View: ADDR; frame = (10 20; 100 50)>");
-  EXPECT_FALSE(view->isHidden());
-  EXPECT_TRUE(view->isOpaque());
-  EXPECT_EQ(view->alpha(), 1.0);
-
-  view->setAlpha(1.5);
-  EXPECT_EQ(view->alpha(), 1.0);
-  view->setAlpha(-0.5);
-  EXPECT_EQ(view->alpha(), 0.0);
-  view->setAlpha(0.5);
-  view->setAlpha(std::nan(""));
-  EXPECT_EQ(view->alpha(), 0.5);
-
+  // Alpha is clamped to [0, 1]; NaN leaves it as it was.
+  for (auto [set, want] : {std::pair{1.5, 1.0}, {-0.5, 0.0}, {0.5, 0.5}, {NAN, 0.5}}) {
+    view->setAlpha(set);
+    EXPECT_EQ(view->alpha(), want) << set;
+  }
   view->setHidden(true);
   view->setOpaque(false);
   view->setFrame(Rect(0.25, -3, 1e3, 1.0 / 3));
@@ -125,28 +112,22 @@ TEST(View, PropertiesAndDescription) {
   EXPECT_EQ(view->description().find(std::string("<View: ") + address + ";"), 0u);
 }
 
-TEST(View, ImageViewTakesItsFrameFromTheImage) {
-  auto image = imageOfPixels(8, 6, 2);
+TEST(View, ImageViewTakesItsFrameFromTheImageAndKeepsItWhileAnimating) {
+  auto image = Image::withBitmap({8, 6, Data(8 * 6 * 4, 0xff)}, 2);
   ImageView fitted(image);
   EXPECT_EQ(fitted.frame(), Rect(0, 0, 4, 3));
-  EXPECT_EQ(fitted.image(), image);
   EXPECT_EQ(withoutAddress(fitted.description()),
             "<ImageView: ADDR; frame = (0 0; 4 3); image = <Image 4x3 @2x>>");
+  EXPECT_FALSE(fitted.isAnimating());
+  fitted.startAnimating();
+  EXPECT_TRUE(fitted.isAnimating());
+  EXPECT_EQ(fitted.image(), image);
+  fitted.stopAnimating();
+  EXPECT_FALSE(fitted.isAnimating());
 
   ImageView framed(Rect(1, 2, 30, 40));
   EXPECT_EQ(framed.image(), nullptr);
   framed.setImage(image);
   EXPECT_EQ(framed.frame(), Rect(1, 2, 30, 40));  // unchanged by the image
   EXPECT_EQ(ImageView().frame(), Rect());
-}
-
-TEST(View, ImageViewAnimatingFlag) {
-  ImageView view(imageOfPixels(2, 2, 1));
-  auto image = view.image();
-  EXPECT_FALSE(view.isAnimating());
-  view.startAnimating();
-  EXPECT_TRUE(view.isAnimating());
-  EXPECT_EQ(view.image(), image);
-  view.stopAnimating();
-  EXPECT_FALSE(view.isAnimating());
 }
