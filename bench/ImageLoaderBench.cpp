@@ -41,9 +41,9 @@
 
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Images/VQImageLoader.h>
-#include <NimbFoundation/Platform/Image.h>
-#include <NimbFoundation/Platform/NotificationCenter.h>
-#include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
+#include <NimbFoundation/Platform/Concurrency/NotificationCenter.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "../tests/HttpTestServer.h"
 #include "BenchSupport.h"

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include <NimbFoundation/Images/VQImageLoadConnection.h>
-#include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "../tests/HttpTestServer.h"
 #include "BenchSupport.h"

@@ -21,9 +21,9 @@
 #include <vector>
 
 #include <NimbFoundation/Images/VQCache.h>
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/PropertyList.h>
-#include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "BenchSupport.h"
 

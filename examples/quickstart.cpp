@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include <NimbFoundation/Images/VQCache.h>
-#include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 int main() {
   auto cache = nimb::VQCache::currentCache();  // entries live 86400 s by default

@@ -8,7 +8,7 @@
 // out by hand with PropertyList the way the platform's archiver writes it
 // (mutable classes, shared class and string objects, NSString and NSData
 // objects), all from a throwaway program linked against the library.
-#include <NimbFoundation/Platform/KeyedArchive.h>
+#include <NimbFoundation/Platform/Storage/KeyedArchive.h>
 
 #include <cmath>
 #include <cstdint>

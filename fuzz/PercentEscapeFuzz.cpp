@@ -2,7 +2,7 @@
 // UTF-8, and escaping it again must decode back to the same text with only
 // unreserved characters left bare. Text that does not decode must hold a
 // malformed escape or escapes that are not UTF-8.
-#include <NimbFoundation/Platform/Text.h>
+#include <NimbFoundation/Platform/Core/Text.h>
 #include <NimbFoundation/Utils/VQUtils.h>
 
 #include <cstdint>

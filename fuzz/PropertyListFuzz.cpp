@@ -2,7 +2,7 @@
 // back in the binary form and read back as the same value; the XML form must
 // agree too, within what it can carry (whole-second dates, no UIDs, reals
 // without the sign of zero).
-#include <NimbFoundation/Platform/PropertyList.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
 
 #include <cmath>
 #include <cstdint>

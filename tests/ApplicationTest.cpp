@@ -1,6 +1,6 @@
 // URL opening: scheme handlers found in a private freedesktop.org registry,
 // and the hand-over to a stand-in xdg-open.
-#include <NimbFoundation/Platform/Application.h>
+#include <NimbFoundation/Platform/Env/Application.h>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include <NimbFoundation/Encode/BaseNKernels.h>
+#include <NimbFoundation/Internal/BaseNKernels.h>
 #include <NimbFoundation/Encode/VQStringEncoding.h>
 
 #include <gtest/gtest.h>

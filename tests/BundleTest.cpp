@@ -1,7 +1,7 @@
 // Bundle resources: the main bundle's resource folder and the bundles found
 // in it, flat or in the desktop layout.
-#include <NimbFoundation/Platform/Bundle.h>
-#include <NimbFoundation/Platform/PropertyList.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
 
 #include <gtest/gtest.h>
 

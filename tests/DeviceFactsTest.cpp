@@ -1,8 +1,8 @@
 // The platform's device facts: UUIDs, locale and bundle defaults.
-#include <NimbFoundation/Platform/Bundle.h>
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/Locale.h>
-#include <NimbFoundation/Platform/UUID.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Env/Locale.h>
+#include <NimbFoundation/Platform/Core/UUID.h>
 
 #include <gtest/gtest.h>
 

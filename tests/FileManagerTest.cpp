@@ -1,4 +1,4 @@
-#include <NimbFoundation/Platform/FileManager.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 // Graphics: cropping in pixels, offscreen contexts, orientation, alpha and compositing.
-#include <NimbFoundation/Platform/Device.h>
-#include <NimbFoundation/Platform/Graphics.h>
+#include <NimbFoundation/Platform/Env/Device.h>
+#include <NimbFoundation/Platform/Graphics/Graphics.h>
 
 #include <gtest/gtest.h>
 

@@ -21,9 +21,9 @@
 #include <string>
 #include <thread>
 
-#include <NimbFoundation/Platform/Image.h>
-#include <NimbFoundation/Platform/RunLoop.h>
-#include <NimbFoundation/Platform/URLConnection.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Net/URLConnection.h>
 
 namespace nimb::test {
 

@@ -1,7 +1,7 @@
 // Image: PNG, JPEG, GIF and WebP decoding and encoding, EXIF orientation, points, refusal of
 // broken pictures, background decoding and the reuse of pixel buffers.
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/Image.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

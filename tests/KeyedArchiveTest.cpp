@@ -1,6 +1,6 @@
 // KeyedArchive: round trips, archives laid out as the platform writes them, corrupt input.
-#include <NimbFoundation/Platform/KeyedArchive.h>
-#include <NimbFoundation/Platform/PropertyList.h>
+#include <NimbFoundation/Platform/Storage/KeyedArchive.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>

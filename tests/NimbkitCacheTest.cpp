@@ -3,7 +3,7 @@
 // the tool exits.
 #include <gtest/gtest.h>
 
-#include <NimbFoundation/Platform/FileManager.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include <NimbFoundation/Platform/Image.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include <NimbFoundation/Platform/NotificationCenter.h>
+#include <NimbFoundation/Platform/Concurrency/NotificationCenter.h>
 
 #include <gtest/gtest.h>
 

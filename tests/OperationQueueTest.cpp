@@ -1,4 +1,4 @@
-#include <NimbFoundation/Platform/OperationQueue.h>
+#include <NimbFoundation/Platform/Concurrency/OperationQueue.h>
 
 #include <gtest/gtest.h>
 

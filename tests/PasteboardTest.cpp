@@ -1,5 +1,5 @@
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/Pasteboard.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Storage/Pasteboard.h>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

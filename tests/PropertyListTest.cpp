@@ -1,6 +1,6 @@
 // PropertyList: XML and binary round trips, dates, refusals, hostile input, files.
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/PropertyList.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
 #include <gtest/gtest.h>
 
 #include <cmath>

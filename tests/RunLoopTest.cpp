@@ -1,4 +1,4 @@
-#include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include <gtest/gtest.h>
 

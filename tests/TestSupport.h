@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include <NimbFoundation/Platform/Image.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
 extern char** environ;
 

@@ -1,4 +1,4 @@
-#include <NimbFoundation/Platform/TextEncoding.h>
+#include <NimbFoundation/Platform/Core/TextEncoding.h>
 
 #include <gtest/gtest.h>
 

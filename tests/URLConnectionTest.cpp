@@ -1,7 +1,7 @@
 // URL and URLConnection against a loopback server: what goes on the wire,
 // what comes back and in which order, how transfers fail, cancel, and share
 // the per-host connection limit.
-#include <NimbFoundation/Platform/URLConnection.h>
+#include <NimbFoundation/Platform/Net/URLConnection.h>
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/PropertyList.h>
-#include <NimbFoundation/Platform/UserDefaults.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
+#include <NimbFoundation/Platform/Storage/UserDefaults.h>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include <NimbFoundation/Platform/Clock.h>
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/PropertyList.h>
-#include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/Env/Clock.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "TestSupport.h"
 

@@ -1,11 +1,11 @@
 #include <NimbFoundation/Utils/VQProtocolData.h>
 
-#include <NimbFoundation/Platform/Bundle.h>
-#include <NimbFoundation/Platform/Clock.h>
-#include <NimbFoundation/Platform/Device.h>
-#include <NimbFoundation/Platform/NetworkInterfaces.h>
-#include <NimbFoundation/Platform/PropertyList.h>
-#include <NimbFoundation/Platform/TimeZone.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/Clock.h>
+#include <NimbFoundation/Platform/Env/Device.h>
+#include <NimbFoundation/Platform/Env/NetworkInterfaces.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
+#include <NimbFoundation/Platform/Env/TimeZone.h>
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include <NimbFoundation/Utils/VQSharedUDID.h>
 
-#include <NimbFoundation/Platform/Pasteboard.h>
-#include <NimbFoundation/Platform/UserDefaults.h>
+#include <NimbFoundation/Platform/Storage/Pasteboard.h>
+#include <NimbFoundation/Platform/Storage/UserDefaults.h>
 
 #include <gtest/gtest.h>
 

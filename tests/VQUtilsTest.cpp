@@ -1,12 +1,12 @@
 #include <NimbFoundation/Utils/VQUtils.h>
 
-#include <NimbFoundation/Platform/Bundle.h>
-#include <NimbFoundation/Platform/Clock.h>
-#include <NimbFoundation/Platform/Device.h>
-#include <NimbFoundation/Platform/Scanner.h>
-#include <NimbFoundation/Platform/TextEncoding.h>
-#include <NimbFoundation/Platform/TimeZone.h>
-#include <NimbFoundation/Platform/View.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/Clock.h>
+#include <NimbFoundation/Platform/Env/Device.h>
+#include <NimbFoundation/Platform/Core/Scanner.h>
+#include <NimbFoundation/Platform/Core/TextEncoding.h>
+#include <NimbFoundation/Platform/Env/TimeZone.h>
+#include <NimbFoundation/Platform/Graphics/View.h>
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>

@@ -1,4 +1,4 @@
-#include <NimbFoundation/Platform/View.h>
+#include <NimbFoundation/Platform/Graphics/View.h>
 
 #include <gtest/gtest.h>
 

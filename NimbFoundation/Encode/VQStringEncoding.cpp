@@ -5,8 +5,8 @@
 #include <map>
 #include <numeric>
 
-#include <NimbFoundation/Encode/BaseNKernels.h>
-#include <NimbFoundation/Platform/Text.h>
+#include <NimbFoundation/Internal/BaseNKernels.h>
+#include <NimbFoundation/Platform/Core/Text.h>
 
 namespace nimb {
 

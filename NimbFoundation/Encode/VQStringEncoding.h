@@ -60,9 +60,10 @@
 #include <string_view>
 #include <vector>
 
-#include <NimbFoundation/Platform/Value.h>
+#include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Core/Value.h>
 
-namespace nimb {
+namespace NIMB_EXPORT nimb {
 
 class BaseNKernels;
 

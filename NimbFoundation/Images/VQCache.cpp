@@ -10,11 +10,11 @@
 #include <set>
 #include <utility>
 
-#include <NimbFoundation/Platform/FileLock.h>
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/PropertyList.h>
-#include <NimbFoundation/Platform/RunLoop.h>
-#include <NimbFoundation/Platform/Text.h>
+#include <NimbFoundation/Platform/Env/FileLock.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Core/Text.h>
 
 namespace nimb {
 

@@ -63,12 +63,13 @@
 #include <string>
 #include <string_view>
 
-#include <NimbFoundation/Platform/Date.h>
-#include <NimbFoundation/Platform/Image.h>
-#include <NimbFoundation/Platform/OperationQueue.h>
-#include <NimbFoundation/Platform/Value.h>
+#include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Concurrency/OperationQueue.h>
+#include <NimbFoundation/Platform/Core/Date.h>
+#include <NimbFoundation/Platform/Core/Value.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
-namespace nimb {
+namespace NIMB_EXPORT nimb {
 
 class VQCache : public std::enable_shared_from_this<VQCache> {
   struct Passkey {};

@@ -33,12 +33,13 @@
 #include <optional>
 #include <span>
 
-#include <NimbFoundation/Platform/Error.h>
-#include <NimbFoundation/Platform/URL.h>
-#include <NimbFoundation/Platform/URLConnection.h>
-#include <NimbFoundation/Platform/Value.h>
+#include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Core/Error.h>
+#include <NimbFoundation/Platform/Core/Value.h>
+#include <NimbFoundation/Platform/Net/URL.h>
+#include <NimbFoundation/Platform/Net/URLConnection.h>
 
-namespace nimb {
+namespace NIMB_EXPORT nimb {
 
 class VQImageLoadConnection;
 

@@ -54,13 +54,14 @@
 #include <string>
 #include <string_view>
 
+#include <NimbFoundation/Export.h>
 #include <NimbFoundation/Images/VQImageLoadConnection.h>
-#include <NimbFoundation/Platform/Image.h>
-#include <NimbFoundation/Platform/NotificationCenter.h>
-#include <NimbFoundation/Platform/RunLoop.h>
-#include <NimbFoundation/Platform/URL.h>
+#include <NimbFoundation/Platform/Concurrency/NotificationCenter.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
+#include <NimbFoundation/Platform/Net/URL.h>
 
-namespace nimb {
+namespace NIMB_EXPORT nimb {
 
 // What an observer answers; each operation is optional (leave it empty),
 // and the loader registers only for the ones that are set.

@@ -1,8 +1,8 @@
 #include <NimbFoundation/Images/VQImageView.h>
 
 #include <NimbFoundation/Images/VQCache.h>
-#include <NimbFoundation/Platform/Graphics.h>
-#include <NimbFoundation/Platform/SystemLog.h>
+#include <NimbFoundation/Platform/Graphics/Graphics.h>
+#include <NimbFoundation/Platform/Env/SystemLog.h>
 #include <NimbFoundation/Utils/VQUtils.h>
 
 namespace nimb {

@@ -31,13 +31,14 @@
 #include <memory>
 #include <optional>
 
+#include <NimbFoundation/Export.h>
 #include <NimbFoundation/Images/VQImageLoader.h>
-#include <NimbFoundation/Platform/Error.h>
-#include <NimbFoundation/Platform/Image.h>
-#include <NimbFoundation/Platform/URL.h>
-#include <NimbFoundation/Platform/View.h>
+#include <NimbFoundation/Platform/Core/Error.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
+#include <NimbFoundation/Platform/Graphics/View.h>
+#include <NimbFoundation/Platform/Net/URL.h>
 
-namespace nimb {
+namespace NIMB_EXPORT nimb {
 
 class VQImageView;
 

@@ -9,15 +9,15 @@
 #include <memory>
 #include <vector>
 
-#include <NimbFoundation/Platform/Bundle.h>
-#include <NimbFoundation/Platform/Clock.h>
-#include <NimbFoundation/Platform/DateFormatter.h>
-#include <NimbFoundation/Platform/Device.h>
-#include <NimbFoundation/Platform/Digest.h>
-#include <NimbFoundation/Platform/Locale.h>
-#include <NimbFoundation/Platform/NetworkInterfaces.h>
-#include <NimbFoundation/Platform/TimeZone.h>
-#include <NimbFoundation/Platform/UUID.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/Clock.h>
+#include <NimbFoundation/Platform/Core/DateFormatter.h>
+#include <NimbFoundation/Platform/Env/Device.h>
+#include <NimbFoundation/Platform/Core/Digest.h>
+#include <NimbFoundation/Platform/Env/Locale.h>
+#include <NimbFoundation/Platform/Env/NetworkInterfaces.h>
+#include <NimbFoundation/Platform/Env/TimeZone.h>
+#include <NimbFoundation/Platform/Core/UUID.h>
 #include <NimbFoundation/Utils/VQSharedUDID.h>
 
 namespace nimb {

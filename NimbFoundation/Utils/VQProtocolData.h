@@ -22,7 +22,9 @@
 #include <string>
 #include <string_view>
 
-namespace nimb {
+#include <NimbFoundation/Export.h>
+
+namespace NIMB_EXPORT nimb {
 
 class VQProtocolData {
  public:

@@ -5,12 +5,12 @@
 #include <mutex>
 #include <optional>
 
-#include <NimbFoundation/Platform/Clock.h>
-#include <NimbFoundation/Platform/DateFormatter.h>
-#include <NimbFoundation/Platform/Digest.h>
-#include <NimbFoundation/Platform/KeyedArchive.h>
-#include <NimbFoundation/Platform/UUID.h>
-#include <NimbFoundation/Platform/UserDefaults.h>
+#include <NimbFoundation/Platform/Env/Clock.h>
+#include <NimbFoundation/Platform/Core/DateFormatter.h>
+#include <NimbFoundation/Platform/Core/Digest.h>
+#include <NimbFoundation/Platform/Storage/KeyedArchive.h>
+#include <NimbFoundation/Platform/Core/UUID.h>
+#include <NimbFoundation/Platform/Storage/UserDefaults.h>
 
 namespace nimb {
 

@@ -32,11 +32,12 @@
 
 #include <string>
 
-#include <NimbFoundation/Platform/Error.h>
-#include <NimbFoundation/Platform/Pasteboard.h>
-#include <NimbFoundation/Platform/Value.h>
+#include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Core/Error.h>
+#include <NimbFoundation/Platform/Core/Value.h>
+#include <NimbFoundation/Platform/Storage/Pasteboard.h>
 
-namespace nimb {
+namespace NIMB_EXPORT nimb {
 
 class VQSharedUDID {
  public:

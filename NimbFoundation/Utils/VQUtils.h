@@ -35,11 +35,12 @@
 #include <string_view>
 #include <vector>
 
-#include <NimbFoundation/Platform/Error.h>
-#include <NimbFoundation/Platform/Image.h>
-#include <NimbFoundation/Platform/Value.h>
+#include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Core/Error.h>
+#include <NimbFoundation/Platform/Core/Value.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
-namespace nimb {
+namespace NIMB_EXPORT nimb {
 
 class View;
 

@@ -10,7 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include <NimbFoundation/Platform/Value.h>
+#include <NimbFoundation/Platform/Core/Value.h>
 
 namespace nimbkit {
 

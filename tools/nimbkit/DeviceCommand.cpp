@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include <NimbFoundation/Platform/Bundle.h>
-#include <NimbFoundation/Platform/UserDefaults.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Storage/UserDefaults.h>
 #include <NimbFoundation/Utils/VQProtocolData.h>
 #include <NimbFoundation/Utils/VQSharedUDID.h>
 

@@ -15,9 +15,9 @@
 #include <thread>
 #include <vector>
 
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/Graphics.h>
-#include <NimbFoundation/Platform/Image.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Graphics/Graphics.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
 #include "Command.h"
 #include "ImageFetch.h"

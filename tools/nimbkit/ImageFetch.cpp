@@ -9,9 +9,9 @@
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Images/VQImageLoader.h>
 #include <NimbFoundation/Images/VQImageView.h>
-#include <NimbFoundation/Platform/FileManager.h>
-#include <NimbFoundation/Platform/Graphics.h>
-#include <NimbFoundation/Platform/RunLoop.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Graphics/Graphics.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 namespace nimbkit {
 

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include <NimbFoundation/Platform/Geometry.h>
-#include <NimbFoundation/Platform/Image.h>
-#include <NimbFoundation/Platform/URL.h>
+#include <NimbFoundation/Platform/Core/Geometry.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
+#include <NimbFoundation/Platform/Net/URL.h>
 
 namespace nimbkit {
 

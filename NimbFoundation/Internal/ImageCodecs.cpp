@@ -1,0 +1,673 @@
+#include <NimbFoundation/Internal/ImageCodecs.h>
+
+#include <gif_lib.h>
+#include <png.h>
+#include <turbojpeg.h>
+#include <webp/decode.h>
+#include <webp/demux.h>
+#include <webp/encode.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace nimb::detail {
+
+namespace {
+
+bool hasPngSignature(std::span<const std::uint8_t> b) {
+  static constexpr std::uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+  return b.size() >= 8 && std::memcmp(b.data(), kSignature, 8) == 0;
+}
+
+bool hasJpegSignature(std::span<const std::uint8_t> b) {
+  return b.size() >= 3 && b[0] == 0xFF && b[1] == 0xD8 && b[2] == 0xFF;
+}
+
+bool hasGifSignature(std::span<const std::uint8_t> b) {
+  return b.size() >= 6 &&
+         (std::memcmp(b.data(), "GIF87a", 6) == 0 || std::memcmp(b.data(), "GIF89a", 6) == 0);
+}
+
+bool hasWebPSignature(std::span<const std::uint8_t> b) {
+  return b.size() >= 12 && std::memcmp(b.data(), "RIFF", 4) == 0 &&
+         std::memcmp(b.data() + 8, "WEBP", 4) == 0;
+}
+
+// Whether an encoder may read width * height * 4 bytes from the bitmap.
+// Image's constructor is public, so a bitmap can reach here unchecked.
+bool consistent(const Bitmap& bm) {
+  if (bm.width <= 0 || bm.height <= 0) return false;
+  const auto width = static_cast<std::uint64_t>(bm.width);
+  const auto height = static_cast<std::uint64_t>(bm.height);
+  return acceptableImageSize(width, height) && bm.rgba.size() == width * height * 4;
+}
+
+std::size_t byteCount(const ImageHeader& h) {
+  return static_cast<std::size_t>(h.width) * static_cast<std::size_t>(h.height) * 4;
+}
+
+// ---- PNG -------------------------------------------------------------------
+
+// The most deflate can expand: one 258-byte match per two bits of output.
+constexpr std::uint64_t kDeflateMaxRatio = 1032;
+
+// Frees libpng's state on every path out, including early refusals.
+struct PngImage {
+  png_image image{};
+  PngImage() { image.version = PNG_IMAGE_VERSION; }
+  ~PngImage() { png_image_free(&image); }
+  PngImage(const PngImage&) = delete;
+  PngImage& operator=(const PngImage&) = delete;
+};
+
+// The simplified API keeps libpng's setjmp/longjmp error handling inside
+// libpng, so no C++ frame is ever jumped over.
+std::optional<ImageHeader> readPngHeader(std::span<const std::uint8_t> bytes) {
+  PngImage png;
+  if (!png_image_begin_read_from_memory(&png.image, bytes.data(), bytes.size())) return {};
+  const std::uint64_t width = png.image.width;
+  const std::uint64_t height = png.image.height;
+  if (!acceptableImageSize(width, height)) return {};
+  // Every pixel takes at least one bit before compression, so a file this
+  // small cannot hold the picture its header claims.
+  if (width * height / 8 > bytes.size() * kDeflateMaxRatio) return {};
+  return ImageHeader{ImageFormat::Png, static_cast<int>(width), static_cast<int>(height)};
+}
+
+bool decodePng(std::span<const std::uint8_t> bytes, const ImageHeader& header, std::uint8_t* out) {
+  PngImage png;
+  if (!png_image_begin_read_from_memory(&png.image, bytes.data(), bytes.size())) return false;
+  if (png.image.width != static_cast<png_uint_32>(header.width) ||
+      png.image.height != static_cast<png_uint_32>(header.height)) {
+    return false;
+  }
+  // Untagged 16-bit files are taken as sRGB like 8-bit ones (libpng would
+  // otherwise assume linear and brighten them); tagged files still convert.
+  png.image.flags |= PNG_IMAGE_FLAG_16BIT_sRGB;
+  png.image.format = PNG_FORMAT_RGBA;
+  // Warnings (a bad ancillary chunk, a dubious colour profile) leave the
+  // pixels whole and are accepted; missing or corrupt image data is an error.
+  return png_image_finish_read(&png.image, nullptr, out, header.width * 4, nullptr) != 0;
+}
+
+// ---- JPEG ------------------------------------------------------------------
+
+std::uint16_t read16(const std::uint8_t* p, bool littleEndian) {
+  return littleEndian ? static_cast<std::uint16_t>(p[0] | p[1] << 8)
+                      : static_cast<std::uint16_t>(p[0] << 8 | p[1]);
+}
+
+std::uint32_t read32(const std::uint8_t* p, bool littleEndian) {
+  std::uint32_t a = p[0], b = p[1], c = p[2], d = p[3];
+  return littleEndian ? (d << 24 | c << 16 | b << 8 | a) : (a << 24 | b << 16 | c << 8 | d);
+}
+
+ImageOrientation orientationFromExifValue(std::uint32_t value) {
+  // EXIF numbers orientations 1 to 8; anything else is taken as upright.
+  static constexpr ImageOrientation kFromExif[] = {
+      ImageOrientation::Up,           ImageOrientation::Up,
+      ImageOrientation::UpMirrored,   ImageOrientation::Down,
+      ImageOrientation::DownMirrored, ImageOrientation::LeftMirrored,
+      ImageOrientation::Right,        ImageOrientation::RightMirrored,
+      ImageOrientation::Left};
+  return value < std::size(kFromExif) ? kFromExif[value] : ImageOrientation::Up;
+}
+
+// Reads the Orientation tag (0x0112) from IFD0 of the TIFF structure inside
+// an Exif segment. Anything malformed means "no orientation", never a refusal:
+// the picture itself is still good.
+ImageOrientation exifOrientation(std::span<const std::uint8_t> tiff) {
+  if (tiff.size() < 8) return ImageOrientation::Up;
+  const std::uint8_t* t = tiff.data();
+  bool little;
+  if (t[0] == 'I' && t[1] == 'I') {
+    little = true;
+  } else if (t[0] == 'M' && t[1] == 'M') {
+    little = false;
+  } else {
+    return ImageOrientation::Up;
+  }
+  if (read16(t + 2, little) != 42) return ImageOrientation::Up;
+  const std::size_t ifd = read32(t + 4, little);
+  if (ifd > tiff.size() || tiff.size() - ifd < 2) return ImageOrientation::Up;
+  const std::size_t count = read16(t + ifd, little);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t entry = ifd + 2 + i * 12;
+    if (entry > tiff.size() || tiff.size() - entry < 12) break;
+    const std::uint8_t* e = t + entry;
+    if (read16(e, little) != 0x0112) continue;
+    const std::uint16_t type = read16(e + 2, little);
+    if (read32(e + 4, little) < 1) return ImageOrientation::Up;
+    if (type == 3) return orientationFromExifValue(read16(e + 8, little));  // SHORT
+    if (type == 4) return orientationFromExifValue(read32(e + 8, little));  // LONG
+    return ImageOrientation::Up;
+  }
+  return ImageOrientation::Up;
+}
+
+// What the marker segments ahead of the first scan tell us.
+struct JpegMarkers {
+  ImageOrientation orientation = ImageOrientation::Up;
+  int frameMarker = 0;  // the SOFn marker code, 0 when none was found
+};
+
+bool isFrameMarker(int m) {
+  return m >= 0xC0 && m <= 0xCF && m != 0xC4 && m != 0xC8 && m != 0xCC;
+}
+
+JpegMarkers scanJpegMarkers(std::span<const std::uint8_t> b) {
+  JpegMarkers out;
+  bool sawExif = false;
+  std::size_t pos = 2;  // past SOI
+  while (pos + 2 <= b.size()) {
+    if (b[pos] != 0xFF) break;  // not a marker; the decoder will judge it
+    const int marker = b[pos + 1];
+    if (marker == 0xFF) {  // fill byte
+      ++pos;
+      continue;
+    }
+    pos += 2;
+    if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) continue;  // no length
+    if (marker == 0xD9 || marker == 0xDA) break;                         // EOI or the first scan
+    if (b.size() - pos < 2) break;
+    const std::size_t length = read16(&b[pos], false);
+    if (length < 2 || length > b.size() - pos) break;
+    auto payload = b.subspan(pos + 2, length - 2);
+    if (marker == 0xE1 && !sawExif && payload.size() >= 6 &&
+        std::memcmp(payload.data(), "Exif\0\0", 6) == 0) {
+      sawExif = true;
+      out.orientation = exifOrientation(payload.subspan(6));
+    }
+    if (isFrameMarker(marker) && out.frameMarker == 0) out.frameMarker = marker;
+    pos += length;
+  }
+  return out;
+}
+
+struct TurboJpeg {
+  tjhandle handle;
+  explicit TurboJpeg(bool compress) : handle(compress ? tjInitCompress() : tjInitDecompress()) {}
+  ~TurboJpeg() {
+    if (handle) tjDestroy(handle);
+  }
+  TurboJpeg(const TurboJpeg&) = delete;
+  TurboJpeg& operator=(const TurboJpeg&) = delete;
+};
+
+std::optional<ImageHeader> readJpegHeader(std::span<const std::uint8_t> bytes) {
+  TurboJpeg tj(false);
+  if (!tj.handle) return {};
+  int w = 0, h = 0, subsampling = 0, colorspace = 0;
+  if (tjDecompressHeader3(tj.handle, bytes.data(), bytes.size(), &w, &h, &subsampling,
+                          &colorspace) != 0) {
+    return {};
+  }
+  if (w <= 0 || h <= 0) return {};  // also a tables-only stream, which names no size
+  const auto width = static_cast<std::uint64_t>(w);
+  const auto height = static_cast<std::uint64_t>(h);
+  if (!acceptableImageSize(width, height)) return {};
+
+  JpegMarkers markers = scanJpegMarkers(bytes);
+  // Huffman-coded scans spend at least one bit on every 8x8 block of some
+  // component, and no component is subsampled below a quarter per axis, so a
+  // real picture has at least a bit per 32x32 pixels. That holds for SOF0-2,
+  // the Huffman frames libjpeg-turbo decodes (and a frame we could not find is
+  // held to it too); arithmetic-coded frames can do better and are exempt.
+  const bool huffman = markers.frameMarker == 0 || markers.frameMarker <= 0xC2;
+  if (huffman && width * height / (32 * 32 * 8) > bytes.size()) return {};
+  return ImageHeader{ImageFormat::Jpeg, w, h, markers.orientation};
+}
+
+// Warnings are not failures: a cut-off download decodes with a grey bottom,
+// which is what the platform shows for it too. TJFLAG_LIMITSCANS still stops
+// progressive files built to spend minutes on thousands of scans.
+constexpr int kJpegFlags = TJFLAG_ACCURATEDCT | TJFLAG_LIMITSCANS;
+
+bool decodeJpeg(std::span<const std::uint8_t> bytes, const ImageHeader& header, std::uint8_t* out) {
+  TurboJpeg tj(false);
+  if (!tj.handle) return false;
+  int w = 0, h = 0, subsampling = 0, colorspace = 0;
+  if (tjDecompressHeader3(tj.handle, bytes.data(), bytes.size(), &w, &h, &subsampling,
+                          &colorspace) != 0 ||
+      w != header.width || h != header.height) {
+    return false;
+  }
+  const bool cmyk = colorspace == TJCS_CMYK || colorspace == TJCS_YCCK;
+  // libjpeg-turbo reports a fatal error that follows a warning as a mere
+  // warning, with rows left unwritten; cleared first, such rows come out
+  // transparent instead of showing the picture that used the buffer before.
+  const std::size_t n = byteCount(header);
+  std::memset(out, 0, n);
+  if (tjDecompress2(tj.handle, bytes.data(), bytes.size(), out, w, 0, h,
+                    cmyk ? TJPF_CMYK : TJPF_RGBA, kJpegFlags) != 0 &&
+      tjGetErrorCode(tj.handle) != TJERR_WARNING) {
+    return false;
+  }
+  if (cmyk) {
+    // CMYK files come from Adobe software, which stores the inks inverted
+    // (255 = no ink); without a colour profile the plain product is the best
+    // rendering we can give.
+    for (std::size_t i = 0; i < n; i += 4) {
+      const unsigned k = out[i + 3];
+      for (std::size_t c = 0; c < 3; ++c) {
+        out[i + c] = static_cast<std::uint8_t>((out[i + c] * k + 127) / 255);
+      }
+      out[i + 3] = 0xFF;
+    }
+  }
+  return true;
+}
+
+// ---- GIF -------------------------------------------------------------------
+
+// giflib pulls its input through a callback; this one serves a byte span.
+struct GifSource {
+  std::span<const std::uint8_t> bytes;
+  std::size_t position = 0;
+};
+
+int readGifBytes(GifFileType* gif, GifByteType* buffer, int wanted) {
+  auto* source = static_cast<GifSource*>(gif->UserData);
+  const std::size_t left = source->bytes.size() - source->position;
+  const std::size_t n = std::min(left, static_cast<std::size_t>(std::max(wanted, 0)));
+  std::memcpy(buffer, source->bytes.data() + source->position, n);
+  source->position += n;
+  return static_cast<int>(n);
+}
+
+struct GifCloser {
+  void operator()(GifFileType* gif) const {
+    int error = 0;
+    DGifCloseFile(gif, &error);
+  }
+};
+
+std::optional<ImageHeader> readGifHeader(std::span<const std::uint8_t> bytes) {
+  // The logical screen descriptor follows the signature: the canvas every
+  // frame is drawn on, and the size the picture has.
+  if (bytes.size() < 13) return {};
+  const int width = bytes[6] | bytes[7] << 8;
+  const int height = bytes[8] | bytes[9] << 8;
+  if (!acceptableImageSize(width, height)) return {};
+  return ImageHeader{ImageFormat::Gif, width, height};
+}
+
+// Draws the first frame on a transparent canvas the size of the logical
+// screen, at the frame's offset; what falls outside the canvas is dropped.
+bool decodeGif(std::span<const std::uint8_t> bytes, const ImageHeader& header, std::uint8_t* out) {
+  GifSource source{bytes};
+  int error = 0;
+  std::unique_ptr<GifFileType, GifCloser> gif(DGifOpen(&source, readGifBytes, &error));
+  if (!gif || gif->SWidth != header.width || gif->SHeight != header.height) return false;
+  std::memset(out, 0, byteCount(header));
+
+  int transparent = NO_TRANSPARENT_COLOR;
+  for (;;) {
+    GifRecordType type = UNDEFINED_RECORD_TYPE;
+    if (DGifGetRecordType(gif.get(), &type) == GIF_ERROR) return false;
+    if (type == TERMINATE_RECORD_TYPE) return false;  // no frame at all
+    if (type == EXTENSION_RECORD_TYPE) {
+      int code = 0;
+      GifByteType* block = nullptr;
+      if (DGifGetExtension(gif.get(), &code, &block) == GIF_ERROR) return false;
+      // The graphics control block ahead of a frame names its transparent
+      // index; a later one (for a later frame) never gets read.
+      GraphicsControlBlock control;
+      if (code == GRAPHICS_EXT_FUNC_CODE && block && block[0] == 4 &&
+          DGifExtensionToGCB(block[0], block + 1, &control) == GIF_OK) {
+        transparent = control.TransparentColor;
+      }
+      while (block) {
+        if (DGifGetExtensionNext(gif.get(), &block) == GIF_ERROR) return false;
+      }
+      continue;
+    }
+    if (type == IMAGE_DESC_RECORD_TYPE) break;
+  }
+  if (DGifGetImageDesc(gif.get()) == GIF_ERROR) return false;
+
+  const GifImageDesc& frame = gif->Image;
+  const ColorMapObject* map = frame.ColorMap ? frame.ColorMap : gif->SColorMap;
+  if (!map || !map->Colors) return false;
+  if (frame.Width <= 0 || frame.Height <= 0) return true;  // an empty frame draws nothing
+
+  std::vector<GifPixelType> line(static_cast<std::size_t>(frame.Width));
+  auto drawRow = [&](int y) {
+    const long canvasY = static_cast<long>(frame.Top) + y;
+    if (canvasY >= header.height) return;
+    std::uint8_t* row = out + static_cast<std::size_t>(canvasY) * header.width * 4;
+    const int visible = std::min(frame.Width, header.width - std::min(frame.Left, header.width));
+    for (int x = 0; x < visible; ++x) {
+      const int index = line[x];
+      // Indices past the palette are left transparent, like the transparent one.
+      if (index == transparent || index >= map->ColorCount) continue;
+      std::uint8_t* p = row + (static_cast<std::size_t>(frame.Left) + x) * 4;
+      p[0] = map->Colors[index].Red;
+      p[1] = map->Colors[index].Green;
+      p[2] = map->Colors[index].Blue;
+      p[3] = 0xFF;
+    }
+  };
+  if (frame.Interlace) {
+    // Four passes: every 8th row from 0, every 8th from 4, every 4th from 2,
+    // every 2nd from 1.
+    static constexpr int kStart[] = {0, 4, 2, 1}, kStep[] = {8, 8, 4, 2};
+    for (int pass = 0; pass < 4; ++pass) {
+      for (int y = kStart[pass]; y < frame.Height; y += kStep[pass]) {
+        if (DGifGetLine(gif.get(), line.data(), frame.Width) == GIF_ERROR) return false;
+        drawRow(y);
+      }
+    }
+  } else {
+    // Rows run top to bottom, so reading can stop at the canvas's bottom edge.
+    const int rows = std::min(frame.Height, std::max(header.height - frame.Top, 0));
+    for (int y = 0; y < rows; ++y) {
+      if (DGifGetLine(gif.get(), line.data(), frame.Width) == GIF_ERROR) return false;
+      drawRow(y);
+    }
+  }
+  return true;
+}
+
+// ---- WebP ------------------------------------------------------------------
+
+std::optional<ImageHeader> readWebPHeader(std::span<const std::uint8_t> bytes) {
+  WebPBitstreamFeatures features;
+  if (WebPGetFeatures(bytes.data(), bytes.size(), &features) != VP8_STATUS_OK) return {};
+  // For an animation these are the canvas's dimensions.
+  if (features.width <= 0 || features.height <= 0 ||
+      !acceptableImageSize(features.width, features.height)) {
+    return {};
+  }
+  return ImageHeader{ImageFormat::WebP, features.width, features.height};
+}
+
+struct DemuxDeleter {
+  void operator()(WebPDemuxer* demux) const { WebPDemuxDelete(demux); }
+};
+
+bool decodeWebP(std::span<const std::uint8_t> bytes, const ImageHeader& header, std::uint8_t* out) {
+  WebPBitstreamFeatures features;
+  if (WebPGetFeatures(bytes.data(), bytes.size(), &features) != VP8_STATUS_OK ||
+      features.width != header.width || features.height != header.height) {
+    return false;
+  }
+  const int stride = header.width * 4;
+  const std::size_t size = byteCount(header);
+  if (!features.has_animation) {
+    return WebPDecodeRGBAInto(bytes.data(), bytes.size(), out, size, stride) != nullptr;
+  }
+  // An animation: its first frame, drawn at its offset on a transparent
+  // canvas. Blending with what lies below changes nothing on an empty canvas.
+  WebPData data{bytes.data(), bytes.size()};
+  std::unique_ptr<WebPDemuxer, DemuxDeleter> demux(WebPDemux(&data));
+  if (!demux) return false;
+  WebPIterator frame;
+  if (!WebPDemuxGetFrame(demux.get(), 1, &frame)) return false;
+  // The bounds come from the frame's own bitstream, which is what gets
+  // written, not from the frame header in front of it.
+  int width = 0, height = 0;
+  bool ok = WebPGetInfo(frame.fragment.bytes, frame.fragment.size, &width, &height) &&
+            frame.x_offset >= 0 && frame.y_offset >= 0 && width > 0 && height > 0 &&
+            frame.x_offset <= header.width - width && frame.y_offset <= header.height - height;
+  if (ok) {
+    std::memset(out, 0, size);
+    const std::size_t at = (static_cast<std::size_t>(frame.y_offset) * header.width +
+                            static_cast<std::size_t>(frame.x_offset)) *
+                           4;
+    ok = WebPDecodeRGBAInto(frame.fragment.bytes, frame.fragment.size, out + at, size - at,
+                            stride) != nullptr;
+  }
+  WebPDemuxReleaseIterator(&frame);
+  return ok;
+}
+
+// ---- Encoders --------------------------------------------------------------
+
+// giflib pushes its output through a callback; this one appends to a Data.
+// An exception must not cross giflib's C frames, so running out of memory
+// becomes a short write, which giflib reports as an error.
+int writeGifBytes(GifFileType* gif, const GifByteType* bytes, int n) {
+  try {
+    auto* out = static_cast<Data*>(gif->UserData);
+    out->insert(out->end(), bytes, bytes + n);
+    return n;
+  } catch (...) {
+    return 0;
+  }
+}
+
+struct GifWriterCloser {
+  void operator()(GifFileType* gif) const {
+    int error = 0;
+    EGifCloseFile(gif, &error);
+  }
+};
+
+// The GIF palette: a 6x7x6 colour cube (the eye tells greens apart best),
+// then one transparent entry for pixels under half opacity.
+constexpr int kGreenLevels = 7, kRedBlueLevels = 6;
+constexpr int kTransparentIndex = kRedBlueLevels * kGreenLevels * kRedBlueLevels;  // 252
+
+int quantise(int value, int levels) {
+  return (value * (levels - 1) + 127) / 255;
+}
+
+int level(int index, int levels) {
+  return (index * 255 + (levels - 1) / 2) / (levels - 1);
+}
+
+}  // namespace
+
+bool acceptableImageSize(std::uint64_t width, std::uint64_t height) {
+  if (width == 0 || height == 0) return false;
+  if (width > Image::kMaxPixels || height > Image::kMaxPixels) return false;
+  if (width * height > Image::kMaxPixels) return false;
+  return width * 4 <= static_cast<std::uint64_t>(INT_MAX);
+}
+
+std::optional<ImageHeader> readImageHeader(std::span<const std::uint8_t> bytes) {
+  if (hasPngSignature(bytes)) return readPngHeader(bytes);
+  if (hasJpegSignature(bytes)) return readJpegHeader(bytes);
+  if (hasGifSignature(bytes)) return readGifHeader(bytes);
+  if (hasWebPSignature(bytes)) return readWebPHeader(bytes);
+  return std::nullopt;
+}
+
+bool decodeImage(std::span<const std::uint8_t> bytes, const ImageHeader& header,
+                 std::uint8_t* rgba) noexcept {
+  try {
+    switch (header.format) {
+      case ImageFormat::Png:
+        return decodePng(bytes, header, rgba);
+      case ImageFormat::Jpeg:
+        return decodeJpeg(bytes, header, rgba);
+      case ImageFormat::Gif:
+        return decodeGif(bytes, header, rgba);
+      case ImageFormat::WebP:
+        return decodeWebP(bytes, header, rgba);
+    }
+  } catch (...) {
+    // Only a line buffer is allocated along the way; without one, the
+    // picture is as good as corrupt.
+  }
+  return false;
+}
+
+std::optional<Data> encodePng(const Bitmap& bitmap) noexcept {
+  if (!consistent(bitmap)) return std::nullopt;
+  try {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = static_cast<png_uint_32>(bitmap.width);
+    image.height = static_cast<png_uint_32>(bitmap.height);
+    image.format = PNG_FORMAT_RGBA;
+    // One compression pass into a worst-case buffer; left uninitialised so
+    // the pages libpng never writes are never touched.
+    png_alloc_size_t capacity = PNG_IMAGE_PNG_SIZE_MAX(image);
+    auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
+    png_alloc_size_t written = capacity;
+    if (!png_image_write_to_memory(&image, buffer.get(), &written, 0, bitmap.rgba.data(), 0,
+                                   nullptr) ||
+        written > capacity) {
+      png_image_free(&image);
+      return std::nullopt;
+    }
+    return Data(buffer.get(), buffer.get() + written);
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+std::optional<Data> encodeJpeg(const Bitmap& bitmap, int quality) noexcept {
+  if (!consistent(bitmap)) return std::nullopt;
+  try {
+    TurboJpeg tj(true);
+    if (!tj.handle) return std::nullopt;
+    quality = std::clamp(quality, 1, 100);
+    // JPEG has no alpha. Colours are weighted by it (transparent comes out
+    // black), so colours hidden under transparent pixels never show.
+    const std::uint8_t* pixels = bitmap.rgba.data();
+    Data flattened;
+    for (std::size_t i = 3; i < bitmap.rgba.size(); i += 4) {
+      if (bitmap.rgba[i] == 0xFF) continue;
+      flattened = bitmap.rgba;
+      for (std::size_t j = 0; j < flattened.size(); j += 4) {
+        const unsigned a = flattened[j + 3];
+        for (std::size_t c = 0; c < 3; ++c) {
+          flattened[j + c] = static_cast<std::uint8_t>((flattened[j + c] * a + 127) / 255);
+        }
+      }
+      pixels = flattened.data();
+      break;
+    }
+    // Full colour resolution at high quality, where halved chroma would be
+    // the largest loss left; the usual 4:2:0 below that.
+    const int subsampling = quality >= 90 ? TJSAMP_444 : TJSAMP_420;
+    unsigned char* jpeg = nullptr;
+    unsigned long size = 0;
+    if (tjCompress2(tj.handle, pixels, bitmap.width, 0, bitmap.height, TJPF_RGBX, &jpeg, &size,
+                    subsampling, quality, TJFLAG_ACCURATEDCT) != 0) {
+      tjFree(jpeg);
+      return std::nullopt;
+    }
+    std::unique_ptr<unsigned char, decltype(&tjFree)> owned(jpeg, tjFree);
+    return Data(jpeg, jpeg + size);
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+std::optional<Data> encodeGif(const Bitmap& bitmap) noexcept {
+  if (!consistent(bitmap) || bitmap.width > 0xFFFF || bitmap.height > 0xFFFF) return std::nullopt;
+  try {
+    GifColorType colours[256] = {};
+    for (int r = 0; r < kRedBlueLevels; ++r) {
+      for (int g = 0; g < kGreenLevels; ++g) {
+        for (int b = 0; b < kRedBlueLevels; ++b) {
+          GifColorType& c = colours[(r * kGreenLevels + g) * kRedBlueLevels + b];
+          c.Red = static_cast<GifByteType>(level(r, kRedBlueLevels));
+          c.Green = static_cast<GifByteType>(level(g, kGreenLevels));
+          c.Blue = static_cast<GifByteType>(level(b, kRedBlueLevels));
+        }
+      }
+    }
+    const std::size_t pixelCount = bitmap.rgba.size() / 4;
+    std::vector<GifPixelType> indices(pixelCount);
+    bool anyTransparent = false;
+    for (std::size_t i = 0; i < pixelCount; ++i) {
+      const std::uint8_t* p = &bitmap.rgba[i * 4];
+      if (p[3] < 128) {
+        indices[i] = kTransparentIndex;
+        anyTransparent = true;
+        continue;
+      }
+      indices[i] = static_cast<GifPixelType>(
+          (quantise(p[0], kRedBlueLevels) * kGreenLevels + quantise(p[1], kGreenLevels)) *
+              kRedBlueLevels +
+          quantise(p[2], kRedBlueLevels));
+    }
+
+    Data out;
+    int error = 0;
+    std::unique_ptr<GifFileType, GifWriterCloser> gif(EGifOpen(&out, writeGifBytes, &error));
+    if (!gif) return std::nullopt;
+    std::unique_ptr<ColorMapObject, decltype(&GifFreeMapObject)> map(GifMakeMapObject(256, colours),
+                                                                     GifFreeMapObject);
+    if (!map) return std::nullopt;
+    EGifSetGifVersion(gif.get(), true);  // GIF89a, for the transparent index
+    if (EGifPutScreenDesc(gif.get(), bitmap.width, bitmap.height, 8, 0, map.get()) == GIF_ERROR) {
+      return std::nullopt;
+    }
+    if (anyTransparent) {
+      GraphicsControlBlock control{};  // no disposal, no delay, no input wait
+      control.TransparentColor = kTransparentIndex;
+      GifByteType block[4];
+      const auto length = EGifGCBToExtension(&control, block);
+      if (EGifPutExtension(gif.get(), GRAPHICS_EXT_FUNC_CODE, static_cast<int>(length), block) ==
+          GIF_ERROR) {
+        return std::nullopt;
+      }
+    }
+    if (EGifPutImageDesc(gif.get(), 0, 0, bitmap.width, bitmap.height, false, nullptr) ==
+        GIF_ERROR) {
+      return std::nullopt;
+    }
+    for (int y = 0; y < bitmap.height; ++y) {
+      if (EGifPutLine(gif.get(), &indices[static_cast<std::size_t>(y) * bitmap.width],
+                      bitmap.width) == GIF_ERROR) {
+        return std::nullopt;
+      }
+    }
+    // Closing writes the trailer; giflib frees the handle whatever happens.
+    if (EGifCloseFile(gif.release(), &error) == GIF_ERROR) return std::nullopt;
+    return out;
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+std::optional<Data> encodeWebP(const Bitmap& bitmap, float quality) noexcept {
+  if (!consistent(bitmap) || bitmap.width > WEBP_MAX_DIMENSION ||
+      bitmap.height > WEBP_MAX_DIMENSION) {
+    return std::nullopt;
+  }
+  WebPConfig config;
+  if (!WebPConfigInit(&config)) return std::nullopt;
+  const bool lossless = quality >= 100;
+  if (lossless) {
+    // Lossless keeps every byte, the colours under transparent pixels too,
+    // as PNG does; libwebp would otherwise rewrite those to compress better.
+    config.lossless = 1;
+    config.exact = 1;
+  } else {
+    config.quality = std::isnan(quality) ? config.quality : std::clamp(quality, 0.0f, 100.0f);
+  }
+  WebPPicture picture;
+  if (!WebPPictureInit(&picture)) return std::nullopt;
+  picture.use_argb = lossless ? 1 : 0;
+  picture.width = bitmap.width;
+  picture.height = bitmap.height;
+  WebPMemoryWriter writer;
+  WebPMemoryWriterInit(&writer);
+  picture.writer = WebPMemoryWrite;
+  picture.custom_ptr = &writer;
+  bool ok = WebPPictureImportRGBA(&picture, bitmap.rgba.data(), bitmap.width * 4) &&
+            WebPEncode(&config, &picture);
+  WebPPictureFree(&picture);
+  std::optional<Data> out;
+  if (ok) {
+    try {
+      out.emplace(writer.mem, writer.mem + writer.size);
+    } catch (...) {
+    }
+  }
+  WebPMemoryWriterClear(&writer);
+  return out;
+}
+
+}  // namespace nimb::detail

@@ -1,0 +1,119 @@
+// RunLoop: a per-thread queue of work, the kit's counterpart of the
+// platform's run loops and delayed performs.
+//
+// Every thread can have one (RunLoop::current() makes it on first use); the
+// main loop belongs to the process's initial thread, which is "the main
+// thread" throughout the kit. Work reaches a loop three ways:
+//   - perform(task): run on the loop's next turn;
+//   - performAfterDelay(seconds, target, action, task): run once the delay
+//     has passed, unless withdrawn first by cancelPerforms(target, action);
+//   - RunLoop::performOnMainThread(task, wait): hop to the main loop, and
+//     with `wait` block until the task has run (at once when already on the
+//     main thread).
+// Nothing runs until the owning thread turns the loop: run(), runUntil(),
+// runFor(), runOnce() or runUntilIdle(). A host program with an event loop
+// of its own can call runOnce(0) from it.
+//
+// Thread rule: perform, performAfterDelay, cancelPerforms, stop and
+// hasPendingWork may be called from any thread; the run functions only from
+// the loop's own thread. A task never runs while the loop's lock is held, so
+// tasks may schedule or cancel freely. A task that throws is reported on
+// standard error and dropped.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include <NimbFoundation/Export.h>
+
+namespace NIMB_EXPORT nimb {
+
+class RunLoop {
+ public:
+  using Task = std::function<void()>;
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  // The calling thread's loop, made on first use. On the main thread this is main().
+  static RunLoop& current();
+  // The same loop as a shared handle, for code that must post back to this
+  // thread later (a loop whose thread has ended drops what it is sent).
+  static std::shared_ptr<RunLoop> currentShared();
+  // The main thread's loop.
+  static RunLoop& main();
+  // Whether the caller runs on the main thread (the process's initial thread).
+  static bool isMainThread();
+
+  // Runs `task` on the main thread. With `waitUntilDone`, blocks until it has
+  // run; from the main thread itself that means running it right now.
+  static void performOnMainThread(Task task, bool waitUntilDone);
+
+  void perform(Task task);
+  // Schedules `task` after `seconds` (negative counts as 0). `target` and
+  // `action` name the request for cancelPerforms; a null target makes it
+  // anonymous (never cancelled).
+  void performAfterDelay(double seconds, const void* target, std::string action, Task task);
+  // Withdraws every pending delayed request with this target and action.
+  void cancelPerforms(const void* target, std::string_view action);
+  // Withdraws every pending delayed request with this target.
+  void cancelPerforms(const void* target);
+
+  // One turn: runs the tasks already queued and the delayed requests that
+  // are due; when there are none, waits up to `maxWaitSeconds` for some (a
+  // pending stop() ends the wait early). Returns whether anything ran.
+  bool runOnce(double maxWaitSeconds = 0);
+  // Turns the loop until `deadline` (or stop()).
+  void runUntil(TimePoint deadline);
+  void runFor(double seconds);
+  // Turns the loop until nothing is queued or scheduled, waiting for delayed
+  // requests to fall due; gives up after `maxSeconds` or at stop(). True
+  // when idle.
+  bool runUntilIdle(double maxSeconds = 3600);
+  // Turns the loop until stop() is called.
+  void run();
+  // Makes the current or next run(), runUntil() or runUntilIdle() return
+  // after its turn.
+  void stop();
+
+  // Whether tasks are queued or delayed requests scheduled.
+  bool hasPendingWork() const;
+  std::size_t scheduledCount() const;
+
+  ~RunLoop();
+  RunLoop(const RunLoop&) = delete;
+  RunLoop& operator=(const RunLoop&) = delete;
+
+ private:
+  RunLoop() = default;
+  struct Timer {
+    const void* target;
+    std::string action;
+    Task task;
+  };
+  using TimerKey = std::pair<TimePoint, std::uint64_t>;
+
+  static std::shared_ptr<RunLoop>& mainHandle();
+  // Moves due work out under the lock; runs nothing.
+  bool collect(std::deque<Task>& out, TimePoint now);
+  static void runTask(Task& task);
+  void closeForThreadExit();
+  friend struct RunLoopThreadHolder;
+
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Task> queue_;
+  std::map<TimerKey, Timer> timers_;
+  std::multimap<std::pair<const void*, std::string>, TimerKey> byTarget_;
+  std::uint64_t nextSequence_ = 0;
+  bool stopRequested_ = false;
+  bool closed_ = false;
+};
+
+}  // namespace nimb

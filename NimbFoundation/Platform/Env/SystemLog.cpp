@@ -1,0 +1,51 @@
+#include <NimbFoundation/Platform/Env/SystemLog.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include <NimbFoundation/Platform/Core/Date.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Core/Text.h>
+
+namespace nimb {
+
+void SystemLog::log(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  logv(format, arguments);
+  va_end(arguments);
+}
+
+void SystemLog::logv(const char* format, va_list arguments) {
+  if (!format) return;
+  const double now = Date::now().timeIntervalSince1970();
+  const auto seconds = static_cast<std::time_t>(std::floor(now));
+  const int millis = static_cast<int>((now - std::floor(now)) * 1000);
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+
+  char header[256];
+  std::snprintf(header, sizeof header, "%s.%03d %s[%d:%d] ", stamp, millis,
+                FileManager::processName().c_str(), static_cast<int>(::getpid()),
+                static_cast<int>(::syscall(SYS_gettid)));
+  std::string line = header + stringWithFormatv(format, arguments);
+  line.push_back('\n');
+  // One write, so that lines from several threads never mix.
+  const char* data = line.data();
+  std::size_t left = line.size();
+  while (left > 0) {
+    const ssize_t n = ::write(2, data, left);
+    if (n <= 0) break;
+    data += n;
+    left -= static_cast<std::size_t>(n);
+  }
+}
+
+}  // namespace nimb

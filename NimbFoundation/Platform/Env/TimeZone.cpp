@@ -1,0 +1,74 @@
+#include <NimbFoundation/Platform/Env/TimeZone.h>
+
+#include <unicode/timezone.h>
+#include <unicode/unistr.h>
+
+#include <memory>
+#include <mutex>
+
+namespace nimb {
+
+namespace {
+
+std::mutex gMutex;
+std::string gSystemName;   // set by the host; "" = the machine's
+std::string gDefaultName;  // set by the host; "" = the system zone
+
+std::string detectMachineZoneName() {
+  std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::detectHostTimeZone());
+  if (!zone) return "GMT";
+  icu::UnicodeString id;
+  zone->getID(id);
+  std::string out;
+  id.toUTF8String(out);
+  return out.empty() ? "GMT" : out;
+}
+
+// Read once, as the platform caches its system time zone: the log asks for
+// it on every line, and detection reads /etc/localtime through the C
+// library's tzset.
+const std::string& machineZoneName() {
+  static const std::string name = detectMachineZoneName();
+  return name;
+}
+
+}  // namespace
+
+std::string TimeZone::systemTimeZoneName() {
+  {
+    std::lock_guard lock(gMutex);
+    if (!gSystemName.empty()) return gSystemName;
+  }
+  return machineZoneName();
+}
+
+std::string TimeZone::defaultTimeZoneName() {
+  {
+    std::lock_guard lock(gMutex);
+    if (!gDefaultName.empty()) return gDefaultName;
+  }
+  return systemTimeZoneName();
+}
+
+void TimeZone::setSystemTimeZoneName(std::string name) {
+  std::lock_guard lock(gMutex);
+  gSystemName = std::move(name);
+}
+
+void TimeZone::setDefaultTimeZoneName(std::string name) {
+  std::lock_guard lock(gMutex);
+  gDefaultName = std::move(name);
+}
+
+int TimeZone::secondsFromGMT(std::string_view zoneName, Date date) {
+  std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(
+      icu::StringPiece(zoneName.data(), static_cast<int32_t>(zoneName.size())))));
+  if (!zone) return 0;
+  int32_t raw = 0, dst = 0;
+  UErrorCode status = U_ZERO_ERROR;
+  zone->getOffset(date.timeIntervalSince1970() * 1000.0, false, raw, dst, status);
+  if (U_FAILURE(status)) return 0;
+  return (raw + dst) / 1000;
+}
+
+}  // namespace nimb
