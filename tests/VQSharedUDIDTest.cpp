@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <regex>
+#include <vector>
 
 #include "TestSupport.h"
 
@@ -101,7 +103,8 @@ TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
 
 TEST(VQSharedUDID, TheStoredIdentifierWinsOverTheSlotsWithADiscrepancy) {
   const std::string a(40, 'a'), b(40, 'b');
-  UserDefaults::standardUserDefaults().setObject(Dictionary{{"SharedUDID", a}}, "SharedUDID");
+  ASSERT_TRUE(
+      UserDefaults::standardUserDefaults().setObject(Dictionary{{"SharedUDID", a}}, "SharedUDID"));
   for (int slot : {0, 1, 2}) fillSlot(slot, b);
   fillSlot(3, a);
   Error error;
@@ -114,23 +117,40 @@ TEST(VQSharedUDID, TheStoredIdentifierWinsOverTheSlotsWithADiscrepancy) {
   EXPECT_EQ(recordSlot(), slotName(4));
 }
 
-TEST(VQSharedUDID, ElectionCountsSlotsAndForeignPayloadsLeaveASlotFree) {
-  const std::string b(40, 'b'), c(40, 'c');
-  fillSlot(0, c);
-  fillSlot(1, b);
-  fillSlot(2, b);
-  // Slot 3 holds bytes that are no keyed archive; slot 4 holds no identifier.
-  auto junk = Pasteboard::pasteboardWithName(slotName(3), true);
+TEST(VQSharedUDID, ElectionTakesTheMostHeldIdentifierAndTiesGoToTheLastSorted) {
+  const std::string a(40, 'a'), b(40, 'b'), c(40, 'c');
+  const struct {
+    std::vector<std::string> held;
+    std::optional<std::string> elected;
+  } cases[] = {
+      {{}, std::nullopt},
+      {{a}, a},
+      {{c, b, b}, b},        // the count beats the order
+      {{b, a}, b},           // a tie goes to the identifier that sorts last
+      {{c, a, b, a, c}, c},  // among the tied ones only
+      {{a, a, a, c, b, b}, a},
+  };
+  for (const auto& test : cases) {
+    EXPECT_EQ(VQSharedUDID::_elect(test.held), test.elected) << ::testing::PrintToString(test.held);
+  }
+}
+
+TEST(VQSharedUDID,
+     AnApplicationWithoutIdentifierAdoptsTheElectedOneAndForeignPayloadsLeaveASlotFree) {
+  const std::string b(40, 'b');
+  fillSlot(0, b);
+  // Slot 1 holds bytes that are no keyed archive; slot 2 holds no identifier.
+  auto junk = Pasteboard::pasteboardWithName(slotName(1), true);
   junk->setPersistent(true);
-  junk->setData({'n', 'o', 'p', 'e'}, VQSharedUDID::kPasteboardType);
-  auto empty = Pasteboard::pasteboardWithName(slotName(4), true);
+  ASSERT_TRUE(junk->setData({'n', 'o', 'p', 'e'}, VQSharedUDID::kPasteboardType));
+  auto empty = Pasteboard::pasteboardWithName(slotName(2), true);
   empty->setPersistent(true);
   VQSharedUDID::_setDict({{"SharedUDID_appUID", "x"}}, *empty);
   EXPECT_TRUE(VQSharedUDID::_getDictFromPasteboard(*junk).empty());
 
   EXPECT_EQ(VQSharedUDID::value(), b);
-  EXPECT_EQ(recordSlot(), slotName(3));
-  auto claimed = Pasteboard::pasteboardWithName(slotName(3), false);
+  EXPECT_EQ(recordSlot(), slotName(1));
+  auto claimed = Pasteboard::pasteboardWithName(slotName(1), false);
   EXPECT_EQ(*VQSharedUDID::_getDictFromPasteboard(*claimed).at("SharedUDID").asString(), b);
 }
 

@@ -4,12 +4,13 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <vector>
 
-#include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Core/DateFormatter.h>
 #include <NimbFoundation/Platform/Core/Digest.h>
-#include <NimbFoundation/Platform/Storage/KeyedArchive.h>
 #include <NimbFoundation/Platform/Core/UUID.h>
+#include <NimbFoundation/Platform/Env/Clock.h>
+#include <NimbFoundation/Platform/Storage/KeyedArchive.h>
 #include <NimbFoundation/Platform/Storage/UserDefaults.h>
 
 namespace nimb {
@@ -86,6 +87,125 @@ std::string VQSharedUDID::value() {
   return valueWithError(nullptr);
 }
 
+namespace {
+
+// What this application's defaults and slot say about it.
+struct LocalState {
+  std::string appUID;                     // this application's identifier for this run
+  std::optional<Value> record;            // the "SharedUDID" defaults value, as stored
+  std::optional<std::string> identifier;  // the record's identifier
+  std::optional<std::string> ownSlot;     // the slot the application owns
+  std::optional<Value> optOutDate;        // present while opted out
+  bool optedOut = false;
+};
+
+// What the slots hold.
+struct SlotPoll {
+  std::vector<std::string> identifiers;  // one per slot that holds one
+  std::optional<std::string> freeSlot;   // the lowest slot holding no identifier
+};
+
+LocalState readLocalState(UserDefaults& defaults) {
+  LocalState state;
+  if (auto stored = defaults.objectForKey(kAppUIDKey); stored && stored->asString()) {
+    state.appUID = *stored->asString();
+  } else {
+    state.appUID = UUID::create().UUIDString();
+  }
+  state.record = defaults.objectForKey(kRecordKey);
+  if (state.record && state.record->asDictionary()) {
+    const Dictionary& dict = *state.record->asDictionary();
+    if (const auto* s = stringAt(dict, kIdentifierKey)) state.identifier = *s;
+    if (const auto* s = stringAt(dict, kSlotKey)) state.ownSlot = *s;
+    state.optOutDate = valueAt(dict, kOptOutKey);
+  }
+  state.optedOut = state.optOutDate.has_value();
+  return state;
+}
+
+// Reads every slot. The slot this application owns updates `state`: it
+// becomes the own slot, and its opt-out date counts while already opted out.
+SlotPoll pollSlots(LocalState& state) {
+  SlotPoll poll;
+  for (int slot = 0; slot < VQSharedUDID::kSlotCount; ++slot) {
+    const std::string name = VQSharedUDID::kSlotPrefix + std::to_string(slot);
+    auto pasteboard = Pasteboard::pasteboardWithName(name, false);
+    if (!pasteboard) {
+      if (!poll.freeSlot) poll.freeSlot = name;
+      continue;
+    }
+    const Dictionary dict = VQSharedUDID::_getDictFromPasteboard(*pasteboard);
+    if (const auto* held = stringAt(dict, kIdentifierKey)) {
+      poll.identifiers.push_back(*held);
+    } else if (!poll.freeSlot) {
+      poll.freeSlot = name;
+    }
+    if (const auto* owner = stringAt(dict, kAppUIDKey); owner && *owner == state.appUID) {
+      state.ownSlot = name;
+      if (state.optedOut) {
+        state.optOutDate = valueAt(dict, kOptOutKey);
+        state.optedOut = state.optOutDate.has_value();
+      }
+    }
+  }
+  return poll;
+}
+
+// Writes the record into the free slot and notes the slot in it, unless the
+// application still owns another slot. True when the record changed.
+bool claimSlot(const std::optional<std::string>& freeSlot, const LocalState& state,
+               std::optional<Value>& record) {
+  if (!freeSlot || (state.ownSlot && *freeSlot != *state.ownSlot)) return false;
+  auto pasteboard = Pasteboard::pasteboardWithName(*freeSlot, true);
+  if (!pasteboard) return false;
+  pasteboard->setPersistent(true);
+  if (!record || !record->asDictionary()) return false;
+  (*record->asDictionary())[kSlotKey] = *freeSlot;
+  VQSharedUDID::_setDict(*record->asDictionary(), *pasteboard);
+  return true;
+}
+
+// The record of an application seen for the first time.
+Value freshRecord(const std::string& identifier, const LocalState& state, const Date& now) {
+  Dictionary fresh;
+  fresh[kIdentifierKey] = identifier;
+  fresh[kAppUIDKey] = state.appUID;
+  fresh[kCreatedKey] = state.optedOut && state.optOutDate ? *state.optOutDate : Value(now);
+  return Value(std::move(fresh));
+}
+
+Error resultRecord(const LocalState& state, bool discrepancy) {
+  if (state.optedOut) {
+    const Value date = state.optOutDate ? *state.optOutDate : Value();
+    return makeError(1, "Application with unique id " + state.appUID +
+                            " is opted-out from SharedUDID as of " + describe(date));
+  }
+  if (discrepancy) {
+    return makeError(2,
+                     "Found a discrepancy between stored SharedUDID (reliable) and redundant "
+                     "copies; one of the apps on the device is most likely corrupting the "
+                     "SharedUDID protocol");
+  }
+  return makeError(0, "SharedUDID succesfully retrieved");
+}
+
+}  // namespace
+
+std::optional<std::string> VQSharedUDID::_elect(const std::vector<std::string>& identifiers) {
+  std::map<std::string, int> counts;
+  for (const auto& identifier : identifiers) ++counts[identifier];
+  // Ascending order with >= leaves the last of the tied identifiers.
+  std::optional<std::string> elected;
+  int best = 0;
+  for (const auto& [candidate, count] : counts) {
+    if (count >= best) {
+      best = count;
+      elected = candidate;
+    }
+  }
+  return elected;
+}
+
 std::string VQSharedUDID::valueWithError(Error* error) {
   {
     std::lock_guard lock(gCacheMutex);
@@ -96,108 +216,28 @@ std::string VQSharedUDID::valueWithError(Error* error) {
   }
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
   const Date now = Clock::current()->now();
+  LocalState state = readLocalState(defaults);
+  const SlotPoll poll = pollSlots(state);
+  const std::optional<std::string> elected = _elect(poll.identifiers);
 
-  // This application's identifier for this run.
-  std::string appUID;
-  if (auto stored = defaults.objectForKey(kAppUIDKey); stored && stored->asString()) {
-    appUID = *stored->asString();
-  } else {
-    appUID = UUID::create().UUIDString();
-  }
-
-  // The local record and what it says.
-  std::optional<Value> record = defaults.objectForKey(kRecordKey);
-  std::optional<std::string> identifier, ownSlot;
-  std::optional<Value> optOutDate;
-  if (record && record->asDictionary()) {
-    const Dictionary& dict = *record->asDictionary();
-    if (const auto* s = stringAt(dict, kIdentifierKey)) identifier = *s;
-    if (const auto* s = stringAt(dict, kSlotKey)) ownSlot = *s;
-    optOutDate = valueAt(dict, kOptOutKey);
-  }
-  bool optedOut = optOutDate.has_value();
-
-  // Poll the slots.
-  std::map<std::string, int> counts;
-  std::optional<std::string> freeSlot;
-  for (int slot = 0; slot < kSlotCount; ++slot) {
-    const std::string name = kSlotPrefix + std::to_string(slot);
-    auto pasteboard = Pasteboard::pasteboardWithName(name, false);
-    if (!pasteboard) {
-      if (!freeSlot) freeSlot = name;
-      continue;
-    }
-    const Dictionary dict = _getDictFromPasteboard(*pasteboard);
-    if (const auto* held = stringAt(dict, kIdentifierKey)) {
-      ++counts[*held];
-    } else if (!freeSlot) {
-      freeSlot = name;
-    }
-    if (const auto* owner = stringAt(dict, kAppUIDKey); owner && *owner == appUID) {
-      ownSlot = name;
-      if (optedOut) {
-        optOutDate = valueAt(dict, kOptOutKey);
-        optedOut = optOutDate.has_value();
-      }
-    }
-  }
-
-  // Elect: the highest count, ties to the identifier that sorts last.
-  std::optional<std::string> elected;
-  int best = 0;
-  for (const auto& [candidate, count] : counts) {
-    if (count >= best) {
-      best = count;
-      elected = candidate;
-    }
-  }
-
-  bool discrepancy = false;
+  std::optional<Value> record = state.record;
   bool needsSaving = false;
   std::string answer;
-  if (identifier) {
-    answer = *identifier;
-    discrepancy = elected && *elected != *identifier;
+  if (state.identifier) {
+    answer = *state.identifier;
   } else {
     answer = elected ? *elected : _generateFreshSharedUDID();
     if (!record) {
-      Dictionary fresh;
-      fresh[kIdentifierKey] = answer;
-      fresh[kAppUIDKey] = appUID;
-      fresh[kCreatedKey] = optedOut && optOutDate ? *optOutDate : Value(now);
-      record = Value(std::move(fresh));
+      record = freshRecord(answer, state, now);
       needsSaving = true;
     }
   }
-
-  // Claim a slot, unless the application still owns another one.
-  if (freeSlot && (!ownSlot || *freeSlot == *ownSlot)) {
-    if (auto pasteboard = Pasteboard::pasteboardWithName(*freeSlot, true)) {
-      pasteboard->setPersistent(true);
-      if (record && record->asDictionary()) {
-        (*record->asDictionary())[kSlotKey] = *freeSlot;
-        needsSaving = true;
-        _setDict(*record->asDictionary(), *pasteboard);
-      }
-    }
-  }
+  if (claimSlot(poll.freeSlot, state, record)) needsSaving = true;
   if (record && needsSaving) defaults.setObject(*record, kRecordKey);
 
-  if (optedOut) {
-    if (error) {
-      const Value date = optOutDate ? *optOutDate : Value();
-      *error = makeError(1, "Application with unique id " + appUID +
-                                " is opted-out from SharedUDID as of " + describe(date));
-    }
-    answer = std::string(40, '0');
-  } else if (error) {
-    *error = discrepancy
-                 ? makeError(2,
-                             "Found a discrepancy between stored SharedUDID (reliable) and "
-                             "redundant copies; one of the apps on the device is most likely "
-                             "corrupting the SharedUDID protocol")
-                 : makeError(0, "SharedUDID succesfully retrieved");
-  }
+  if (error)
+    *error = resultRecord(state, state.identifier && elected && *elected != *state.identifier);
+  if (state.optedOut) answer = std::string(40, '0');
   std::lock_guard lock(gCacheMutex);
   gSessionCache = answer;
   return answer;

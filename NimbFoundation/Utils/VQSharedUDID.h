@@ -30,7 +30,9 @@
 // the last one to finish fills the cache (which is guarded by a lock).
 #pragma once
 
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/Platform/Core/Error.h>
@@ -56,6 +58,9 @@ class VQSharedUDID {
   // cached answer so the next value() decides again.
   static void setOptOut(bool optOut);
 
+  // The identifier most slots hold, given what each slot holds; ties go to
+  // the identifier that sorts last; none when no slot holds one.
+  static std::optional<std::string> _elect(const std::vector<std::string>& identifiers);
   // A new identifier: MD5 of a new UUID string, then 32 random bits.
   static std::string _generateFreshSharedUDID();
   // The dictionary a slot holds; empty for no data or a foreign payload.

@@ -105,48 +105,63 @@ void gradient(ImageContext& context, Rect area, Color top, Color bottom) {
   }
 }
 
+// A sunset over a skyline.
+void drawSunset(ImageContext& context, double width, double height) {
+  gradient(context, Rect(0, 0, width, height), {0.98, 0.62, 0.25, 1}, {0.35, 0.12, 0.45, 1});
+  unsigned seed = 7;
+  for (double x = 0; x < width; x += 22) {
+    seed = seed * 1103515245u + 12345u;
+    const double h = height * (0.15 + (seed >> 16) % 100 / 300.0);
+    context.fillRect(Rect(x, height - h, 20, h), {0.12, 0.1, 0.18, 1});
+  }
+}
+
+// A bar chart on white.
+void drawChart(ImageContext& context, double width, double height) {
+  context.fillRect(Rect(0, 0, width, height), {1, 1, 1, 1});
+  const double bars[] = {0.3, 0.55, 0.8, 0.45, 0.95, 0.6};
+  for (int i = 0; i < 6; ++i) {
+    const double h = bars[i] * (height - 40);
+    context.fillRect(Rect(20 + i * (width - 40) / 6, height - 20 - h, (width - 40) / 6 - 8, h),
+                     {0.2 + i * 0.12, 0.45, 0.85 - i * 0.1, 1});
+  }
+}
+
+// A badge on a transparent ground.
+void drawBadge(ImageContext& context, double width, double height) {
+  const Rect badge(width * 0.1, height * 0.1, width * 0.8, height * 0.8);
+  context.fillRect(badge, {0.15, 0.6, 0.35, 0.9});
+  context.strokeRect(badge, {0.05, 0.3, 0.15, 1}, 6);
+}
+
+void drawTiles(ImageContext& context, double width, double height) {
+  const Color palette[] = {{0.9, 0.3, 0.3, 1}, {0.3, 0.7, 0.9, 1}, {0.95, 0.85, 0.3, 1},
+                           {0.4, 0.8, 0.4, 1}, {0.6, 0.4, 0.8, 1}, {0.2, 0.2, 0.25, 1}};
+  const double tile = std::max(8.0, std::floor(width / 8));
+  for (int y = 0; y * tile < height; ++y) {
+    for (int x = 0; x * tile < width; ++x) {
+      context.fillRect(Rect(x * tile, y * tile, tile, tile), palette[(x * 3 + y * 5) % 6]);
+    }
+  }
+}
+
+// Sample `kind` (0 sunset, 1 chart, 2 badge, else tiles) with its label.
 std::shared_ptr<const nimb::Image> drawSample(int kind, double width, double height,
                                               const std::string& label) {
   ImageContext context({width, height}, kind != 2, 1.0);
   switch (kind) {
-    case 0: {  // a sunset over a skyline
-      gradient(context, Rect(0, 0, width, height), {0.98, 0.62, 0.25, 1}, {0.35, 0.12, 0.45, 1});
-      unsigned seed = 7;
-      for (double x = 0; x < width; x += 22) {
-        seed = seed * 1103515245u + 12345u;
-        const double h = height * (0.15 + (seed >> 16) % 100 / 300.0);
-        context.fillRect(Rect(x, height - h, 20, h), {0.12, 0.1, 0.18, 1});
-      }
+    case 0:
+      drawSunset(context, width, height);
       break;
-    }
-    case 1: {  // a bar chart on white
-      context.fillRect(Rect(0, 0, width, height), {1, 1, 1, 1});
-      const double bars[] = {0.3, 0.55, 0.8, 0.45, 0.95, 0.6};
-      for (int i = 0; i < 6; ++i) {
-        const double h = bars[i] * (height - 40);
-        context.fillRect(Rect(20 + i * (width - 40) / 6, height - 20 - h, (width - 40) / 6 - 8, h),
-                         {0.2 + i * 0.12, 0.45, 0.85 - i * 0.1, 1});
-      }
+    case 1:
+      drawChart(context, width, height);
       break;
-    }
-    case 2: {  // a badge on a transparent ground
-      context.fillRect(Rect(width * 0.1, height * 0.1, width * 0.8, height * 0.8),
-                       {0.15, 0.6, 0.35, 0.9});
-      context.strokeRect(Rect(width * 0.1, height * 0.1, width * 0.8, height * 0.8),
-                         {0.05, 0.3, 0.15, 1}, 6);
+    case 2:
+      drawBadge(context, width, height);
       break;
-    }
-    default: {  // tiles
-      const Color palette[] = {{0.9, 0.3, 0.3, 1}, {0.3, 0.7, 0.9, 1}, {0.95, 0.85, 0.3, 1},
-                               {0.4, 0.8, 0.4, 1}, {0.6, 0.4, 0.8, 1}, {0.2, 0.2, 0.25, 1}};
-      const double tile = std::max(8.0, std::floor(width / 8));
-      for (int y = 0; y * tile < height; ++y) {
-        for (int x = 0; x * tile < width; ++x) {
-          context.fillRect(Rect(x * tile, y * tile, tile, tile), palette[(x * 3 + y * 5) % 6]);
-        }
-      }
+    default:
+      drawTiles(context, width, height);
       break;
-    }
   }
   context.fillRect(Rect(10, 10, label.size() * 11.0 + 16, 30), {1, 1, 1, 0.85});
   context.drawText(label, {18, 32}, 18, {0.1, 0.1, 0.15, 1});

@@ -9,9 +9,9 @@
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Images/VQImageLoader.h>
 #include <NimbFoundation/Images/VQImageView.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Graphics/Graphics.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 namespace nimbkit {
 
@@ -115,6 +115,110 @@ std::shared_ptr<const nimb::Image> render(const nimb::VQImageView& view) {
   return context.image();
 }
 
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// The error line of a failed load. The 406 of a body that is no picture has
+// no description of its own.
+std::string failureText(const nimb::Error& error) {
+  return error.code == nimb::VQImageLoader::kNotAnImageCode && error.userInfo.empty()
+             ? "not a picture (406 from " + error.domain + ")"
+             : error.localizedDescription();
+}
+
+// The delegate that fills the slot's result and the display's line `i`.
+std::shared_ptr<nimb::VQImageViewDelegate> slotDelegate(Slot& slot, ProgressDisplay& display,
+                                                        std::size_t i) {
+  auto delegate = std::make_shared<nimb::VQImageViewDelegate>();
+  delegate->imageViewLoadedImage = [&slot, &display, i](nimb::VQImageView& view) {
+    if (slot.done) return;
+    slot.done = true;
+    slot.result.loaded = true;
+    slot.result.fromCache = slot.insideSetImageURL;
+    // The time ends when the pixels are ready to draw.
+    if (auto image = view.image()) {
+      const auto& bitmap = image->bitmap();
+      slot.result.pictureSize =
+          nimb::Size{static_cast<double>(bitmap.width), static_cast<double>(bitmap.height)};
+    }
+    slot.result.seconds = secondsSince(slot.start);
+    display.finish(i, slot.result.fromCache ? "cache" : "network");
+  };
+  delegate->imageViewLoadedImageSizePercent = [&display, i](float percent, nimb::VQImageView&) {
+    display.update(i, percent);
+  };
+  delegate->imageViewFailedToLoadImage = [&slot, &display, i](nimb::VQImageView&,
+                                                              const nimb::Error& error) {
+    if (slot.done) return;
+    slot.done = true;
+    slot.result.error = failureText(error);
+    slot.result.seconds = secondsSince(slot.start);
+    display.finish(i, "failed: " + slot.result.error);
+  };
+  return delegate;
+}
+
+void prepareSlot(Slot& slot, const nimb::URL& url, const FetchSettings& settings,
+                 ProgressDisplay& display, std::size_t i) {
+  slot.result.url = url.absoluteString();
+  slot.view = nimb::VQImageView::createWithPlaceholderImage(nullptr);
+  slot.view->setFrame(Rect(0, 0, settings.viewSize.width, settings.viewSize.height));
+  slot.view->setNeedCutOff(settings.crop);
+  // A cropping view downloads only when started by hand.
+  if (settings.crop) slot.view->setIsAutoStart(false);
+  slot.delegate = slotDelegate(slot, display, i);
+  slot.view->setDelegate(slot.delegate);
+}
+
+void startLoad(Slot& slot, const nimb::URL& url, const FetchSettings& settings) {
+  slot.start = Clock::now();
+  slot.insideSetImageURL = true;
+  slot.view->setImageURL(url);
+  slot.insideSetImageURL = false;
+  if (!slot.done && settings.crop) slot.view->startImageLoad();
+}
+
+void runUntilDone(const std::vector<Slot>& slots, double timeoutSeconds) {
+  const auto deadline = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
+  auto allDone = [&] {
+    return std::all_of(slots.begin(), slots.end(), [](const Slot& s) { return s.done; });
+  };
+  while (!allDone() && Clock::now() < deadline) nimb::RunLoop::main().runOnce(0.05);
+}
+
+// Saves the rendered view as "<NN>-<name stem>.png" in the output folder.
+void savePicture(FetchResult& result, const std::string& name, std::size_t i,
+                 const std::string& outDirectory) {
+  char prefix[24];
+  std::snprintf(prefix, sizeof prefix, "%02zu-", i + 1);
+  const std::string stem = name.substr(0, name.rfind('.'));
+  const std::string path = nimb::FileManager::appendingPathComponent(
+      outDirectory, prefix + (stem.empty() ? name : stem) + ".png");
+  if (auto png = result.rendered->pngRepresentation();
+      png && nimb::FileManager::writeAtomically(path, *png)) {
+    result.pngPath = path;
+  }
+}
+
+FetchResult finishSlot(Slot& slot, const nimb::URL& url, const std::string& name, std::size_t i,
+                       const FetchSettings& settings) {
+  FetchResult& result = slot.result;
+  if (!slot.done) {
+    result.error = "timed out";
+    slot.view->cancelImageLoad();
+  }
+  if (result.loaded) {
+    auto body = nimb::VQCache::currentCache()->dataForKey(nimb::VQImageLoader::keyForURL(url));
+    result.bytes = body ? body->size() : 0;
+  }
+  result.rendered = render(*slot.view);
+  if (!settings.outDirectory.empty() && result.rendered && result.loaded) {
+    savePicture(result, name, i, settings.outDirectory);
+  }
+  return std::move(result);
+}
+
 }  // namespace
 
 void flushCache() {
@@ -130,90 +234,16 @@ std::vector<FetchResult> fetchIntoViews(const std::vector<nimb::URL>& urls,
   ProgressDisplay display(names);
 
   std::vector<Slot> slots(urls.size());
-  for (std::size_t i = 0; i < urls.size(); ++i) {
-    Slot& slot = slots[i];
-    slot.result.url = urls[i].absoluteString();
-    slot.view = nimb::VQImageView::createWithPlaceholderImage(nullptr);
-    slot.view->setFrame(Rect(0, 0, settings.viewSize.width, settings.viewSize.height));
-    slot.view->setNeedCutOff(settings.crop);
-    // A cropping view downloads only when started by hand.
-    if (settings.crop) slot.view->setIsAutoStart(false);
-
-    slot.delegate = std::make_shared<nimb::VQImageViewDelegate>();
-    slot.delegate->imageViewLoadedImage = [&slot, &display, i](nimb::VQImageView& view) {
-      if (slot.done) return;
-      slot.done = true;
-      slot.result.loaded = true;
-      slot.result.fromCache = slot.insideSetImageURL;
-      // The time ends when the pixels are ready to draw.
-      if (auto image = view.image()) {
-        const auto& bitmap = image->bitmap();
-        slot.result.pictureSize =
-            nimb::Size{static_cast<double>(bitmap.width), static_cast<double>(bitmap.height)};
-      }
-      slot.result.seconds = std::chrono::duration<double>(Clock::now() - slot.start).count();
-      display.finish(i, slot.result.fromCache ? "cache" : "network");
-    };
-    slot.delegate->imageViewLoadedImageSizePercent =
-        [&display, i](float percent, nimb::VQImageView&) { display.update(i, percent); };
-    slot.delegate->imageViewFailedToLoadImage = [&slot, &display, i](nimb::VQImageView&,
-                                                                     const nimb::Error& error) {
-      if (slot.done) return;
-      slot.done = true;
-      // The 406 of a body that is no picture has no description of its own.
-      slot.result.error =
-          error.code == nimb::VQImageLoader::kNotAnImageCode && error.userInfo.empty()
-              ? "not a picture (406 from " + error.domain + ")"
-              : error.localizedDescription();
-      slot.result.seconds = std::chrono::duration<double>(Clock::now() - slot.start).count();
-      display.finish(i, "failed: " + slot.result.error);
-    };
-    slot.view->setDelegate(slot.delegate);
-  }
-
-  for (std::size_t i = 0; i < urls.size(); ++i) {
-    Slot& slot = slots[i];
-    slot.start = Clock::now();
-    slot.insideSetImageURL = true;
-    slot.view->setImageURL(urls[i]);
-    slot.insideSetImageURL = false;
-    if (!slot.done && settings.crop) slot.view->startImageLoad();
-  }
-
-  const auto deadline = Clock::now() + std::chrono::duration<double>(settings.timeoutSeconds);
-  auto allDone = [&] {
-    return std::all_of(slots.begin(), slots.end(), [](const Slot& s) { return s.done; });
-  };
-  while (!allDone() && Clock::now() < deadline) nimb::RunLoop::main().runOnce(0.05);
+  for (std::size_t i = 0; i < urls.size(); ++i)
+    prepareSlot(slots[i], urls[i], settings, display, i);
+  for (std::size_t i = 0; i < urls.size(); ++i) startLoad(slots[i], urls[i], settings);
+  runUntilDone(slots, settings.timeoutSeconds);
   flushCache();
 
-  auto cache = nimb::VQCache::currentCache();
   if (!settings.outDirectory.empty()) nimb::FileManager::createDirectory(settings.outDirectory);
   std::vector<FetchResult> results;
   for (std::size_t i = 0; i < slots.size(); ++i) {
-    Slot& slot = slots[i];
-    FetchResult& result = slot.result;
-    if (!slot.done) {
-      result.error = "timed out";
-      slot.view->cancelImageLoad();
-    }
-    if (result.loaded) {
-      auto body = cache->dataForKey(nimb::VQImageLoader::keyForURL(urls[i]));
-      result.bytes = body ? body->size() : 0;
-    }
-    result.rendered = render(*slot.view);
-    if (!settings.outDirectory.empty() && result.rendered && result.loaded) {
-      char prefix[24];
-      std::snprintf(prefix, sizeof prefix, "%02zu-", i + 1);
-      const std::string stem = names[i].substr(0, names[i].rfind('.'));
-      const std::string path = nimb::FileManager::appendingPathComponent(
-          settings.outDirectory, prefix + (stem.empty() ? names[i] : stem) + ".png");
-      if (auto png = result.rendered->pngRepresentation();
-          png && nimb::FileManager::writeAtomically(path, *png)) {
-        result.pngPath = path;
-      }
-    }
-    results.push_back(std::move(result));
+    results.push_back(finishSlot(slots[i], urls[i], names[i], i, settings));
   }
   return results;
 }
@@ -236,40 +266,68 @@ void printResults(const std::vector<FetchResult>& results, const FetchSettings& 
   std::fflush(stdout);
 }
 
+namespace {
+
+constexpr double kSheetMargin = 16, kSheetLabel = 34, kSheetTitle = 36;
+constexpr nimb::Color kSheetInk{0.1, 0.1, 0.15, 1};
+
+// Where each result goes on the contact sheet: up to four cells a row.
+struct SheetLayout {
+  double cellWidth = 0, cellHeight = 0;
+  std::size_t columns = 0, rows = 0;
+  nimb::Size size;
+
+  SheetLayout(std::size_t count, nimb::Size viewSize)
+      : cellWidth(std::max(viewSize.width, 170.0)),
+        cellHeight(viewSize.height + kSheetLabel),
+        columns(std::min<std::size_t>(4, count)),
+        rows((count + columns - 1) / columns),
+        size{kSheetMargin + columns * (cellWidth + kSheetMargin),
+             kSheetTitle + kSheetMargin + rows * (cellHeight + kSheetMargin)} {}
+
+  // The top-left corner of cell `i`.
+  nimb::Point cell(std::size_t i) const {
+    return {kSheetMargin + (i % columns) * (cellWidth + kSheetMargin),
+            kSheetTitle + kSheetMargin + (i / columns) * (cellHeight + kSheetMargin)};
+  }
+};
+
+// The second caption line: how the picture came, or why it did not.
+std::string cellCaption(const FetchResult& r) {
+  char line[96];
+  if (r.loaded) {
+    std::snprintf(line, sizeof line, "%s  %s  %.0fx%.0f  %.0f ms",
+                  r.fromCache ? "cache" : "network", humanBytes(r.bytes).c_str(),
+                  r.pictureSize.width, r.pictureSize.height, r.seconds * 1000);
+  } else {
+    std::snprintf(line, sizeof line, "failed: %s", r.error.c_str());
+  }
+  return line;
+}
+
+void drawCell(nimb::ImageContext& context, const FetchResult& r, nimb::Point at,
+              const SheetLayout& layout, nimb::Size viewSize) {
+  const Rect frame(at.x + (layout.cellWidth - viewSize.width) / 2, at.y, viewSize.width,
+                   viewSize.height);
+  context.fillRect(frame, {1, 1, 1, 1});
+  if (r.rendered) context.drawImage(*r.rendered, frame);
+  context.strokeRect(frame, {0.6, 0.6, 0.65, 1}, 1);
+  context.drawText(nameOf(r.url), {at.x, at.y + viewSize.height + 14}, 11, kSheetInk);
+  context.drawText(cellCaption(r), {at.x, at.y + viewSize.height + 28}, 10, {0.35, 0.35, 0.4, 1});
+}
+
+}  // namespace
+
 bool writeContactSheet(const std::vector<FetchResult>& results, const FetchSettings& settings,
                        const std::string& path) {
   if (results.empty()) return false;
-  constexpr double kMargin = 16, kLabel = 34, kTitle = 36;
-  const double cellWidth = std::max(settings.viewSize.width, 170.0);
-  const double cellHeight = settings.viewSize.height + kLabel;
-  const std::size_t columns = std::min<std::size_t>(4, results.size());
-  const std::size_t rows = (results.size() + columns - 1) / columns;
-  const nimb::Size sheet{kMargin + columns * (cellWidth + kMargin),
-                         kTitle + kMargin + rows * (cellHeight + kMargin)};
-  nimb::ImageContext context(sheet, true, 1.0);
+  const SheetLayout layout(results.size(), settings.viewSize);
+  nimb::ImageContext context(layout.size, true, 1.0);
   if (!context.isValid()) return false;
-  context.fillRect(Rect(0, 0, sheet.width, sheet.height), {0.94, 0.94, 0.95, 1});
-  context.drawText(settings.title, {kMargin, 26}, 16, {0.1, 0.1, 0.15, 1});
+  context.fillRect(Rect(0, 0, layout.size.width, layout.size.height), {0.94, 0.94, 0.95, 1});
+  context.drawText(settings.title, {kSheetMargin, 26}, 16, kSheetInk);
   for (std::size_t i = 0; i < results.size(); ++i) {
-    const FetchResult& r = results[i];
-    const double x = kMargin + (i % columns) * (cellWidth + kMargin);
-    const double y = kTitle + kMargin + (i / columns) * (cellHeight + kMargin);
-    const Rect frame(x + (cellWidth - settings.viewSize.width) / 2, y, settings.viewSize.width,
-                     settings.viewSize.height);
-    context.fillRect(frame, {1, 1, 1, 1});
-    if (r.rendered) context.drawImage(*r.rendered, frame);
-    context.strokeRect(frame, {0.6, 0.6, 0.65, 1}, 1);
-    context.drawText(nameOf(r.url), {x, y + settings.viewSize.height + 14}, 11,
-                     {0.1, 0.1, 0.15, 1});
-    char line[96];
-    if (r.loaded) {
-      std::snprintf(line, sizeof line, "%s  %s  %.0fx%.0f  %.0f ms",
-                    r.fromCache ? "cache" : "network", humanBytes(r.bytes).c_str(),
-                    r.pictureSize.width, r.pictureSize.height, r.seconds * 1000);
-    } else {
-      std::snprintf(line, sizeof line, "failed: %s", r.error.c_str());
-    }
-    context.drawText(line, {x, y + settings.viewSize.height + 28}, 10, {0.35, 0.35, 0.4, 1});
+    drawCell(context, results[i], layout.cell(i), layout, settings.viewSize);
   }
   auto image = context.image();
   auto png = image ? image->pngRepresentation() : std::nullopt;

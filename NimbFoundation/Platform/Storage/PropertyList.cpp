@@ -418,6 +418,84 @@ std::optional<std::string> plistString(const char* p, std::size_t n) {
   return s;
 }
 
+bool fromPlist(plist_t node, std::size_t nesting, Value& out);
+
+Value integerFromPlist(plist_t node) {
+  // libplist 2.2 has unsigned integers only; negative numbers travel as
+  // their two's complement, which this cast restores.
+  std::uint64_t u = 0;
+  plist_get_uint_val(node, &u);
+  return Value(static_cast<std::int64_t>(u));
+}
+
+bool stringFromPlist(plist_t node, Value& out) {
+  std::uint64_t length = 0;
+  const char* p = plist_get_string_ptr(node, &length);
+  auto s = plistString(p, length);
+  if (!s) return false;
+  out = Value(std::move(*s));
+  return true;
+}
+
+Value dataFromPlist(plist_t node) {
+  std::uint64_t length = 0;
+  const auto* p = reinterpret_cast<const std::uint8_t*>(plist_get_data_ptr(node, &length));
+  return Value(p ? Data(p, p + length) : Data());
+}
+
+bool dateFromPlist(plist_t node, Value& out) {
+  auto seconds = dateSeconds(node);
+  if (!seconds) return false;
+  out = Value(dateFromReferenceMicros(clampDateMicros(*seconds * kMicros)));
+  return true;
+}
+
+bool arrayFromPlist(plist_t node, std::size_t nesting, Value& out) {
+  if (nesting >= kMaxNesting) return false;
+  const std::uint32_t count = plist_array_get_size(node);
+  Array array;
+  array.reserve(count);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    plist_t item = plist_array_get_item(node, i);
+    if (!item || !fromPlist(item, nesting + 1, array.emplace_back())) return false;
+  }
+  out = Value(std::move(array));
+  return true;
+}
+
+// The text of a dictionary item's key. A binary file may key a dictionary
+// with any object, and libplist asserts when asked for the text of a key
+// that is not a key node.
+std::optional<std::string> dictionaryKey(plist_t item) {
+  plist_t keyNode = plist_dict_item_get_key(item);
+  if (!keyNode || plist_get_node_type(keyNode) != PLIST_KEY) return std::nullopt;
+  char* rawKey = nullptr;
+  plist_get_key_val(keyNode, &rawKey);
+  std::unique_ptr<char, decltype(&std::free)> keyGuard(rawKey, &std::free);
+  if (!rawKey) return std::nullopt;
+  return plistString(rawKey, std::strlen(rawKey));
+}
+
+bool dictionaryFromPlist(plist_t node, std::size_t nesting, Value& out) {
+  if (nesting >= kMaxNesting) return false;
+  plist_dict_iter iter = nullptr;
+  plist_dict_new_iter(node, &iter);
+  if (!iter) return false;
+  std::unique_ptr<void, decltype(&std::free)> iterGuard(iter, &std::free);
+  Dictionary dict;
+  for (;;) {
+    plist_t item = nullptr;
+    plist_dict_next_item(node, iter, nullptr, &item);
+    if (!item) break;
+    auto key = dictionaryKey(item);
+    Value value;
+    if (!key || !fromPlist(item, nesting + 1, value)) return false;
+    dict.insert_or_assign(std::move(*key), std::move(value));
+  }
+  out = Value(std::move(dict));
+  return true;
+}
+
 bool fromPlist(plist_t node, std::size_t nesting, Value& out) {
   switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
@@ -426,85 +504,32 @@ bool fromPlist(plist_t node, std::size_t nesting, Value& out) {
       out = Value(b != 0);
       return true;
     }
-    case PLIST_UINT: {
-      // libplist 2.2 has unsigned integers only; negative numbers travel as
-      // their two's complement, which this cast restores.
-      std::uint64_t u = 0;
-      plist_get_uint_val(node, &u);
-      out = Value(static_cast<std::int64_t>(u));
+    case PLIST_UINT:
+      out = integerFromPlist(node);
       return true;
-    }
     case PLIST_REAL: {
       double d = 0;
       plist_get_real_val(node, &d);
       out = Value(d);
       return true;
     }
-    case PLIST_STRING: {
-      std::uint64_t length = 0;
-      const char* p = plist_get_string_ptr(node, &length);
-      auto s = plistString(p, length);
-      if (!s) return false;
-      out = Value(std::move(*s));
+    case PLIST_STRING:
+      return stringFromPlist(node, out);
+    case PLIST_DATA:
+      out = dataFromPlist(node);
       return true;
-    }
-    case PLIST_DATA: {
-      std::uint64_t length = 0;
-      const auto* p = reinterpret_cast<const std::uint8_t*>(plist_get_data_ptr(node, &length));
-      out = Value(p ? Data(p, p + length) : Data());
-      return true;
-    }
-    case PLIST_DATE: {
-      auto seconds = dateSeconds(node);
-      if (!seconds) return false;
-      out = Value(dateFromReferenceMicros(clampDateMicros(*seconds * kMicros)));
-      return true;
-    }
+    case PLIST_DATE:
+      return dateFromPlist(node, out);
     case PLIST_UID: {
       std::uint64_t u = 0;
       plist_get_uid_val(node, &u);
       out = Value(Uid{u});
       return true;
     }
-    case PLIST_ARRAY: {
-      if (nesting >= kMaxNesting) return false;
-      const std::uint32_t count = plist_array_get_size(node);
-      Array array;
-      array.reserve(count);
-      for (std::uint32_t i = 0; i < count; ++i) {
-        plist_t item = plist_array_get_item(node, i);
-        if (!item || !fromPlist(item, nesting + 1, array.emplace_back())) return false;
-      }
-      out = Value(std::move(array));
-      return true;
-    }
-    case PLIST_DICT: {
-      if (nesting >= kMaxNesting) return false;
-      plist_dict_iter iter = nullptr;
-      plist_dict_new_iter(node, &iter);
-      if (!iter) return false;
-      std::unique_ptr<void, decltype(&std::free)> iterGuard(iter, &std::free);
-      Dictionary dict;
-      for (;;) {
-        plist_t item = nullptr;
-        plist_dict_next_item(node, iter, nullptr, &item);
-        if (!item) break;
-        // A binary file may key a dictionary with any object, and libplist
-        // asserts when asked for the text of a key that is not a key node.
-        plist_t keyNode = plist_dict_item_get_key(item);
-        if (!keyNode || plist_get_node_type(keyNode) != PLIST_KEY) return false;
-        char* rawKey = nullptr;
-        plist_get_key_val(keyNode, &rawKey);
-        std::unique_ptr<char, decltype(&std::free)> keyGuard(rawKey, &std::free);
-        if (!rawKey) return false;
-        auto key = plistString(rawKey, std::strlen(rawKey));
-        Value value;
-        if (!key || !fromPlist(item, nesting + 1, value)) return false;
-        dict.insert_or_assign(std::move(*key), std::move(value));
-      }
-      out = Value(std::move(dict));
-      return true;
-    }
+    case PLIST_ARRAY:
+      return arrayFromPlist(node, nesting, out);
+    case PLIST_DICT:
+      return dictionaryFromPlist(node, nesting, out);
     default:  // a bare key or anything libplist does not type
       return false;
   }
