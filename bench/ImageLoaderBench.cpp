@@ -41,9 +41,9 @@
 
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Images/VQImageLoader.h>
-#include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Platform/Concurrency/NotificationCenter.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
 #include "../tests/HttpTestServer.h"
 #include "BenchSupport.h"
@@ -300,7 +300,7 @@ int coldRuns = 0;
 void BM_Cold_VQImageLoader(benchmark::State& state) {
   const auto urls = urlsFor(serverBase(), std::to_string(++coldRuns));
   nimb::NotificationCenter center;
-  auto loader = nimb::VQImageLoader::create(&center);
+  auto loader = nimb::VQImageLoader::create({nullptr, &center, nullptr});
   std::vector<std::shared_ptr<const nimb::Image>> images;
   images.reserve(urls.size());
   settleDisk();
@@ -318,7 +318,7 @@ const std::vector<std::string>& warmUrls() {
   static const auto* urls = [] {
     auto* u = new std::vector<std::string>(urlsFor(serverBase(), "warm"));
     nimb::NotificationCenter center;
-    auto loader = nimb::VQImageLoader::create(&center);
+    auto loader = nimb::VQImageLoader::create({nullptr, &center, nullptr});
     std::vector<std::shared_ptr<const nimb::Image>> images;
     if (loadThroughLoader(*loader, *u, images) != 0) {
       std::fprintf(stderr, "warm-up load failed\n");
@@ -602,7 +602,7 @@ int peakChild(const std::string& kind, const std::string& base) {
   long peak = -1;
   if (kind == "loader") {
     nimb::NotificationCenter center;
-    auto loader = nimb::VQImageLoader::create(&center);
+    auto loader = nimb::VQImageLoader::create({nullptr, &center, nullptr});
     std::vector<std::shared_ptr<const nimb::Image>> images;
     failed = loadThroughLoader(*loader, urls, images);
     peak = vmHwmKb();

@@ -8,16 +8,18 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <thread>
 #include <vector>
 
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "TestSupport.h"
 
@@ -31,14 +33,6 @@ using nimb::test::dataOf;
 
 namespace {
 
-std::string indexPath() {
-  return VQCache::pathForKey("VQCache.plist");
-}
-
-std::optional<nimb::Dictionary> indexOnDisk() {
-  return nimb::PropertyList::dictionaryWithContentsOfFile(indexPath());
-}
-
 // Lets queued file writes land and the deferred index save run.
 void settle(VQCache& cache) {
   cache.diskOperationQueue().waitUntilAllOperationsAreFinished();
@@ -46,15 +40,43 @@ void settle(VQCache& cache) {
   cache.diskOperationQueue().waitUntilAllOperationsAreFinished();
 }
 
+// Sets the modification time of `path` two minutes back.
+bool backdate(const std::string& path) {
+  const timespec past[2] = {{std::time(nullptr) - 120, 0}, {std::time(nullptr) - 120, 0}};
+  return ::utimensat(AT_FDCWD, path.c_str(), past, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// Each test has a cache directory of its own; instances are opened on it.
 class VQCacheTest : public ::testing::Test {
  protected:
-  void TearDown() override { nimb::Clock::setCurrent(nullptr); }
+  void TearDown() override {
+    nimb::Clock::setCurrent(nullptr);
+    RunLoop::main().runUntilIdle(5);  // saves still pending run now, not in the next test
+    cache.reset();
+    std::error_code ec;
+    std::filesystem::remove_all(root, ec);
+  }
   // Pins "now" so expiry can be tested to the instant.
   std::shared_ptr<nimb::ManualClock> pinClock(double at = 1.8e9) {
     auto clock = std::make_shared<nimb::ManualClock>(Date::fromTimeIntervalSince1970(at));
     nimb::Clock::setCurrent(clock);
     return clock;
   }
+  // Another instance on the directory: a restart, or another process.
+  std::shared_ptr<VQCache> open(double defaultTimeout = 86400) {
+    auto opened = VQCache::open({nullptr, directory, defaultTimeout});
+    EXPECT_TRUE(opened);
+    return opened;
+  }
+  std::string path(std::string_view key) const { return directory + "/" + std::string(key); }
+  std::string indexPath() const { return path("VQCache.plist"); }
+  std::optional<nimb::Dictionary> indexOnDisk() const {
+    return nimb::PropertyList::dictionaryWithContentsOfFile(indexPath());
+  }
+
+  const std::string root = nimb::test::makeTemporaryDirectory("vqcache");
+  const std::string directory = root + "/VQCache";
+  std::shared_ptr<VQCache> cache = open();
 };
 
 }  // namespace
@@ -63,17 +85,16 @@ TEST_F(VQCacheTest, EveryFamilyReloadsAfterRestart) {
   const nimb::Value plist(
       nimb::Dictionary{{"n", 42}, {"when", Date::fromTimeIntervalSince1970(1e9)}});
   const nimb::Bitmap bitmap{2, 1, {255, 0, 0, 255, 0, 0, 255, 128}};
-  auto cache = VQCache::currentCache();
   cache->setData(dataOf("raw\0bytes"sv), "data");
   cache->setString("héllo wörld", "string");
   cache->setPlist(plist, "plist");
   cache->setImage(nimb::Image::withBitmap(bitmap), "image");
   settle(*cache);
   // The plist family stores binary v1.0.
-  EXPECT_EQ(nimb::test::readFile(VQCache::pathForKey("plist")).substr(0, 8), "bplist00");
+  EXPECT_EQ(nimb::test::readFile(path("plist")).substr(0, 8), "bplist00");
 
   // A second instance is a restart: it only knows what the index file says.
-  auto again = VQCache::create();
+  auto again = open(0);
   EXPECT_EQ(again->cacheDictionary().size(), 4u);
   EXPECT_EQ(again->dataForKey("data"), dataOf("raw\0bytes"sv));
   EXPECT_EQ(again->stringForKey("string"), "héllo wörld");
@@ -90,21 +111,17 @@ TEST_F(VQCacheTest, EveryFamilyReloadsAfterRestart) {
 }
 
 TEST_F(VQCacheTest, BurstOfSetsWritesTheIndexOnce) {
-  auto cache = VQCache::currentCache();
   int watch = inotify_init1(IN_NONBLOCK);
   ASSERT_GE(watch, 0);
-  ASSERT_GE(inotify_add_watch(watch, VQCache::cacheDirectory().c_str(), IN_MOVED_TO), 0);
+  ASSERT_GE(inotify_add_watch(watch, directory.c_str(), IN_MOVED_TO), 0);
 
-  auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 3; ++i) {
     cache->setData(dataOf("v"), "k" + std::to_string(i));
-    std::this_thread::sleep_for(50ms);
+    // Each set withdraws the pending save and schedules it again.
+    EXPECT_EQ(RunLoop::main().scheduledCount(), 1u);
   }
-  EXPECT_EQ(RunLoop::main().scheduledCount(), 1u);
-  RunLoop::main().runUntil(start + 200ms);
-  EXPECT_FALSE(FileManager::fileExists(indexPath()));  // 0.3 s after the last set, not yet
+  EXPECT_FALSE(FileManager::fileExists(indexPath()));  // saved later, not by the set
   settle(*cache);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 400ms);
 
   int indexWrites = 0;
   alignas(inotify_event) char buf[8192];
@@ -118,17 +135,32 @@ TEST_F(VQCacheTest, BurstOfSetsWritesTheIndexOnce) {
   }
   close(watch);
   EXPECT_EQ(indexWrites, 1);
-  EXPECT_EQ(VQCache::create()->cacheDictionary().size(), 3u);
+  EXPECT_EQ(open(0)->cacheDictionary().size(), 3u);
 }
 
-// The shared instance keeps entries a day unless told otherwise, a bare one
-// not at all; an entry expires at its date to the instant.
+// The shared instance lives on the shared directory and keeps entries a
+// day; an opened one lives where it was told (or fails to open, saying
+// why); a bare one keeps entries not at all; an entry expires at its date
+// to the instant.
 TEST_F(VQCacheTest, DefaultLifetimesAndExpiryAtTheExactInstant) {
+  auto shared = VQCache::currentCache();
+  EXPECT_EQ(shared, VQCache::currentCache());
+  EXPECT_EQ(shared->defaultTimeoutInterval(), 86400.0);
+  EXPECT_EQ(shared->directory(), VQCache::cacheDirectory());
+  EXPECT_EQ(shared->lockPath(), VQCache::indexLockPath());
+  EXPECT_EQ(VQCache::indexLockPath(),
+            std::filesystem::path(VQCache::cacheDirectory()).parent_path() / "VQCache.lock");
+  EXPECT_EQ(cache->lockPath(), root + "/VQCache.lock");
+  EXPECT_EQ(cache->filePathForKey("k"), directory + "/k");
+  EXPECT_EQ(nimb::test::modeOf(directory), 0700u);
+  nimb::SystemError why;
+  ASSERT_TRUE(FileManager::writeAtomically(root + "/file", "x"sv));
+  EXPECT_FALSE(VQCache::open({nullptr, root + "/file/VQCache", 1}, &why));
+  EXPECT_EQ(why.path, root + "/file/VQCache");
+  EXPECT_NE(why.code, 0);
+
   auto clock = pinClock();
-  auto cache = VQCache::currentCache();
-  EXPECT_EQ(cache, VQCache::currentCache());
   EXPECT_EQ(cache->defaultTimeoutInterval(), 86400.0);
-  EXPECT_EQ(nimb::test::modeOf(VQCache::cacheDirectory()), 0700u);
   cache->setData(dataOf("x"), "ttl10", 10);
   settle(*cache);
   clock->advance(9.999);
@@ -139,12 +171,12 @@ TEST_F(VQCacheTest, DefaultLifetimesAndExpiryAtTheExactInstant) {
   EXPECT_FALSE(cache->dataForKey("ttl10"));
 
   // A bare instance's short form stores with lifetime 0: expired at once.
-  auto bare = VQCache::create();
+  auto bare = open(0);
   EXPECT_EQ(bare->defaultTimeoutInterval(), 0.0);
   bare->setData(dataOf("y"), "bare");
   settle(*bare);
   EXPECT_FALSE(bare->hasCacheForKey("bare"));
-  EXPECT_TRUE(FileManager::fileExists(VQCache::pathForKey("bare")));
+  EXPECT_TRUE(FileManager::fileExists(path("bare")));
   // ...while the image family ignores the index and expiry altogether.
   bare->setImage(nimb::Image::withBitmap({1, 1, {1, 2, 3, 4}}), "img", -5);
   settle(*bare);
@@ -157,18 +189,21 @@ TEST_F(VQCacheTest, DefaultLifetimesAndExpiryAtTheExactInstant) {
 // write of a key that is stale in the index, whose index save is to come.
 TEST_F(VQCacheTest, StartUpPurgeDeletesStaleFilesButKeepsEntries) {
   auto clock = pinClock(std::time(nullptr));
-  auto first = VQCache::create();
+  auto first = open(0);
   first->setData(dataOf("long"), "long", 100);
   first->setData(dataOf("short"), "short", 1);
   first->setData(dataOf("old"), "photo", 1);
   settle(*first);
-  clock->advance(10);                 // "short" and "photo" are stale in the index now
-  std::this_thread::sleep_for(20ms);  // the file below is newer than the index
+  clock->advance(10);  // "short" and "photo" are stale in the index now
+  // The files so far are older than the one below.
+  for (const char* name : {"long", "short", "photo", "VQCache.plist"}) {
+    ASSERT_TRUE(backdate(path(name))) << name;
+  }
   first->setData(dataOf("new"), "photo", 3600);
   first->diskOperationQueue().waitUntilAllOperationsAreFinished();  // the save is pending
-  auto restarted = VQCache::create();
-  EXPECT_FALSE(FileManager::fileExists(VQCache::pathForKey("short")));
-  EXPECT_TRUE(FileManager::fileExists(VQCache::pathForKey("long")));
+  auto restarted = open(0);
+  EXPECT_FALSE(FileManager::fileExists(path("short")));
+  EXPECT_TRUE(FileManager::fileExists(path("long")));
   auto entries = restarted->cacheDictionary();
   ASSERT_EQ(entries.count("short"), 1u);  // stale, but kept
   EXPECT_FALSE(restarted->hasCacheForKey("short"));
@@ -179,7 +214,7 @@ TEST_F(VQCacheTest, StartUpPurgeDeletesStaleFilesButKeepsEntries) {
   // A later save writes the stale entry back unchanged.
   restarted->setData(dataOf("z"), "other", 100);
   settle(*restarted);
-  auto third = VQCache::create();
+  auto third = open(0);
   EXPECT_EQ(third->cacheDictionary().at("short"), entries.at("short"));
   EXPECT_EQ(third->dataForKey("photo"), dataOf("new"));
 }
@@ -187,7 +222,6 @@ TEST_F(VQCacheTest, StartUpPurgeDeletesStaleFilesButKeepsEntries) {
 // Refused keys and values leave no trace; reads of bytes a family cannot
 // use, or of files gone behind the cache's back, fail cleanly.
 TEST_F(VQCacheTest, RefusedKeysAndBadBytesFailCleanly) {
-  auto cache = VQCache::currentCache();
   for (const std::string& key : {"VQCache.plist"s, ""s, "."s, ".."s, "a/b"s, "../escape"s,
                                  "nul\0key"s, std::string(256, 'k'), "not-utf8-\x9b"s}) {
     cache->setData(dataOf("x"), key, 100);
@@ -203,7 +237,7 @@ TEST_F(VQCacheTest, RefusedKeysAndBadBytesFailCleanly) {
   EXPECT_TRUE(cache->cacheDictionary().empty());
   EXPECT_EQ(RunLoop::main().scheduledCount(), 0u);  // no save was even scheduled
   EXPECT_FALSE(FileManager::fileExists(indexPath()));
-  EXPECT_FALSE(FileManager::fileExists(VQCache::cacheDirectory() + "/../escape"));
+  EXPECT_FALSE(FileManager::fileExists(directory + "/../escape"));
 
   const std::string longest(255, 'k');  // the longest file name still works
   cache->setData(dataOf("ok"), longest, 100);
@@ -215,7 +249,7 @@ TEST_F(VQCacheTest, RefusedKeysAndBadBytesFailCleanly) {
   EXPECT_FALSE(cache->stringForKey("binary"));  // not UTF-8
   EXPECT_FALSE(cache->plistForKey("text"));
   EXPECT_FALSE(cache->imageForKey("text"));
-  ASSERT_TRUE(FileManager::removeItem(VQCache::pathForKey("gone")));  // behind the cache's back
+  ASSERT_TRUE(FileManager::removeItem(path("gone")));  // behind the cache's back
   EXPECT_FALSE(cache->hasCacheForKey("gone"));
   EXPECT_FALSE(cache->dataForKey("gone"));
   EXPECT_FALSE(cache->dataForKey("never-set"));
@@ -224,15 +258,14 @@ TEST_F(VQCacheTest, RefusedKeysAndBadBytesFailCleanly) {
 // A copy takes the reserved key but never overwrites; a removal saves at
 // once; clearing deletes the files of the keys in the index, not the index.
 TEST_F(VQCacheTest, CopyRemoveAndClear) {
-  auto cache = VQCache::currentCache();
   cache->setData(dataOf("first"), "entry", 100);
   cache->setData(dataOf("b"), "b", 100);
   settle(*cache);
   auto indexBefore = FileManager::contentsAtPath(indexPath());
   ASSERT_TRUE(indexBefore);
-  ASSERT_TRUE(FileManager::writeAtomically(VQCache::pathForKey("stray"), "s"sv));
+  ASSERT_TRUE(FileManager::writeAtomically(path("stray"), "s"sv));
 
-  std::string source = VQCache::cacheDirectory() + "/../source.bin";
+  std::string source = directory + "/../source.bin";
   ASSERT_TRUE(FileManager::writeAtomically(source, "copied"sv));
   // Onto the index name: the copy fails, the entry is recorded anyway.
   cache->copyFilePath(source, "VQCache.plist", 100);
@@ -256,18 +289,17 @@ TEST_F(VQCacheTest, CopyRemoveAndClear) {
   ASSERT_TRUE(cleared);
   EXPECT_TRUE(cleared->empty());
   for (const char* key : {"entry", "b", "copy"}) {
-    EXPECT_FALSE(FileManager::fileExists(VQCache::pathForKey(key))) << key;
+    EXPECT_FALSE(FileManager::fileExists(path(key))) << key;
   }
-  EXPECT_TRUE(FileManager::fileExists(VQCache::pathForKey("stray")));  // not in the index
+  EXPECT_TRUE(FileManager::fileExists(path("stray")));  // not in the index
 }
 
 // A damaged index, or a FIFO in its place, reads as empty at once, and the
 // next save replaces it with what the instance knows, not with its latest
 // change alone.
 TEST_F(VQCacheTest, CorruptIndexReadsAsEmptyAndIsRepaired) {
-  ASSERT_TRUE(FileManager::createDirectory(VQCache::cacheDirectory()));
   ASSERT_TRUE(FileManager::writeAtomically(indexPath(), "<plist><dict><key>"sv));
-  auto cache = VQCache::currentCache();
+  cache = open();
   EXPECT_TRUE(cache->cacheDictionary().empty());
   cache->setData(dataOf("v"), "k", 100);
   settle(*cache);
@@ -276,7 +308,7 @@ TEST_F(VQCacheTest, CorruptIndexReadsAsEmptyAndIsRepaired) {
     ASSERT_EQ(::unlink(indexPath().c_str()), 0);
     ASSERT_TRUE(key == "l" ? FileManager::writeAtomically(indexPath(), "garbage"sv)
                            : ::mkfifo(indexPath().c_str(), 0600) == 0);
-    EXPECT_TRUE(VQCache::create()->cacheDictionary().empty()) << key;
+    EXPECT_TRUE(open(0)->cacheDictionary().empty()) << key;
     cache->setData(dataOf("w"), key, 100);
     settle(*cache);
     EXPECT_EQ(indexOnDisk().value_or(nimb::Dictionary{}).size(), key == "l" ? 2u : 3u) << key;
@@ -285,7 +317,6 @@ TEST_F(VQCacheTest, CorruptIndexReadsAsEmptyAndIsRepaired) {
 }
 
 TEST_F(VQCacheTest, SetsFromManyThreadsWhileSavesRun) {
-  auto cache = VQCache::currentCache();
   constexpr int kThreads = 4;
   constexpr int kPerThread = 50;
   std::atomic<int> finished{0};
@@ -319,13 +350,13 @@ TEST_F(VQCacheTest, SetsFromManyThreadsWhileSavesRun) {
 // own sets and removals onto the index as it is on disk: none loses the
 // other's entries, and a clear removes only the keys its instance knew.
 TEST_F(VQCacheTest, InstancesSharingTheIndexLoseNothing) {
-  auto a = VQCache::create();
-  auto b = VQCache::create();
+  auto a = open(0);
+  auto b = open(0);
   a->setData(dataOf("a"), "from-a", 100);
   b->setData(dataOf("b"), "from-b", 100);
   settle(*a);
   settle(*b);
-  auto onDisk = [] {
+  auto onDisk = [this] {
     std::set<std::string> keys;
     for (const auto& entry : indexOnDisk().value_or(nimb::Dictionary{})) keys.insert(entry.first);
     return keys;
@@ -363,10 +394,9 @@ TEST_F(VQCacheTest, InstancesSharingTheIndexLoseNothing) {
 // writes nothing; it is tried again on the main run loop and lands once the
 // lock is free.
 TEST_F(VQCacheTest, ASaveWaitsForTheIndexLockAndLandsAfterIt) {
-  auto cache = VQCache::currentCache();
   cache->setData(dataOf("v"), "k", 100);
   settle(*cache);
-  const int held = ::open(VQCache::indexLockPath().c_str(), O_RDWR);
+  const int held = ::open(cache->lockPath().c_str(), O_RDWR);
   ASSERT_GE(held, 0);
   ASSERT_EQ(::flock(held, LOCK_EX), 0);
   cache->removeCacheForKey("k");
@@ -380,15 +410,14 @@ TEST_F(VQCacheTest, ASaveWaitsForTheIndexLockAndLandsAfterIt) {
 // A symbolic link or a FIFO under a live key's name reads as missing, at
 // once. (A FIFO as the index: see CorruptIndexReadsAsEmptyAndIsRepaired.)
 TEST_F(VQCacheTest, LinksAndSpecialFilesReadAsMissing) {
-  auto cache = VQCache::currentCache();
   cache->setImage(nimb::Image::withBitmap({1, 1, {1, 2, 3, 255}}), "linked", 100);
   cache->setData(dataOf("v"), "fifo", 100);
   settle(*cache);
-  const std::string outside = std::string(std::getenv("HOME")) + "/outside.png";
-  ASSERT_EQ(::rename(VQCache::pathForKey("linked").c_str(), outside.c_str()), 0);
-  ASSERT_EQ(::symlink(outside.c_str(), VQCache::pathForKey("linked").c_str()), 0);
-  ASSERT_EQ(::unlink(VQCache::pathForKey("fifo").c_str()), 0);
-  ASSERT_EQ(::mkfifo(VQCache::pathForKey("fifo").c_str(), 0600), 0);
+  const std::string outside = root + "/outside.png";
+  ASSERT_EQ(::rename(path("linked").c_str(), outside.c_str()), 0);
+  ASSERT_EQ(::symlink(outside.c_str(), path("linked").c_str()), 0);
+  ASSERT_EQ(::unlink(path("fifo").c_str()), 0);
+  ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
 
   ::alarm(20);  // a read that blocks fails the test instead of hanging it
   for (const char* key : {"linked", "fifo"}) {
@@ -402,7 +431,6 @@ TEST_F(VQCacheTest, LinksAndSpecialFilesReadAsMissing) {
 // A new instance removes the cache's own temporaries that have not been
 // touched for a minute; fresh ones, other names and entries' files stay.
 TEST_F(VQCacheTest, AbandonedTemporariesAreSweptAtStartUp) {
-  auto cache = VQCache::currentCache();
   const std::string lookalike = ".key.tmp-Kept01";  // a key may have the shape
   cache->setData(dataOf("entry"), lookalike, 100);
   settle(*cache);
@@ -414,15 +442,14 @@ TEST_F(VQCacheTest, AbandonedTemporariesAreSweptAtStartUp) {
                {".photo.tmp-Fresh1", false, false},
                {"photo.tmp-a1B2c3", true, false},  // not a temporary's name
                {lookalike, true, false}};
-  const timespec past[2] = {{std::time(nullptr) - 120, 0}, {std::time(nullptr) - 120, 0}};
   for (const auto& file : files) {
-    const std::string path = VQCache::pathForKey(file.name);
-    ASSERT_TRUE(file.name == lookalike || FileManager::writeAtomically(path, "partial"sv));
-    ASSERT_TRUE(!file.old || ::utimensat(AT_FDCWD, path.c_str(), past, 0) == 0) << file.name;
+    const std::string at = path(file.name);
+    ASSERT_TRUE(file.name == lookalike || FileManager::writeAtomically(at, "partial"sv));
+    ASSERT_TRUE(!file.old || backdate(at)) << file.name;
   }
-  VQCache::create()->diskOperationQueue().waitUntilAllOperationsAreFinished();
+  open(0)->diskOperationQueue().waitUntilAllOperationsAreFinished();
   for (const auto& file : files) {
-    EXPECT_EQ(FileManager::fileExists(VQCache::pathForKey(file.name)), !file.swept) << file.name;
+    EXPECT_EQ(FileManager::fileExists(path(file.name)), !file.swept) << file.name;
   }
   EXPECT_EQ(cache->dataForKey(lookalike), dataOf("entry"));
 }

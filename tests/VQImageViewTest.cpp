@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "FakeTransport.h"
 #include "HttpTestServer.h"
 #include "TestSupport.h"
 
@@ -32,26 +35,42 @@ struct Told {
   }
 };
 
+// Views on a loader of their own: its own cache, centre, and a transport
+// that answers `picture` from memory, but a page that is no picture the
+// first time a path starting "flaky" is asked for.
 class VQImageViewTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    server.servePictures(picture);
-    server.start();
+  void TearDown() override {
+    view.reset();
+    loader.reset();
+    RunLoop::main().runUntilIdle(5);  // the cache's pending save runs here
+    std::error_code ec;
+    std::filesystem::remove_all(root, ec);
   }
-  URL url(const std::string& path) { return *URL::withString(server.url("/" + path)); }
+  static URL url(const std::string& path) { return *URL::withString("http://images.test/" + path); }
   void settle() {  // the cache writes on its disk queue
-    VQCache::currentCache()->diskOperationQueue().waitUntilAllOperationsAreFinished();
+    cache->diskOperationQueue().waitUntilAllOperationsAreFinished();
   }
 
   const std::shared_ptr<const Image> placeholder =
       Image::withBitmap(Bitmap{2, 2, std::vector<std::uint8_t>(16, 9)});
   std::string picture = pngBody(bands(300, 200));
-  HttpTestServer server;
-  std::atomic<int>& requests = server.requests;
+  const std::string root = makeTemporaryDirectory("view");
+  std::shared_ptr<VQCache> cache = VQCache::open({nullptr, root + "/VQCache", 86400});
+  std::shared_ptr<FakeTransport> transport =
+      std::make_shared<FakeTransport>([this](const std::string& path, int hit) {
+        if (hit == 1 && path.starts_with("/flaky")) {
+          return FakeTransport::Reply{"<html></html>", "text/html"};
+        }
+        return FakeTransport::Reply{picture};
+      });
+  std::atomic<int>& requests = transport->requests;
+  NotificationCenter center;
+  std::shared_ptr<VQImageLoader> loader = VQImageLoader::create({cache, &center, transport});
   Told told;
   std::shared_ptr<VQImageViewDelegate> delegate = told.delegate();
   std::shared_ptr<VQImageView> view =
-      VQImageView::createWithPlaceholderImage(placeholder, delegate);
+      VQImageView::createWithPlaceholderImage(placeholder, delegate, loader);
 };
 
 }  // namespace
@@ -61,6 +80,8 @@ class VQImageViewTest : public ::testing::Test {
 // setImageURL returns.
 TEST_F(VQImageViewTest, PlaceholderThenDownloadThenTheCachedPictureAtOnce) {
   EXPECT_EQ(view->image(), placeholder);
+  EXPECT_EQ(view->imageLoader(), loader);
+  EXPECT_EQ(VQImageView::create()->imageLoader(), VQImageLoader::sharedImageLoader());
   EXPECT_TRUE(view->isAutoStart());
   EXPECT_TRUE(view->isOpaque());
   view->setImageURL(std::nullopt);
@@ -79,19 +100,24 @@ TEST_F(VQImageViewTest, PlaceholderThenDownloadThenTheCachedPictureAtOnce) {
   settle();
   EXPECT_TRUE(view->isCacheImage());
 
-  auto cached = VQImageView::createWithPlaceholderImage(placeholder, delegate);
+  auto cached = VQImageView::createWithPlaceholderImage(placeholder, delegate, loader);
   cached->setImageURL(url("a.png"));
   EXPECT_EQ(told.loaded, 2);
   ASSERT_TRUE(cached->image());
   EXPECT_EQ(cached->image()->size(), (Size{300, 200}));
   EXPECT_EQ(cached->status(), VQImageView::kNotLoaded);
   EXPECT_TRUE(cached->isCacheImage());
-  pumpFor(0.1);
+  ASSERT_TRUE(RunLoop::current().runUntilIdle(10));
   EXPECT_EQ(requests.load(), 1);
 
-  // Teardown leaves the loader's notifications.
+  // Teardown, or a change of loader, leaves the loader's notifications.
+  cached->setImageURL(url("b.png"));
+  EXPECT_GT(center.observerCount(), 0u);
+  cached->setImageLoader(nullptr);
+  EXPECT_EQ(cached->imageLoader(), VQImageLoader::sharedImageLoader());
+  cached->cancelImageLoad();
   view.reset(), cached.reset();
-  EXPECT_EQ(NotificationCenter::defaultCenter().observerCount(), 0u);
+  EXPECT_EQ(center.observerCount(), 0u);
 }
 
 // A cropping view shows the centred square of the picture at twice its
@@ -108,7 +134,8 @@ TEST_F(VQImageViewTest, CroppingCutsTheCentredSquareAndDownloadsOnlyWhenStartedB
 
   view->setImageURL(url("crop.png"));
   view->startImageLoad();  // auto-start is on: nothing
-  pumpFor(0.2);
+  EXPECT_FALSE(loader->isLoadingImageURL(url("crop.png")));
+  ASSERT_TRUE(RunLoop::current().runUntilIdle(10));
   EXPECT_EQ(requests.load(), 0);
   EXPECT_EQ(view->image(), placeholder);
   view->setIsAutoStart(false);
@@ -116,15 +143,14 @@ TEST_F(VQImageViewTest, CroppingCutsTheCentredSquareAndDownloadsOnlyWhenStartedB
   ASSERT_TRUE(pumpUntil([&] { return told.loaded > 0; }, 10));
   EXPECT_EQ(view->image()->size(), (Size{100, 100}));
   settle();
-  EXPECT_TRUE(
-      VQCache::currentCache()->hasCacheForKey(VQImageView::cutOffKeyForURL(url("crop.png"))));
+  EXPECT_TRUE(cache->hasCacheForKey(VQImageView::cutOffKeyForURL(url("crop.png"))));
   // Clearing drops the loader's entry only; the crop keeps the view cached.
   view->clearCache();
-  EXPECT_FALSE(VQImageLoader::sharedImageLoader()->hasLoadedImageURL(url("crop.png")));
+  EXPECT_FALSE(loader->hasLoadedImageURL(url("crop.png")));
   EXPECT_TRUE(view->isCacheImage());
 
   // A second cropping view finds the crop without a download.
-  auto other = VQImageView::createWithPlaceholderImage(placeholder);
+  auto other = VQImageView::createWithPlaceholderImage(placeholder, {}, loader);
   other->setNeedCutOff(true);
   other->setImageURL(url("crop.png"));
   EXPECT_EQ(other->image()->size(), (Size{100, 100}));
@@ -167,9 +193,9 @@ TEST_F(VQImageViewTest, CacheLifetimeRefusesNonPositiveValuesOnThePlatformLog) {
   });
   EXPECT_NE(err.find("] [0.000000] is error\n"), std::string::npos) << err;
   EXPECT_NE(err.find("] [-2.500000] is error\n"), std::string::npos) << err;
-  EXPECT_EQ(VQImageLoader::sharedImageLoader()->cache_seconds(), 604800.0);
+  EXPECT_EQ(loader->cache_seconds(), 604800.0);
   view->setCacheSecondes(60);
-  EXPECT_EQ(VQImageLoader::sharedImageLoader()->cache_seconds(), 60.0);
+  EXPECT_EQ(loader->cache_seconds(), 60.0);
 }
 
 // A delegate that sets the same URL again when it hears of a failure gets

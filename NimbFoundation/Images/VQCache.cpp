@@ -10,11 +10,14 @@
 #include <set>
 #include <utility>
 
+#include <atomic>
+#include <mutex>
+
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Core/Text.h>
 #include <NimbFoundation/Platform/Env/FileLock.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
-#include <NimbFoundation/Platform/Core/Text.h>
 
 namespace nimb {
 
@@ -34,8 +37,9 @@ constexpr double kAbandonedTemporaryAge = 60;
 constexpr auto kIndexLockWait = std::chrono::milliseconds(1000);
 constexpr double kIndexLockRetryDelay = 1.0;
 
-std::string indexPath() {
-  return FileManager::appendingPathComponent(VQCache::cacheDirectory(), VQCache::kIndexFileName);
+// "VQCache.lock" in the folder that holds `directory`.
+std::string lockPathBeside(const std::string& directory) {
+  return directory.substr(0, directory.find_last_of('/')) + "/VQCache.lock";
 }
 
 bool isReserved(std::string_view key) {
@@ -45,8 +49,8 @@ bool isReserved(std::string_view key) {
 // The key-to-date pairs of the index file as it is on disk now; whatever
 // else a damaged or foreign index holds is left out. nullopt when there is
 // no index or it is no property-list dictionary.
-std::optional<std::map<std::string, Date>> readIndexFile() {
-  auto index = PropertyList::dictionaryWithContentsOfFile(indexPath(), FollowLinks::No);
+std::optional<std::map<std::string, Date>> readIndexFile(const std::string& indexPath) {
+  auto index = PropertyList::dictionaryWithContentsOfFile(indexPath, FollowLinks::No);
   if (!index) return std::nullopt;
   std::map<std::string, Date> entries;
   while (!index->empty()) {
@@ -76,7 +80,66 @@ bool isFileAtPath(int fd, const std::string& path) {
          held.st_dev == current.st_dev && held.st_ino == current.st_ino;
 }
 
+void writeData(const Data& data, const std::string& path) {
+  if (FileManager::writeAtomically(path, data)) return;
+  // The directory may have been removed behind the cache's back.
+  const std::string dir = path.substr(0, path.find_last_of('/'));
+  if (!FileManager::isDirectory(dir) && FileManager::createDirectory(dir, true)) {
+    FileManager::writeAtomically(path, data);
+  }
+}
+
 }  // namespace
+
+// Key to its new expiry date, or to nullopt for a removal.
+using Changes = std::map<std::string, std::optional<Date>>;
+
+struct VQCache::Impl {
+  Impl(std::shared_ptr<Env> e, std::string dir, double timeout)
+      : env(std::move(e)),
+        directory(std::move(dir)),
+        lockPath(lockPathBeside(directory)),
+        indexPath(FileManager::appendingPathComponent(directory, kIndexFileName)),
+        defaultTimeoutInterval(timeout) {}
+  ~Impl() {
+    // The queue goes first: its destructor lets queued writes land.
+    diskOperationQueue.reset();
+    if (lastSavedFd >= 0) ::close(lastSavedFd);
+  }
+
+  std::string pathForKey(std::string_view key) const {
+    return FileManager::appendingPathComponent(directory, key);
+  }
+  // Puts changes a save could not write back among the unsaved ones.
+  void restoreChanges(Changes changes) {
+    // A change made meanwhile is newer and wins.
+    std::lock_guard lock(dictionaryMutex);
+    for (auto& [key, expiry] : changes) unsavedChanges.try_emplace(key, std::move(expiry));
+  }
+  void forgetLastSaved() {
+    if (lastSavedFd >= 0) ::close(lastSavedFd);
+    lastSavedFd = -1;
+    lastSaved.clear();
+  }
+  void perform(OperationQueue::Operation op) { diskOperationQueue->addOperation(std::move(op)); }
+
+  const std::shared_ptr<Env> env;
+  const std::string directory;
+  const std::string lockPath;
+  const std::string indexPath;
+  mutable std::mutex dictionaryMutex;  // guards the two maps below
+  std::map<std::string, Date> cacheDictionary;
+  // What this instance changed in the index since its last save.
+  Changes unsavedChanges;
+  // Guarded by saveMutex: what this instance's last save wrote, and the
+  // file it wrote, held open so that its inode cannot pass to another file;
+  // while that file is still the index, the next save need not read it.
+  std::map<std::string, Date> lastSaved;
+  int lastSavedFd = -1;
+  std::mutex saveMutex;
+  std::unique_ptr<OperationQueue> diskOperationQueue = std::make_unique<OperationQueue>();
+  std::atomic<double> defaultTimeoutInterval{0.0};
+};
 
 const std::string& VQCache::cacheDirectory() {
   // Fixed at first use: a later change of $XDG_CACHE_HOME must not split
@@ -106,21 +169,41 @@ bool VQCache::isExpired(Date expiry, Date now) {
   return !(expiry > now);
 }
 
-std::shared_ptr<VQCache> VQCache::create() {
-  auto cache = std::make_shared<VQCache>(Passkey{});
+std::shared_ptr<VQCache> VQCache::open(Options options, SystemError* whyNot) {
+  std::string directory = options.directory.empty() ? cacheDirectory() : options.directory;
+  // The parent of a relative name is the working directory.
+  if (directory.find('/') == std::string::npos) directory = "./" + directory;
+  while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
+  errno = 0;
+  if (!FileManager::createDirectory(directory, true) && !FileManager::isDirectory(directory)) {
+    if (whyNot) *whyNot = SystemError{errno ? errno : ENOTDIR, directory};
+    return nullptr;
+  }
+  auto impl =
+      std::make_unique<Impl>(std::move(options.env), std::move(directory), options.defaultTimeout);
+  auto cache = std::make_shared<VQCache>(Passkey{}, std::move(impl));
   // Off the caller's thread: the directory may hold many thousand entries.
   // The job holds its own copies, never the instance, so it may still run
   // while the instance or the process goes away.
   std::set<std::string> keep;
   {
-    std::lock_guard lock(cache->dictionaryMutex_);
-    for (const auto& entry : cache->cacheDictionary_) {
+    std::lock_guard lock(cache->impl_->dictionaryMutex);
+    for (const auto& entry : cache->impl_->cacheDictionary) {
       if (FileManager::isTemporaryFileName(entry.first)) keep.insert(entry.first);
     }
   }
-  cache->performDiskWriteOperation([dir = cacheDirectory(), keep = std::move(keep)] {
+  cache->impl_->perform([dir = cache->impl_->directory, keep = std::move(keep)] {
     FileManager::removeAbandonedTemporaries(dir, kAbandonedTemporaryAge, keep);
   });
+  return cache;
+}
+
+std::shared_ptr<VQCache> VQCache::create() {
+  // The shared directory is used even when it cannot be made: every
+  // operation then fails quietly, as it would had it gone later.
+  if (auto cache = open({nullptr, {}, 0.0})) return cache;
+  auto cache =
+      std::make_shared<VQCache>(Passkey{}, std::make_unique<Impl>(nullptr, cacheDirectory(), 0.0));
   return cache;
 }
 
@@ -136,53 +219,76 @@ std::shared_ptr<VQCache> VQCache::currentCache() {
   return *shared;
 }
 
-VQCache::VQCache(Passkey)
-    : cacheDictionary_(readIndexFile().value_or(std::map<std::string, Date>{})),
-      diskOperationQueue_(std::make_unique<OperationQueue>()) {
-  FileManager::createDirectory(cacheDirectory(), true);
+VQCache::VQCache(Passkey, std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
+  Impl& d = *impl_;
+  d.cacheDictionary = readIndexFile(d.indexPath).value_or(std::map<std::string, Date>{});
+  FileManager::createDirectory(d.directory, true);
   // One instant for the whole purge, so that it treats every entry alike.
   const Date now = Date::now();
-  const std::int64_t indexWritten = modifiedNs(indexPath());
-  for (const auto& [key, expiry] : cacheDictionary_) {
+  const std::int64_t indexWritten = modifiedNs(d.indexPath);
+  for (const auto& [key, expiry] : d.cacheDictionary) {
     // The file goes, the entry stays: it keeps failing the expiry test until
     // it is removed or set again.
     if (!isExpired(expiry, now) || !isUsableKey(key) || isReserved(key)) continue;
     // A file written after the index was saved belongs to a set whose save
     // is still to come, in this process or another: it is not this stale
     // entry's file.
-    const std::string path = pathForKey(key);
+    const std::string path = d.pathForKey(key);
     if (modifiedNs(path) > indexWritten) continue;
     FileManager::removeItem(path);
   }
 }
 
 // The queue's destructor lets queued writes land before the instance goes.
-VQCache::~VQCache() {
-  if (lastSavedFd_ >= 0) ::close(lastSavedFd_);
-}
+VQCache::~VQCache() = default;
 
 const std::string& VQCache::indexLockPath() {
-  static const std::string path = [] {
-    const std::string& dir = cacheDirectory();
-    return dir.substr(0, dir.find_last_of('/')) + "/VQCache.lock";
-  }();
+  static const std::string path = lockPathBeside(cacheDirectory());
   return path;
+}
+
+const std::string& VQCache::directory() const {
+  return impl_->directory;
+}
+
+const std::string& VQCache::lockPath() const {
+  return impl_->lockPath;
+}
+
+std::string VQCache::filePathForKey(std::string_view key) const {
+  return impl_->pathForKey(key);
+}
+
+const std::shared_ptr<Env>& VQCache::env() const {
+  return impl_->env;
+}
+
+double VQCache::defaultTimeoutInterval() const {
+  return impl_->defaultTimeoutInterval.load();
+}
+
+void VQCache::setDefaultTimeoutInterval(double seconds) {
+  impl_->defaultTimeoutInterval.store(seconds);
+}
+
+OperationQueue& VQCache::diskOperationQueue() {
+  return *impl_->diskOperationQueue;
 }
 
 bool VQCache::hasCacheForKey(const std::string& key) const {
   if (!isUsableKey(key)) return false;
   {
-    std::lock_guard lock(dictionaryMutex_);
-    auto it = cacheDictionary_.find(key);
-    if (it == cacheDictionary_.end() || isExpired(it->second)) return false;
+    std::lock_guard lock(impl_->dictionaryMutex);
+    auto it = impl_->cacheDictionary.find(key);
+    if (it == impl_->cacheDictionary.end() || isExpired(it->second)) return false;
   }
   // A symbolic link or a special file under the key's name is no entry.
-  return FileManager::isRegularFile(pathForKey(key), FollowLinks::No);
+  return FileManager::isRegularFile(impl_->pathForKey(key), FollowLinks::No);
 }
 
 std::optional<Data> VQCache::dataForKey(const std::string& key) const {
   if (!hasCacheForKey(key)) return std::nullopt;
-  return FileManager::contentsAtPath(pathForKey(key), FollowLinks::No);
+  return FileManager::contentsAtPath(impl_->pathForKey(key), FollowLinks::No);
 }
 
 void VQCache::setData(Data data, const std::string& key) {
@@ -191,9 +297,8 @@ void VQCache::setData(Data data, const std::string& key) {
 
 void VQCache::setData(Data data, const std::string& key, double timeoutInterval) {
   if (isReserved(key) || !isUsableKey(key)) return;
-  std::string path = pathForKey(key);
-  performDiskWriteOperation(
-      [data = std::move(data), path = std::move(path)] { writeData(data, path); });
+  std::string path = impl_->pathForKey(key);
+  impl_->perform([data = std::move(data), path = std::move(path)] { writeData(data, path); });
   recordEntry(key, timeoutInterval);
 }
 
@@ -201,12 +306,13 @@ void VQCache::recordEntry(const std::string& key, double timeoutInterval) {
   // NaN would make a date that is never expired; count it as no lifetime.
   if (std::isnan(timeoutInterval)) timeoutInterval = 0;
   {
-    std::lock_guard lock(dictionaryMutex_);
+    std::lock_guard lock(impl_->dictionaryMutex);
     const Date expiry = Date::now().addingTimeInterval(timeoutInterval);
-    cacheDictionary_[key] = expiry;
-    unsavedChanges_[key] = expiry;
+    impl_->cacheDictionary[key] = expiry;
+    impl_->unsavedChanges[key] = expiry;
   }
-  RunLoop::performOnMainThread([self = shared_from_this()] { self->saveAfterDelay(); }, true);
+  RunLoop::performOnMainThread([self = shared_from_this()] { self->saveAfterDelay(kSaveDelay); },
+                               true);
 }
 
 std::optional<std::string> VQCache::stringForKey(const std::string& key) const {
@@ -227,7 +333,7 @@ void VQCache::setString(std::string_view string, const std::string& key, double 
 
 std::shared_ptr<const Image> VQCache::imageForKey(const std::string& key) const {
   if (!isUsableKey(key)) return nullptr;
-  auto bytes = FileManager::contentsAtPath(pathForKey(key), FollowLinks::No);
+  auto bytes = FileManager::contentsAtPath(impl_->pathForKey(key), FollowLinks::No);
   if (!bytes) return nullptr;
   return Image::withData(std::move(*bytes));
 }
@@ -269,7 +375,7 @@ void VQCache::copyFilePath(const std::string& sourcePath, const std::string& key
   // The index name is not refused here: copying onto it fails because the
   // index file is there, and the entry is recorded all the same.
   if (!isUsableKey(key)) return;
-  FileManager::copyItem(sourcePath, pathForKey(key));
+  FileManager::copyItem(sourcePath, impl_->pathForKey(key));
   recordEntry(key, timeoutInterval);
 }
 
@@ -283,28 +389,28 @@ void VQCache::removeItemFromCache(const std::string& key) {
   // An entry named like the index (only copyFilePath makes one) is dropped,
   // but its "file" is the index itself, which must survive.
   if (!isReserved(key)) {
-    std::string path = pathForKey(key);
-    performDiskWriteOperation([path = std::move(path)] { deleteDataAtPath(path); });
+    std::string path = impl_->pathForKey(key);
+    impl_->perform([path = std::move(path)] { FileManager::removeItem(path); });
   }
-  std::lock_guard lock(dictionaryMutex_);
-  cacheDictionary_.erase(key);
-  unsavedChanges_[key] = std::nullopt;
+  std::lock_guard lock(impl_->dictionaryMutex);
+  impl_->cacheDictionary.erase(key);
+  impl_->unsavedChanges[key] = std::nullopt;
 }
 
 void VQCache::clearCache() {
   std::vector<std::string> keys;
   {
-    std::lock_guard lock(dictionaryMutex_);
-    keys.reserve(cacheDictionary_.size());
-    for (const auto& entry : cacheDictionary_) keys.push_back(entry.first);
+    std::lock_guard lock(impl_->dictionaryMutex);
+    keys.reserve(impl_->cacheDictionary.size());
+    for (const auto& entry : impl_->cacheDictionary) keys.push_back(entry.first);
   }
   for (const auto& key : keys) removeItemFromCache(key);
   saveCacheDictionary();
 }
 
 std::map<std::string, Date> VQCache::cacheDictionary() const {
-  std::lock_guard lock(dictionaryMutex_);
-  return cacheDictionary_;
+  std::lock_guard lock(impl_->dictionaryMutex);
+  return impl_->cacheDictionary;
 }
 
 void VQCache::saveAfterDelay(double seconds) {
@@ -317,14 +423,15 @@ void VQCache::saveAfterDelay(double seconds) {
 void VQCache::saveCacheDictionary() {
   // Holding the save lock across taking the changes and writing keeps this
   // instance's saves in order: a later save never writes older changes.
-  std::lock_guard saving(saveMutex_);
+  Impl& d = *impl_;
+  std::lock_guard saving(d.saveMutex);
   Changes changes;
   {
-    std::lock_guard lock(dictionaryMutex_);
-    changes.swap(unsavedChanges_);
+    std::lock_guard lock(impl_->dictionaryMutex);
+    changes.swap(impl_->unsavedChanges);
   }
   // The directory may have been removed behind the cache's back.
-  FileManager::createDirectory(cacheDirectory(), true);
+  FileManager::createDirectory(d.directory, true);
   bool written = false;
   {
     // Other processes (and other instances) save the same file: under the
@@ -332,26 +439,26 @@ void VQCache::saveCacheDictionary() {
     // nothing else, so no one's entries are lost. Nothing is written while
     // someone else holds the lock (a process stopped midway, say): the save
     // is tried again a little later instead.
-    FileLock lock(indexLockPath(), kIndexLockWait);
+    FileLock lock(d.lockPath, kIndexLockWait);
     if (lock.state() == FileLock::State::Busy) {
-      restoreChanges(std::move(changes));
+      d.restoreChanges(std::move(changes));
       RunLoop::performOnMainThread(
           [self = shared_from_this()] { self->saveAfterDelay(kIndexLockRetryDelay); }, false);
       return;
     }
     std::map<std::string, Date> entries;
-    if (isFileAtPath(lastSavedFd_, indexPath())) {
+    if (isFileAtPath(d.lastSavedFd, d.indexPath)) {
       // Still the file this instance wrote last: its contents are known,
       // and parsing it again would be the dearest part of the save.
-      entries = std::move(lastSaved_);
-    } else if (auto onDisk = readIndexFile()) {
+      entries = std::move(d.lastSaved);
+    } else if (auto onDisk = readIndexFile(d.indexPath)) {
       entries = std::move(*onDisk);
     } else {
       // No index, or a damaged one: this instance's own view (which holds
       // its changes already) is the best there is.
       entries = cacheDictionary();
     }
-    forgetLastSaved();
+    d.forgetLastSaved();
     for (const auto& [key, expiry] : changes) {
       if (expiry) {
         entries.insert_or_assign(key, *expiry);
@@ -361,43 +468,14 @@ void VQCache::saveCacheDictionary() {
     }
     Dictionary index;
     for (const auto& [key, expiry] : entries) index.emplace_hint(index.end(), key, expiry);
-    written = PropertyList::writeDictionaryToFile(index, indexPath());
+    written = PropertyList::writeDictionaryToFile(index, d.indexPath);
     if (written) {
-      lastSavedFd_ = ::open(indexPath().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-      if (lastSavedFd_ >= 0) lastSaved_ = std::move(entries);
+      d.lastSavedFd = ::open(d.indexPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+      if (d.lastSavedFd >= 0) d.lastSaved = std::move(entries);
     }
   }
   // Kept for the next save.
-  if (!written) restoreChanges(std::move(changes));
-}
-
-void VQCache::restoreChanges(Changes changes) {
-  // A change made meanwhile is newer and wins.
-  std::lock_guard lock(dictionaryMutex_);
-  for (auto& [key, expiry] : changes) unsavedChanges_.try_emplace(key, std::move(expiry));
-}
-
-void VQCache::forgetLastSaved() {
-  if (lastSavedFd_ >= 0) ::close(lastSavedFd_);
-  lastSavedFd_ = -1;
-  lastSaved_.clear();
-}
-
-void VQCache::writeData(const Data& data, const std::string& path) {
-  if (FileManager::writeAtomically(path, data)) return;
-  // The directory may have been removed behind the cache's back.
-  const std::string dir = path.substr(0, path.find_last_of('/'));
-  if (!FileManager::isDirectory(dir) && FileManager::createDirectory(dir, true)) {
-    FileManager::writeAtomically(path, data);
-  }
-}
-
-void VQCache::deleteDataAtPath(const std::string& path) {
-  FileManager::removeItem(path);
-}
-
-void VQCache::performDiskWriteOperation(OperationQueue::Operation op) {
-  diskOperationQueue_->addOperation(std::move(op));
+  if (!written) d.restoreChanges(std::move(changes));
 }
 
 }  // namespace nimb

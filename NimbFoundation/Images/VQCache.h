@@ -1,6 +1,7 @@
 // VQCache: a small key-value store on disk with an expiry date per entry.
 //
-// Each value is one file, named exactly by its key, in the process's cache
+// Each value is one file, named exactly by its key, in the cache's
+// directory: the one open() was given, or the process's shared cache
 // directory ($XDG_CACHE_HOME or ~/.cache, then the process name, then
 // "VQCache"). One index file there, "VQCache.plist" (an XML property list of
 // key to expiry date), says until when each file is valid. The image loader
@@ -49,16 +50,17 @@
 //   - An entry file, or the index, that is a symbolic link or a special file
 //     (a FIFO, a device) reads as missing; nothing follows it or waits on it.
 //
+// Instances opened on different directories share nothing but the disk:
+// a test or a host may open as many as it likes, each on its own folder.
+//
 // Thread rule: meant for the main thread, and safe from any thread. Sets
 // from another thread hop to the main thread (and wait) to schedule the
 // index save, so the main run loop must be turning. The index in memory is
 // guarded by a lock; saves are serialised.
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -66,10 +68,13 @@
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/Platform/Concurrency/OperationQueue.h>
 #include <NimbFoundation/Platform/Core/Date.h>
+#include <NimbFoundation/Platform/Core/Result.h>
 #include <NimbFoundation/Platform/Core/Value.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 
 namespace NIMB_EXPORT nimb {
+
+class Env;
 
 class VQCache : public std::enable_shared_from_this<VQCache> {
   struct Passkey {};
@@ -82,18 +87,48 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   // How long after the last set the index is saved.
   static constexpr double kSaveDelay = 0.3;
 
-  // The shared instance, made on first use with a default lifetime of
-  // 86400 s; it lives until the process ends.
+  // What open() builds an instance on.
+  struct Options {
+    // The system the instance works on; null means Env::current().
+    std::shared_ptr<Env> env;
+    // The folder of entry files and the index; empty means the shared
+    // directory (cacheDirectory()). Made (0700, with its parents) when
+    // missing.
+    std::string directory;
+    // The lifetime the short set forms use.
+    double defaultTimeout = kCurrentCacheTimeoutInterval;
+  };
+
+  // A new instance on `options.directory`, reading the index found there.
+  // nullptr when the directory cannot be made; `whyNot`, when given, then
+  // says why (errno and path). Never throws.
+  static std::shared_ptr<VQCache> open(Options options, SystemError* whyNot = nullptr);
+
+  // The shared instance, made on first use on the shared directory with a
+  // default lifetime of 86400 s; it lives until the process ends.
   static std::shared_ptr<VQCache> currentCache();
-  // A new instance over the same directory and index; its default lifetime
-  // is 0, so the short set forms store entries that are already expired.
+  // A new instance over the shared directory and index; its default
+  // lifetime is 0, so the short set forms store entries that are already
+  // expired.
   static std::shared_ptr<VQCache> create();
 
-  // The cache directory, fixed at first use for the life of the process.
+  // The shared cache directory, fixed at first use for the life of the
+  // process.
   static const std::string& cacheDirectory();
-  // The file every instance, in every process, locks while it saves the
-  // index: "VQCache.lock" in the folder that holds the cache directory.
+  // The file every instance on the shared directory, in every process,
+  // locks while it saves the index: "VQCache.lock" in the folder that holds
+  // the cache directory.
   static const std::string& indexLockPath();
+
+  // This instance's directory, and its index lock file ("VQCache.lock"
+  // beside the directory, as for the shared one).
+  const std::string& directory() const;
+  const std::string& lockPath() const;
+  // The file path of `key` in this instance's directory (meaningful only
+  // for usable keys).
+  std::string filePathForKey(std::string_view key) const;
+  // The Env given to open(); null for Env::current().
+  const std::shared_ptr<Env>& env() const;
   // Whether `key` is UTF-8 and names exactly one file inside the cache
   // directory. The reserved index name passes this test; the data families
   // refuse it apart.
@@ -135,51 +170,33 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   void clearCache();
 
   // The lifetime the short forms use, read when they are called.
-  double defaultTimeoutInterval() const { return defaultTimeoutInterval_.load(); }
-  void setDefaultTimeoutInterval(double seconds) { defaultTimeoutInterval_.store(seconds); }
+  double defaultTimeoutInterval() const;
+  void setDefaultTimeoutInterval(double seconds);
 
   // A snapshot of the index in memory: key to expiry date.
   std::map<std::string, Date> cacheDictionary() const;
   // Where entry files are written and deleted.
-  OperationQueue& diskOperationQueue() { return *diskOperationQueue_; }
-  // The file path of `key` (meaningful only for usable keys).
+  OperationQueue& diskOperationQueue();
+  // The file path of `key` in the shared directory (meaningful only for
+  // usable keys).
   static std::string pathForKey(std::string_view key);
   // Whether an entry with this expiry date is expired at `now`: its date is
   // not later than now.
   static bool isExpired(Date expiry, Date now = Date::now());
 
-  explicit VQCache(Passkey);  // use create() or currentCache()
+  struct Impl;
+  VQCache(Passkey, std::unique_ptr<Impl> impl);  // use open(), create() or currentCache()
   ~VQCache();
   VQCache(const VQCache&) = delete;
   VQCache& operator=(const VQCache&) = delete;
 
  private:
-  void removeItemFromCache(const std::string& key);
-  // Key to its new expiry date, or to nullopt for a removal.
-  using Changes = std::map<std::string, std::optional<Date>>;
-
-  void saveAfterDelay(double seconds = kSaveDelay);
-  void saveCacheDictionary();
-  // Puts changes a save could not write back among the unsaved ones.
-  void restoreChanges(Changes changes);
-  void forgetLastSaved();
-  static void writeData(const Data& data, const std::string& path);
-  static void deleteDataAtPath(const std::string& path);
-  void performDiskWriteOperation(OperationQueue::Operation op);
   void recordEntry(const std::string& key, double timeoutInterval);
+  void removeItemFromCache(const std::string& key);
+  void saveAfterDelay(double seconds);
+  void saveCacheDictionary();
 
-  mutable std::mutex dictionaryMutex_;  // guards the two maps below
-  std::map<std::string, Date> cacheDictionary_;
-  // What this instance changed in the index since its last save.
-  Changes unsavedChanges_;
-  // Guarded by saveMutex_: what this instance's last save wrote, and the
-  // file it wrote, held open so that its inode cannot pass to another file;
-  // while that file is still the index, the next save need not read it.
-  std::map<std::string, Date> lastSaved_;
-  int lastSavedFd_ = -1;
-  std::mutex saveMutex_;
-  std::unique_ptr<OperationQueue> diskOperationQueue_;
-  std::atomic<double> defaultTimeoutInterval_{0.0};
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace nimb

@@ -3,14 +3,19 @@
 namespace nimb {
 
 std::shared_ptr<VQImageLoadConnection> VQImageLoadConnection::create(
-    URL imageURL, std::weak_ptr<VQImageLoadConnectionDelegate> delegate) {
+    URL imageURL, std::weak_ptr<VQImageLoadConnectionDelegate> delegate,
+    std::shared_ptr<Transport> transport) {
+  if (!transport) transport = Transport::defaultTransport();
   return std::make_shared<VQImageLoadConnection>(Passkey{}, std::move(imageURL),
-                                                 std::move(delegate));
+                                                 std::move(delegate), std::move(transport));
 }
 
 VQImageLoadConnection::VQImageLoadConnection(Passkey, URL imageURL,
-                                             std::weak_ptr<VQImageLoadConnectionDelegate> delegate)
-    : imageURL_(std::move(imageURL)), delegate_(std::move(delegate)) {}
+                                             std::weak_ptr<VQImageLoadConnectionDelegate> delegate,
+                                             std::shared_ptr<Transport> transport)
+    : imageURL_(std::move(imageURL)),
+      transport_(std::move(transport)),
+      delegate_(std::move(delegate)) {}
 
 VQImageLoadConnection::~VQImageLoadConnection() {
   // Nobody is left to hear the rest of the transfer.
@@ -30,39 +35,39 @@ URLRequest VQImageLoadConnection::makeRequest() const {
 void VQImageLoadConnection::start() {
   // The platform connection reports to this object only while it lives.
   std::weak_ptr<VQImageLoadConnection> weak = weak_from_this();
-  URLConnectionDelegate events;
-  events.didReceiveResponse = [weak](URLConnection& from, const URLResponse& response) {
+  TransportDelegate events;
+  events.didReceiveResponse = [weak](TransportTask& from, const URLResponse& response) {
     if (auto self = weak.lock()) self->connection(from, response);
   };
-  events.didReceiveData = [weak](URLConnection& from, Data& chunk) {
+  events.didReceiveData = [weak](TransportTask& from, Data& chunk) {
     if (auto self = weak.lock()) self->receive(from, chunk);
   };
-  events.didFinishLoading = [weak](URLConnection& from) {
+  events.didFinishLoading = [weak](TransportTask& from) {
     if (auto self = weak.lock()) self->connectionDidFinishLoading(from);
   };
-  events.didFailWithError = [weak](URLConnection& from, const Error& error) {
+  events.didFailWithError = [weak](TransportTask& from, const Error& error) {
     if (auto self = weak.lock()) self->connection(from, error);
   };
-  connection_ = URLConnection::start(makeRequest(), std::move(events));
+  connection_ = transport_->start(makeRequest(), std::move(events));
 }
 
 void VQImageLoadConnection::cancel() {
   if (connection_) connection_->cancel();
 }
 
-void VQImageLoadConnection::connection(URLConnection& from, const URLResponse& response) {
+void VQImageLoadConnection::connection(TransportTask& from, const URLResponse& response) {
   if (&from != connection_.get()) return;
   // A later response (a new multipart part) keeps the bytes gathered so far.
   response_ = response;
 }
 
-void VQImageLoadConnection::connection(URLConnection& from, std::span<const std::uint8_t> data) {
+void VQImageLoadConnection::connection(TransportTask& from, std::span<const std::uint8_t> data) {
   if (&from != connection_.get()) return;
   responseData_.insert(responseData_.end(), data.begin(), data.end());
   reportPercent();
 }
 
-void VQImageLoadConnection::receive(URLConnection& from, Data& chunk) {
+void VQImageLoadConnection::receive(TransportTask& from, Data& chunk) {
   if (&from != connection_.get()) return;
   // The first chunk comes with room for the rest of the announced body: it
   // becomes the buffer, and later chunks grow it in place.
@@ -85,7 +90,7 @@ void VQImageLoadConnection::reportPercent() {
   }
 }
 
-void VQImageLoadConnection::connectionDidFinishLoading(URLConnection& from) {
+void VQImageLoadConnection::connectionDidFinishLoading(TransportTask& from) {
   if (&from != connection_.get()) return;
   auto delegate = delegate_.lock();
   if (delegate && delegate->imageLoadConnectionDidFinishLoading) {
@@ -93,7 +98,7 @@ void VQImageLoadConnection::connectionDidFinishLoading(URLConnection& from) {
   }
 }
 
-void VQImageLoadConnection::connection(URLConnection& from, const Error& error) {
+void VQImageLoadConnection::connection(TransportTask& from, const Error& error) {
   if (&from != connection_.get()) return;
   // A failed body is never used; up to maximumBodyLength() bytes go now.
   Data().swap(responseData_);

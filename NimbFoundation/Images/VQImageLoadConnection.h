@@ -19,9 +19,12 @@
 // response keeps the bytes already collected. HTTP status codes are never
 // looked at: an error page is a finished body.
 //
+// The request goes through the Transport given to create() (the default
+// one, libcurl, when none is given).
+//
 // The delegate is not owned: a delegate that went away is not called.
-// Events from any platform connection other than this object's own are
-// ignored. After cancel() no delegate operation is called.
+// Events from any task other than this object's own are ignored. After cancel() no delegate
+// operation is called.
 //
 // Callers: the image loader. Thread rule: call start() on a thread whose
 // run loop turns; every delegate operation runs on that thread.
@@ -36,8 +39,8 @@
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/Platform/Core/Error.h>
 #include <NimbFoundation/Platform/Core/Value.h>
+#include <NimbFoundation/Platform/Net/Transport.h>
 #include <NimbFoundation/Platform/Net/URL.h>
-#include <NimbFoundation/Platform/Net/URLConnection.h>
 
 namespace NIMB_EXPORT nimb {
 
@@ -61,9 +64,11 @@ class VQImageLoadConnection : public std::enable_shared_from_this<VQImageLoadCon
   static constexpr double kDefaultTimeoutInterval = 30.0;
   static constexpr std::uint64_t kDefaultMaximumBodyLength = 64ull << 20;  // 64 MiB
 
-  // Keeps the URL and the delegate; nothing is sent until start().
+  // Keeps the URL, the delegate and the transport (the default one when
+  // null); nothing is sent until start().
   static std::shared_ptr<VQImageLoadConnection> create(
-      URL imageURL, std::weak_ptr<VQImageLoadConnectionDelegate> delegate);
+      URL imageURL, std::weak_ptr<VQImageLoadConnectionDelegate> delegate,
+      std::shared_ptr<Transport> transport = nullptr);
 
   // Sends the request (see makeRequest). Calling it twice starts a second
   // transfer and forgets the first one's events.
@@ -89,30 +94,33 @@ class VQImageLoadConnection : public std::enable_shared_from_this<VQImageLoadCon
   // sets no bound.
   double timeoutIntervalForResource() const { return timeoutIntervalForResource_; }
   void setTimeoutIntervalForResource(double seconds) { timeoutIntervalForResource_ = seconds; }
-  // The running platform connection, if started.
-  const std::shared_ptr<URLConnection>& connection() const { return connection_; }
+  // The running transport task, if started.
+  const std::shared_ptr<TransportTask>& connection() const { return connection_; }
+  const std::shared_ptr<Transport>& transport() const { return transport_; }
 
-  // The platform connection's events. Each first checks that `from` is this
-  // object's own connection and ignores it otherwise.
-  void connection(URLConnection& from, const URLResponse& response);
-  void connection(URLConnection& from, std::span<const std::uint8_t> data);
-  void connectionDidFinishLoading(URLConnection& from);
-  void connection(URLConnection& from, const Error& error);
+  // The transport's events. Each first checks that `from` is this object's
+  // own task and ignores it otherwise.
+  void connection(TransportTask& from, const URLResponse& response);
+  void connection(TransportTask& from, std::span<const std::uint8_t> data);
+  void connectionDidFinishLoading(TransportTask& from);
+  void connection(TransportTask& from, const Error& error);
 
   VQImageLoadConnection(Passkey, URL imageURL,
-                        std::weak_ptr<VQImageLoadConnectionDelegate> delegate);
+                        std::weak_ptr<VQImageLoadConnectionDelegate> delegate,
+                        std::shared_ptr<Transport> transport);
   ~VQImageLoadConnection();
 
  private:
   // The data event as the platform connection delivers it: same checks as
   // connection(from, data), but the chunk may become the buffer itself.
-  void receive(URLConnection& from, Data& chunk);
+  void receive(TransportTask& from, Data& chunk);
   void reportPercent();
 
   URL imageURL_;
   std::optional<URLResponse> response_;
   Data responseData_;
-  std::shared_ptr<URLConnection> connection_;
+  std::shared_ptr<Transport> transport_;
+  std::shared_ptr<TransportTask> connection_;
   double timeoutInterval_ = kDefaultTimeoutInterval;
   std::uint64_t maximumBodyLength_ = kDefaultMaximumBodyLength;
   double timeoutIntervalForResource_ = 0;

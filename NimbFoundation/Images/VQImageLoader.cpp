@@ -25,8 +25,12 @@ std::shared_ptr<VQImageLoader> VQImageLoader::sharedImageLoader() {
   return *shared;
 }
 
-std::shared_ptr<VQImageLoader> VQImageLoader::create(NotificationCenter* center) {
-  auto loader = std::make_shared<VQImageLoader>(Passkey{}, center);
+std::shared_ptr<VQImageLoader> VQImageLoader::create() {
+  return create(Options{});
+}
+
+std::shared_ptr<VQImageLoader> VQImageLoader::create(Options options) {
+  auto loader = std::make_shared<VQImageLoader>(Passkey{}, std::move(options));
   // The loader is every connection's delegate; connections hold it weakly,
   // so a loader that went away is simply not called.
   std::weak_ptr<VQImageLoader> weak = loader;
@@ -43,8 +47,11 @@ std::shared_ptr<VQImageLoader> VQImageLoader::create(NotificationCenter* center)
   return loader;
 }
 
-VQImageLoader::VQImageLoader(Passkey, NotificationCenter* center)
-    : center_(center ? *center : NotificationCenter::defaultCenter()),
+VQImageLoader::VQImageLoader(Passkey, Options options)
+    : cache_(std::move(options.cache)),
+      center_(options.notificationCenter ? *options.notificationCenter
+                                         : NotificationCenter::defaultCenter()),
+      transport_(options.transport ? std::move(options.transport) : Transport::defaultTransport()),
       delegate_(std::make_shared<VQImageLoadConnectionDelegate>()),
       snapshot_(std::make_shared<const ConnectionTable>()) {}
 
@@ -56,6 +63,10 @@ VQImageLoader::~VQImageLoader() {
     loading.connection->cancel();
   }
   setCurrentConnections(nullptr);
+}
+
+std::shared_ptr<VQCache> VQImageLoader::cache() const {
+  return cache_ ? cache_ : VQCache::currentCache();
 }
 
 std::string VQImageLoader::keyForURL(const URL& url) {
@@ -103,7 +114,7 @@ void VQImageLoader::removeFromTable(const VQImageLoadConnection& connection) {
 
 std::shared_ptr<VQImageLoadConnection> VQImageLoader::loadImageForURL(const URL& url) {
   if (auto running = loadingConnectionForURL(url)) return running;
-  auto connection = VQImageLoadConnection::create(url, delegate_);
+  auto connection = VQImageLoadConnection::create(url, delegate_, transport_);
   connection->setMaximumBodyLength(maximumBodyLength());
   auto runLoop = RunLoop::currentShared();
   {
@@ -130,7 +141,7 @@ std::shared_ptr<const Image> VQImageLoader::imageForURL(
     const std::optional<URL>& url, const std::shared_ptr<VQImageLoaderObserver>& observer,
     bool autoLoad) {
   if (!url) return nullptr;
-  if (auto image = VQCache::currentCache()->imageForKey(keyForURL(*url))) return image;
+  if (auto image = cache()->imageForKey(keyForURL(*url))) return image;
   if (autoLoad) loadImageForURL(url, observer);
   return nullptr;
 }
@@ -140,13 +151,13 @@ std::optional<Data> VQImageLoader::dataForURL(
     bool isGif) {
   if (!url) return std::nullopt;
   setIsGif(isGif);
-  if (auto bytes = VQCache::currentCache()->dataForKey(keyForURL(*url))) return bytes;
+  if (auto bytes = cache()->dataForKey(keyForURL(*url))) return bytes;
   loadImageForURL(url, observer);
   return std::nullopt;
 }
 
 bool VQImageLoader::hasLoadedImageURL(const URL& url) const {
-  return VQCache::currentCache()->hasCacheForKey(keyForURL(url));
+  return cache()->hasCacheForKey(keyForURL(url));
 }
 
 void VQImageLoader::cancelLoadForURL(const std::optional<URL>& url) {
@@ -211,7 +222,7 @@ void VQImageLoader::clearCacheForURL(const URL& url) {
 void VQImageLoader::clearCacheForURL(const URL& url, std::optional<std::size_t> styleHash) {
   std::string key = keyForURL(url);
   if (styleHash) key += "-" + std::to_string(*styleHash);
-  VQCache::currentCache()->removeCacheForKey(key);
+  cache()->removeCacheForKey(key);
 }
 
 void VQImageLoader::setCache_seconds(double seconds) {
@@ -250,7 +261,7 @@ void VQImageLoader::didFinishLoading(VQImageLoadConnection& connection) {
     accepted = false;
   }
   if (accepted) {
-    VQCache::currentCache()->setData(bytes, keyForURL(url), cache_seconds());
+    cache()->setData(bytes, keyForURL(url), cache_seconds());
   } else {
     userInfo["error"] = Error{url.host(), kNotAnImageCode, {}};
     prefix = kLoadFailedPrefix;

@@ -1,5 +1,8 @@
-// VQImageLoader: the process-wide service that turns an image URL into a
-// picture. It answers from the disk cache when it can; otherwise it starts
+// VQImageLoader: the service that turns an image URL into a picture. There
+// is one shared loader (sharedImageLoader()) on the shared disk cache, the
+// default notification centre and the libcurl transport; create() builds
+// others on the services it is given. It answers from its disk cache when
+// it can; otherwise it starts
 // at most one VQImageLoadConnection per URL, keeps the downloaded bytes in
 // the cache for cache_seconds(), and tells every observer of that URL
 // through notifications whose names end in the URL's cache key.
@@ -59,9 +62,12 @@
 #include <NimbFoundation/Platform/Concurrency/NotificationCenter.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
+#include <NimbFoundation/Platform/Net/Transport.h>
 #include <NimbFoundation/Platform/Net/URL.h>
 
 namespace NIMB_EXPORT nimb {
+
+class VQCache;
 
 // What an observer answers; each operation is optional (leave it empty),
 // and the loader registers only for the ones that are set.
@@ -90,12 +96,24 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   };
   using ConnectionTable = std::map<std::string, Loading>;  // by absolute URL string
 
+  // The services a loader works with; each null member means the shared
+  // one. The centre is not owned and must outlive the loader.
+  struct Options {
+    std::shared_ptr<VQCache> cache;            // VQCache::currentCache()
+    NotificationCenter* notificationCenter{};  // NotificationCenter::defaultCenter()
+    std::shared_ptr<Transport> transport;      // Transport::defaultTransport()
+  };
+
   // The one loader, made on first use and never released.
   static std::shared_ptr<VQImageLoader> sharedImageLoader();
-  // A separate loader (empty table, isGif off, cache_seconds 604800) that
-  // posts on `center` (the default centre when null) and caches in the
-  // shared disk cache.
-  static std::shared_ptr<VQImageLoader> create(NotificationCenter* center = nullptr);
+  // A separate loader (empty table, isGif off, cache_seconds 604800) on the
+  // given services.
+  static std::shared_ptr<VQImageLoader> create(Options options);
+  static std::shared_ptr<VQImageLoader> create();  // every service the shared one
+
+  // The cache it reads and fills, and the transport its downloads use.
+  std::shared_ptr<VQCache> cache() const;
+  const std::shared_ptr<Transport>& transport() const { return transport_; }
 
   // "VQImageLoader-" + the upper-case MD5 of the URL's absolute string.
   static std::string keyForURL(const URL& url);
@@ -151,7 +169,7 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   std::shared_ptr<const ConnectionTable> currentConnections() const;
   void setCurrentConnections(std::shared_ptr<const ConnectionTable> snapshot);
 
-  VQImageLoader(Passkey, NotificationCenter* center);
+  VQImageLoader(Passkey, Options options);
   ~VQImageLoader();
   VQImageLoader(const VQImageLoader&) = delete;
   VQImageLoader& operator=(const VQImageLoader&) = delete;
@@ -168,7 +186,10 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   void removeFromTable(const VQImageLoadConnection& connection);
   void post(std::string_view prefix, const URL& url, UserInfo userInfo);
 
+  // Null for the shared cache, asked for at each use.
+  std::shared_ptr<VQCache> cache_;
   NotificationCenter& center_;
+  std::shared_ptr<Transport> transport_;
   std::shared_ptr<VQImageLoadConnectionDelegate> delegate_;
   std::mutex connectionsLock_;
   ConnectionTable connections_;

@@ -1,14 +1,16 @@
 #include <NimbFoundation/Images/VQImageView.h>
 
 #include <NimbFoundation/Images/VQCache.h>
-#include <NimbFoundation/Platform/Graphics/Graphics.h>
 #include <NimbFoundation/Platform/Env/SystemLog.h>
+#include <NimbFoundation/Platform/Graphics/Graphics.h>
 #include <NimbFoundation/Utils/VQUtils.h>
 
 namespace nimb {
 
-std::shared_ptr<VQImageView> VQImageView::create(std::shared_ptr<const Image> image) {
+std::shared_ptr<VQImageView> VQImageView::create(std::shared_ptr<const Image> image,
+                                                 std::shared_ptr<VQImageLoader> loader) {
   auto view = std::make_shared<VQImageView>(Passkey{}, std::move(image));
+  view->setImageLoader(std::move(loader));
   // The observer reaches the view weakly: a view that went away hears
   // nothing, and the loader never keeps a view alive.
   std::weak_ptr<VQImageView> weak = view;
@@ -25,8 +27,9 @@ std::shared_ptr<VQImageView> VQImageView::create(std::shared_ptr<const Image> im
 }
 
 std::shared_ptr<VQImageView> VQImageView::createWithPlaceholderImage(
-    std::shared_ptr<const Image> placeholder, std::weak_ptr<VQImageViewDelegate> delegate) {
-  auto view = create(placeholder);
+    std::shared_ptr<const Image> placeholder, std::weak_ptr<VQImageViewDelegate> delegate,
+    std::shared_ptr<VQImageLoader> loader) {
+  auto view = create(placeholder, std::move(loader));
   view->setStatus(kNotLoaded);
   view->setPlaceholderImage(std::move(placeholder));
   view->setDelegate(std::move(delegate));
@@ -44,7 +47,15 @@ VQImageView::~VQImageView() {
   imageURL_.reset();
   placeholderImage_.reset();
   setPlaceholderImage(nullptr);
-  VQImageLoader::sharedImageLoader()->removeObserver(observer_.get());
+  if (loader_) loader_->removeObserver(observer_.get());
+}
+
+void VQImageView::setImageLoader(std::shared_ptr<VQImageLoader> loader) {
+  if (!loader) loader = VQImageLoader::sharedImageLoader();
+  if (loader_ == loader) return;
+  // The old loader's notifications are no longer this view's business.
+  if (loader_) loader_->removeObserver(observer_.get());
+  loader_ = std::move(loader);
 }
 
 std::string VQImageView::cutOffKeyForURL(const URL& url) {
@@ -73,10 +84,10 @@ void VQImageView::setImageURL(const std::optional<URL>& url) {
   imageURL_ = url;
   std::shared_ptr<const Image> image;
   if (needCutOff_) {
-    image = VQCache::currentCache()->imageForKey(cutOffKeyForURL(*url));
+    image = loader_->cache()->imageForKey(cutOffKeyForURL(*url));
   } else {
     // The loader registers the observer only if it starts a download.
-    image = VQImageLoader::sharedImageLoader()->imageForURL(url, observer_, isAutoStart_);
+    image = loader_->imageForURL(url, observer_, isAutoStart_);
   }
   if (image) {
     show(std::move(image));
@@ -88,17 +99,17 @@ void VQImageView::setImageURL(const std::optional<URL>& url) {
 
 bool VQImageView::isCacheImage() const {
   if (!imageURL_) return false;
-  if (needCutOff_) return VQCache::currentCache()->hasCacheForKey(cutOffKeyForURL(*imageURL_));
-  return VQImageLoader::sharedImageLoader()->hasLoadedImageURL(*imageURL_);
+  if (needCutOff_) return loader_->cache()->hasCacheForKey(cutOffKeyForURL(*imageURL_));
+  return loader_->hasLoadedImageURL(*imageURL_);
 }
 
 void VQImageView::startImageLoad() {
   if (isAutoStart_ || !imageURL_) return;
-  VQImageLoader::sharedImageLoader()->loadImageForURL(imageURL_, observer_);
+  loader_->loadImageForURL(imageURL_, observer_);
 }
 
 void VQImageView::cancelImageLoad() {
-  auto loader = VQImageLoader::sharedImageLoader();
+  auto loader = loader_;
   loader->cancelLoadForURL(imageURL_);
   loader->removeObserver(observer_.get());
 }
@@ -124,7 +135,7 @@ void VQImageView::imageLoaderDidLoad(const Notification& notification) {
   if (needCutOff_) {
     auto crop = cutOffImage(image);
     show(crop);
-    VQCache::currentCache()->setImage(crop, cutOffKeyForURL(*imageURL_));
+    loader_->cache()->setImage(crop, cutOffKeyForURL(*imageURL_));
   } else {
     show(std::move(image));
   }
@@ -175,11 +186,11 @@ void VQImageView::setCacheSecondes(double seconds) {
     SystemLog::log("[%f] is error", seconds);
     return;
   }
-  VQImageLoader::sharedImageLoader()->setCache_seconds(seconds);
+  loader_->setCache_seconds(seconds);
 }
 
 void VQImageView::clearCache() {
-  if (imageURL_) VQImageLoader::sharedImageLoader()->clearCacheForURL(*imageURL_);
+  if (imageURL_) loader_->clearCacheForURL(*imageURL_);
 }
 
 void VQImageView::startAnimating() {

@@ -1,8 +1,8 @@
 // VQImageView: an image view that shows the picture at a URL. It shows a
-// placeholder until the picture is there, asks the shared VQImageLoader for
-// it, listens to the loader's notifications, and reports to an optional
-// delegate. With needCutOff() it crops every picture to a centred square of
-// twice its shorter side and keeps the crop in the disk cache under
+// placeholder until the picture is there, asks its VQImageLoader (the
+// shared one unless it was given another) for it, listens to the loader's notifications, and
+// reports to an optional delegate. With needCutOff() it crops every picture to a centred square of
+// twice its shorter side and keeps the crop in the loader's disk cache under
 // "NimbCutoffImageLoader-" + the URL's digest, so each URL is cropped once.
 //
 // Rules callers rely on:
@@ -58,11 +58,19 @@ class VQImageView : public ImageView {
  public:
   enum Status : std::int32_t { kNotLoaded = 0, kLoaded = 1, kFailed = 2 };
 
-  // Shows `image`, opaque, auto-start on (initWithImage:).
-  static std::shared_ptr<VQImageView> create(std::shared_ptr<const Image> image = nullptr);
+  // Shows `image`, opaque, auto-start on; loads through `loader` (the
+  // shared loader when null).
+  static std::shared_ptr<VQImageView> create(std::shared_ptr<const Image> image = nullptr,
+                                             std::shared_ptr<VQImageLoader> loader = nullptr);
   // Shows the placeholder at once; status 0, auto-start on.
   static std::shared_ptr<VQImageView> createWithPlaceholderImage(
-      std::shared_ptr<const Image> placeholder, std::weak_ptr<VQImageViewDelegate> delegate = {});
+      std::shared_ptr<const Image> placeholder, std::weak_ptr<VQImageViewDelegate> delegate = {},
+      std::shared_ptr<VQImageLoader> loader = nullptr);
+
+  // The loader the view asks, and whose cache keeps its crops. Setting
+  // another (null: the shared one) leaves the old one's notifications.
+  const std::shared_ptr<VQImageLoader>& imageLoader() const { return loader_; }
+  void setImageLoader(std::shared_ptr<VQImageLoader> loader);
 
   // The key of the URL's cropped picture in the disk cache.
   static std::string cutOffKeyForURL(const URL& url);
@@ -99,7 +107,7 @@ class VQImageView : public ImageView {
   // `image` itself when needCutOff() is off.
   std::shared_ptr<const Image> cutOffImage(const std::shared_ptr<const Image>& image) const;
 
-  // Sets the shared loader's cache lifetime (for every view).
+  // Sets the loader's cache lifetime (for every view that shares it).
   void setCacheSecondes(double seconds);
   // Drops the loader's entry for imageURL(); the crop stays.
   void clearCache();
@@ -133,6 +141,7 @@ class VQImageView : public ImageView {
   bool needCutOff_ = false;
   std::atomic<std::int32_t> status_{kNotLoaded};
   std::shared_ptr<VQImageLoaderObserver> observer_;
+  std::shared_ptr<VQImageLoader> loader_;
 };
 
 }  // namespace nimb

@@ -103,6 +103,54 @@ long errorCodeFor(CURLcode code) {
 
 }  // namespace
 
+// The connection's state. The network thread reads the request and the
+// flags; the delegate is touched only on the starting thread.
+struct URLConnection::Impl {
+  using Event = std::function<void(URLConnection&, URLConnectionDelegate&)>;
+
+  Impl(URLRequest r, URLConnectionDelegate d, std::shared_ptr<RunLoop> l)
+      : request(std::move(r)), delegate(std::move(d)), loop(std::move(l)) {}
+
+  static Impl& of(URLConnection& connection) { return *connection.impl_; }
+
+  // Runs on the starting thread: delivers one event unless cancelled or
+  // already ended; `last` marks the finish or failure.
+  void deliver(URLConnection& self, const Event& event, bool last) {
+    if (cancelled || ended) return;
+    if (last) ended = true;
+    // Held in a local while it runs: the delegate may cancel, or drop the
+    // last reference to whoever owns this connection, from inside its own
+    // call.
+    URLConnectionDelegate held = std::move(delegate);
+    event(self, held);
+    if (!last && !cancelled) delegate = std::move(held);
+  }
+
+  URLRequest request;
+  URLConnectionDelegate delegate;
+  std::shared_ptr<RunLoop> loop;
+  std::atomic<bool> cancelled{false};
+  std::atomic<bool> ended{false};
+  // Bytes posted to the run loop and not yet handed to the delegate.
+  std::atomic<std::size_t> undeliveredBytes{0};
+};
+
+namespace {
+
+using Event = URLConnection::Impl::Event;
+
+// Hashes connections by address. Being this file's own, it keeps the table
+// that uses it out of the library's exported symbols.
+struct ConnectionHash {
+  std::size_t operator()(const URLConnection* connection) const {
+    return std::hash<const void*>{}(connection);
+  }
+};
+
+URLConnection::Impl& state(URLConnection& connection) {
+  return URLConnection::Impl::of(connection);
+}
+
 // The one thread that runs every transfer of the process on a libcurl multi
 // handle. Other threads talk to it only through its command queue; every
 // curl call happens here.
@@ -206,16 +254,17 @@ class NetworkThread {
   // Queues one event for the connection's run loop, in order. Events are
   // handed over in one batch per run loop and pass of the network loop:
   // waking the receiving thread once per event costs more than the event.
-  static void deliver(Transfer& t, URLConnection::Event event, bool last) {
+  static void deliver(Transfer& t, Event event, bool last) {
     auto c = t.connection;
     t.openChunk.reset();
-    t.owner->enqueue(*c, [c, event = std::move(event), last] { c->deliver(event, last); });
+    t.owner->enqueue(*c,
+                     [c, event = std::move(event), last] { state(*c).deliver(*c, event, last); });
   }
 
   void enqueue(URLConnection& c, std::function<void()> task) {
     if (outbox_.empty()) outboxSince_ = Clock::now();
-    auto& box = outbox_[c.loop_.get()];
-    if (!box.loop) box.loop = c.loop_;
+    auto& box = outbox_[state(c).loop.get()];
+    if (!box.loop) box.loop = state(c).loop;
     box.tasks.push_back(std::move(task));
   }
 
@@ -230,7 +279,8 @@ class NetworkThread {
   }
 
   static void fail(Transfer& t, long code, const std::string& description) {
-    Error error = Error::urlError(code, t.connection->request_.url.absoluteString(), description);
+    Error error =
+        Error::urlError(code, state(*t.connection).request.url.absoluteString(), description);
     deliver(
         t,
         [error](URLConnection& c, URLConnectionDelegate& d) {
@@ -243,9 +293,9 @@ class NetworkThread {
     auto t = std::make_unique<Transfer>();
     t->owner = this;
     t->connection = std::move(connection);
-    t->undelivered = &t->connection->undeliveredBytes_;
-    const URLRequest& request = t->connection->request_;
-    if (t->connection->cancelled_) return;
+    t->undelivered = &state(*t->connection).undeliveredBytes;
+    const URLRequest& request = state(*t->connection).request;
+    if (state(*t->connection).cancelled) return;
     ++active_;
     const std::string& scheme = request.url.scheme();
     if (scheme != "http" && scheme != "https") {
@@ -383,7 +433,7 @@ class NetworkThread {
         }
         continue;
       }
-      double timeout = t->connection->request_.timeoutInterval;
+      double timeout = state(*t->connection).request.timeoutInterval;
       if (t->started && timeout > 0 &&
           std::chrono::duration<double>(now - t->lastProgress).count() >= timeout) {
         timedOut.push_back(easy);
@@ -456,7 +506,8 @@ class NetworkThread {
     // Interim and followed-redirect responses stay inside the transfer.
     if (status / 100 == 1) return true;
     if (status / 100 == 3 && t.responseHeaders.count("Location")) return true;
-    URLResponse response{t.connection->request_.url, status, std::move(t.responseHeaders), -1};
+    URLResponse response{state(*t.connection).request.url, status, std::move(t.responseHeaders),
+                         -1};
     t.responseHeaders = {};
     char* effective = nullptr;
     if (curl_easy_getinfo(t.easy, CURLINFO_EFFECTIVE_URL, &effective) == CURLE_OK && effective &&
@@ -505,7 +556,7 @@ class NetworkThread {
   static std::size_t onData(char* data, std::size_t size, std::size_t count, void* p) {
     auto* t = static_cast<Transfer*>(p);
     std::size_t n = size * count;
-    if (t->connection->cancelled_) return 0;  // ends the transfer; the cancel removes it
+    if (state(*t->connection).cancelled) return 0;  // ends the transfer; the cancel removes it
     if (t->maximumBodyLength > 0 && n > t->maximumBodyLength - t->bodyReceived) {
       return abortTransfer(*t, kURLErrorDataLengthExceedsMaximum, tooLong(t->maximumBodyLength));
     }
@@ -534,8 +585,9 @@ class NetworkThread {
     chunk->assign(bytes, bytes + n);
     auto c = t->connection;
     t->owner->enqueue(*c, [c, chunk] {
-      c->undeliveredBytes_.fetch_sub(chunk->size());
-      c->deliver(
+      state(*c).undeliveredBytes.fetch_sub(chunk->size());
+      state(*c).deliver(
+          *c,
           [&chunk](URLConnection& conn, URLConnectionDelegate& d) {
             if (d.didReceiveData) d.didReceiveData(conn, *chunk);
           },
@@ -550,7 +602,7 @@ class NetworkThread {
   std::mutex mutex_;
   std::vector<std::function<void()>> commands_;
   std::unordered_map<CURL*, std::unique_ptr<Transfer>> transfers_;
-  std::unordered_map<URLConnection*, CURL*> byConnection_;
+  std::unordered_map<URLConnection*, CURL*, ConnectionHash> byConnection_;
   struct Host {
     long running = 0;
     std::deque<CURL*> waiting;
@@ -567,39 +619,71 @@ class NetworkThread {
   std::atomic<std::size_t> active_{0};
 };
 
+// The default Transport: each request is a URLConnection.
+class CurlTransport final : public Transport {
+ public:
+  std::shared_ptr<TransportTask> start(const URLRequest& request,
+                                       TransportDelegate delegate) override {
+    URLConnectionDelegate events;
+    if (delegate.didReceiveResponse) {
+      events.didReceiveResponse = [f = std::move(delegate.didReceiveResponse)](
+                                      URLConnection& c, const URLResponse& r) { f(c, r); };
+    }
+    if (delegate.didReceiveData) {
+      events.didReceiveData = [f = std::move(delegate.didReceiveData)](
+                                  URLConnection& c, Data& chunk) { f(c, chunk); };
+    }
+    if (delegate.didFinishLoading) {
+      events.didFinishLoading = [f = std::move(delegate.didFinishLoading)](URLConnection& c) {
+        f(c);
+      };
+    }
+    if (delegate.didFailWithError) {
+      events.didFailWithError = [f = std::move(delegate.didFailWithError)](
+                                    URLConnection& c, const Error& e) { f(c, e); };
+    }
+    return URLConnection::start(request, std::move(events));
+  }
+};
+
+}  // namespace
+
+TransportTask::~TransportTask() = default;
+Transport::~Transport() = default;
+
+std::shared_ptr<Transport> Transport::defaultTransport() {
+  // Never released: connections may be in flight while the process exits.
+  static auto* shared = new std::shared_ptr<Transport>(std::make_shared<CurlTransport>());
+  return *shared;
+}
+
 std::shared_ptr<URLConnection> URLConnection::start(const URLRequest& request,
                                                     URLConnectionDelegate delegate) {
-  auto connection = std::make_shared<URLConnection>(Passkey{}, request, std::move(delegate),
-                                                    RunLoop::currentShared());
+  auto connection = std::make_shared<URLConnection>(
+      Passkey{}, std::make_unique<Impl>(request, std::move(delegate), RunLoop::currentShared()));
   NetworkThread::shared().add(connection);
   return connection;
 }
 
-URLConnection::URLConnection(Passkey, URLRequest request, URLConnectionDelegate delegate,
-                             std::shared_ptr<RunLoop> loop)
-    : request_(std::move(request)), delegate_(std::move(delegate)), loop_(std::move(loop)) {}
+URLConnection::URLConnection(Passkey, std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 URLConnection::~URLConnection() = default;
 
+const URLRequest& URLConnection::originalRequest() const {
+  return impl_->request;
+}
+
 void URLConnection::cancel() {
-  if (cancelled_.exchange(true)) return;
+  if (impl_->cancelled.exchange(true)) return;
   NetworkThread::shared().remove(this);
   // The delegate is touched only on the starting thread; let it go there.
-  if (loop_) loop_->perform([self = shared_from_this()] { self->delegate_ = {}; });
+  if (impl_->loop) {
+    impl_->loop->perform([self = shared_from_this()] { self->impl_->delegate = {}; });
+  }
 }
 
 std::size_t URLConnection::activeTransferCount() {
   return NetworkThread::shared().activeCount();
-}
-
-void URLConnection::deliver(const Event& event, bool last) {
-  if (cancelled_ || ended_) return;
-  if (last) ended_ = true;
-  // Held in a local while it runs: the delegate may cancel, or drop the last
-  // reference to whoever owns this connection, from inside its own call.
-  URLConnectionDelegate delegate = std::move(delegate_);
-  event(*this, delegate);
-  if (!last && !cancelled_) delegate_ = std::move(delegate);
 }
 
 }  // namespace nimb

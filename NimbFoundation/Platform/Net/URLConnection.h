@@ -30,25 +30,24 @@
 // kMaxUndeliveredBytes, the transfer pauses until it catches up, so a
 // stalled receiver never makes the process buffer without end.
 //
-// Callers: VQImageLoadConnection. Thread rule: start() and cancel() from
-// any thread (cancel is final only for events delivered after it returns
-// when called off the starting thread); the delegate runs on the starting
-// thread only.
+// It is the kit's default Transport (Transport::defaultTransport()).
+//
+// Callers: the default Transport, and so VQImageLoadConnection. Thread rule: start() and cancel()
+// from any thread (cancel is final only for events delivered after it returns when called off the
+// starting thread); the delegate runs on the starting thread only.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <span>
 
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/Platform/Core/Error.h>
+#include <NimbFoundation/Platform/Net/Transport.h>
 #include <NimbFoundation/Platform/Net/URL.h>
 
 namespace NIMB_EXPORT nimb {
 
-class RunLoop;
 class URLConnection;
 
 // What a connection reports. An empty member is simply not called. The
@@ -63,7 +62,8 @@ struct URLConnectionDelegate {
   std::function<void(URLConnection&, const Error&)> didFailWithError;
 };
 
-class URLConnection : public std::enable_shared_from_this<URLConnection> {
+class URLConnection final : public TransportTask,
+                            public std::enable_shared_from_this<URLConnection> {
   struct Passkey {};
 
  public:
@@ -74,32 +74,23 @@ class URLConnection : public std::enable_shared_from_this<URLConnection> {
   static std::shared_ptr<URLConnection> start(const URLRequest& request,
                                               URLConnectionDelegate delegate);
   // Stops the transfer; the delegate hears nothing more and is released.
-  void cancel();
+  void cancel() override;
 
-  const URLRequest& originalRequest() const { return request_; }
+  const URLRequest& originalRequest() const override;
 
   // Transfers the network thread holds right now (running or waiting for a
   // connection); for tests and diagnostics.
   static std::size_t activeTransferCount();
 
-  URLConnection(Passkey, URLRequest request, URLConnectionDelegate delegate,
-                std::shared_ptr<RunLoop> loop);
-  ~URLConnection();
+  // The connection's state, known only to its implementation.
+  struct Impl;
+  URLConnection(Passkey, std::unique_ptr<Impl> impl);
+  ~URLConnection() override;
+  URLConnection(const URLConnection&) = delete;
+  URLConnection& operator=(const URLConnection&) = delete;
 
  private:
-  friend class NetworkThread;
-  using Event = std::function<void(URLConnection&, URLConnectionDelegate&)>;
-  // Runs on the starting thread: delivers one event unless cancelled or
-  // already ended; `last` marks the finish or failure.
-  void deliver(const Event& event, bool last);
-
-  URLRequest request_;
-  URLConnectionDelegate delegate_;  // touched only on the starting thread
-  std::shared_ptr<RunLoop> loop_;
-  std::atomic<bool> cancelled_{false};
-  std::atomic<bool> ended_{false};
-  // Bytes posted to the run loop and not yet handed to the delegate.
-  std::atomic<std::size_t> undeliveredBytes_{0};
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace nimb

@@ -1,0 +1,137 @@
+// FakeTransport: a Transport that answers from memory, for the tests of the
+// image loader and view. Like the real one, it reports on the run loop of
+// the thread that started the request, never inside start(), and a
+// cancelled task hears nothing more. Each answer comes as a response, the
+// body in two halves, then the finish; or as a failure.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Net/Transport.h>
+
+namespace nimb::test {
+
+class FakeTransport final : public Transport {
+ public:
+  struct Reply {
+    std::string body;
+    std::string contentType = "image/png";
+    // Set: after the response and the first half of the body, the load
+    // fails with this URL error code instead of finishing.
+    std::optional<long> failWith;
+    // Set: no event at all until release() (a request that hangs).
+    bool held = false;
+  };
+  // Says how to answer the `hit`-th request (from 1) for `path` (the URL
+  // from the slash after its host, "/a.png").
+  using Responder = std::function<Reply(const std::string& path, int hit)>;
+
+  explicit FakeTransport(Responder responder) : responder_(std::move(responder)) {}
+
+  std::atomic<int> requests{0};
+
+  // How many requests for `path` came so far.
+  int hits(const std::string& path) {
+    std::lock_guard lock(mutex_);
+    return hits_[path];
+  }
+  // Sends the answers of the held requests.
+  void release() {
+    std::map<Task*, std::shared_ptr<Task>> held;
+    {
+      std::lock_guard lock(mutex_);
+      held.swap(held_);
+    }
+    for (auto& [raw, task] : held) task->schedule();
+  }
+
+  std::shared_ptr<TransportTask> start(const URLRequest& request,
+                                       TransportDelegate delegate) override {
+    ++requests;
+    const std::string& url = request.url.absoluteString();
+    const auto slash = url.find('/', url.find("://") + 3);
+    const std::string path = slash == std::string::npos ? "/" : url.substr(slash);
+    int hit = 0;
+    {
+      std::lock_guard lock(mutex_);
+      hit = ++hits_[path];
+    }
+    auto task = std::make_shared<Task>(request, std::move(delegate), responder_(path, hit),
+                                       RunLoop::currentShared());
+    if (task->reply.held) {
+      std::lock_guard lock(mutex_);
+      held_[task.get()] = task;
+    } else {
+      task->schedule();
+    }
+    return task;
+  }
+
+ private:
+  struct Task final : TransportTask, std::enable_shared_from_this<Task> {
+    Task(URLRequest r, TransportDelegate d, Reply reply, std::shared_ptr<RunLoop> loop)
+        : request(std::move(r)),
+          delegate(std::move(d)),
+          reply(std::move(reply)),
+          loop(std::move(loop)) {}
+    void cancel() override { cancelled = true; }
+    const URLRequest& originalRequest() const override { return request; }
+
+    void schedule() {
+      loop->perform([self = shared_from_this()] { self->play(); });
+    }
+    // Each event is its own turn of the run loop, as with the real one.
+    void play() {
+      if (cancelled) return;
+      const std::size_t half = reply.body.size() / 2;
+      switch (step++) {
+        case 0: {
+          URLResponse response{request.url,
+                               200,
+                               {{"Content-Type", reply.contentType}},
+                               static_cast<std::int64_t>(reply.body.size())};
+          if (delegate.didReceiveResponse) delegate.didReceiveResponse(*this, response);
+          break;
+        }
+        case 1:
+        case 2: {
+          if (step == 3 && reply.failWith) {
+            const auto error =
+                Error::urlError(*reply.failWith, request.url.absoluteString(), "fake failure");
+            if (delegate.didFailWithError) delegate.didFailWithError(*this, error);
+            return;
+          }
+          Data chunk = step == 2 ? Data(reply.body.begin(), reply.body.begin() + half)
+                                 : Data(reply.body.begin() + half, reply.body.end());
+          if (delegate.didReceiveData) delegate.didReceiveData(*this, chunk);
+          break;
+        }
+        default:
+          if (delegate.didFinishLoading) delegate.didFinishLoading(*this);
+          return;
+      }
+      schedule();
+    }
+
+    URLRequest request;
+    TransportDelegate delegate;
+    Reply reply;
+    std::shared_ptr<RunLoop> loop;
+    std::atomic<bool> cancelled{false};
+    int step = 0;
+  };
+
+  Responder responder_;
+  std::mutex mutex_;
+  std::map<std::string, int> hits_;
+  std::map<Task*, std::shared_ptr<Task>> held_;
+};
+
+}  // namespace nimb::test
