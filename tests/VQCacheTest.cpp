@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "TestSupport.h"
 
@@ -36,7 +36,7 @@ std::string indexPath() {
 }
 
 std::optional<nimb::Dictionary> indexOnDisk() {
-  return nimb::PropertyList::dictionaryWithContentsOfFile(indexPath());
+  return nimb::PropertyList::dictionaryWithContentsOfFile(indexPath()).optional();
 }
 
 // Lets queued file writes land and the deferred index save run.
