@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
@@ -80,9 +81,13 @@ TEST_F(PasteboardTest, CreateReadWriteAndRemove) {
   EXPECT_EQ(second->dataForPasteboardType(kType), dataOf("repaired"));
 
   EXPECT_TRUE(Pasteboard::removePasteboardWithName(kSlot));
-  EXPECT_FALSE(Pasteboard::removePasteboardWithName(kSlot));
+  auto again = Pasteboard::removePasteboardWithName(kSlot);
+  ASSERT_FALSE(again);
+  EXPECT_EQ(again.error(), (nimb::SystemError{ENOENT, file}));
   EXPECT_EQ(Pasteboard::pasteboardWithName(kSlot, false), nullptr);
-  EXPECT_FALSE(board->setData(dataOf("late"), kType));  // a removed pasteboard stays gone
+  auto late = board->setData(dataOf("late"), kType);  // a removed pasteboard stays gone
+  ASSERT_FALSE(late);
+  EXPECT_EQ(late.error(), (nimb::SystemError{ENOENT, file}));
   EXPECT_EQ(entries(store), std::set<std::string>{".lock"});
 
   Pasteboard::setStoreDirectory("");

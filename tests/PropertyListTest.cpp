@@ -3,9 +3,12 @@
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <limits>
+#include <utility>
 
 #include "TestSupport.h"
 
@@ -176,19 +179,30 @@ TEST(PropertyListFile, ReadsOnlyDictionariesAndWritesXmlAtomically) {
   ASSERT_TRUE(
       FileManager::writeAtomically(dir + "/array", *PropertyList::serialize(Array{}, kXml)));
   ASSERT_TRUE(FileManager::writeAtomically(dir + "/corrupt", "<plist><dict><key>"));
-  for (const char* name : {"/missing", "/array", "/corrupt"})
-    EXPECT_FALSE(PropertyList::dictionaryWithContentsOfFile(dir + name)) << name;
+  // A failure says why, and on which file.
+  for (auto [name, code] :
+       {std::pair{"/missing", ENOENT}, {"/array", EBADMSG}, {"/corrupt", EBADMSG}}) {
+    auto read = PropertyList::dictionaryWithContentsOfFile(dir + name);
+    ASSERT_FALSE(read) << name;
+    EXPECT_EQ(read.error(), (nimb::SystemError{code, dir + name})) << name;
+  }
   const Dictionary first{{"count", 1}}, second{{"count", 2}, {"when", refDate(0)}};
   ASSERT_TRUE(FileManager::writeAtomically(path, *PropertyList::serialize(first, kBinary)));
-  EXPECT_EQ(PropertyList::dictionaryWithContentsOfFile(path), first);
-  ASSERT_TRUE(PropertyList::writeDictionaryToFile(second, path));  // replaces the file
-  EXPECT_EQ(PropertyList::dictionaryWithContentsOfFile(path), second);
+  EXPECT_EQ(PropertyList::dictionaryWithContentsOfFile(path).optional(), first);
+  ASSERT_TRUE(PropertyList::writeToFile(second, path));  // replaces the file
+  EXPECT_EQ(PropertyList::dictionaryWithContentsOfFile(path).optional(), second);
   auto bytes = FileManager::contentsAtPath(path);
   ASSERT_TRUE(bytes);
   const std::string text(bytes->begin(), bytes->end());
   EXPECT_EQ(text.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist", 0), 0u);
   EXPECT_NE(text.find("<date>2001-01-01T00:00:00Z</date>"), std::string::npos);
-  EXPECT_FALSE(PropertyList::writeDictionaryToFile({{"bad", Null{}}}, dir + "/null.plist"));
+  auto unfit = PropertyList::writeToFile({{"bad", Null{}}}, dir + "/null.plist");
+  ASSERT_FALSE(unfit);
+  EXPECT_EQ(unfit.error(), (nimb::SystemError{EINVAL, dir + "/null.plist"}));
+  auto nowhere = PropertyList::writeToFile(first, dir + "/no/such/dir.plist");
+  ASSERT_FALSE(nowhere);
+  EXPECT_EQ(nowhere.error(), (nimb::SystemError{ENOENT, dir + "/no/such/dir.plist"}));
+  EXPECT_EQ(nowhere.error().message(), std::strerror(ENOENT) + (": " + dir + "/no/such/dir.plist"));
   EXPECT_FALSE(PropertyList::writeDictionaryToFile(first, dir + "/no/such/dir.plist"));
   // a.plist, array and corrupt: no temporary file is left behind.
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 3);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 
@@ -38,7 +39,7 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossInstancesAndProcesses) {
   UserDefaults first(path);
   ASSERT_TRUE(first.setObject(nested, "settings"));
   ASSERT_TRUE(first.setObject("gone soon", "temporary"));
-  first.removeObjectForKey("temporary");
+  ASSERT_TRUE(first.removeObjectForKey("temporary"));
   EXPECT_EQ(first.objectForKey("settings"), nested);
 
   UserDefaults second(path);
@@ -59,7 +60,9 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossInstancesAndProcesses) {
 TEST_F(UserDefaultsTest, RefusedChangesLeaveEverythingAsItWas) {
   UserDefaults defaults(path);
   ASSERT_TRUE(defaults.setObject("kept", "key"));
-  EXPECT_FALSE(defaults.setObject(Value(), "key"));
+  auto refused = defaults.setObject(Value(), "key");
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error(), (nimb::SystemError{EINVAL, path}));
   EXPECT_FALSE(defaults.setObject(Dictionary{{"deep", Array{Value(nimb::Null{})}}}, "key"));
   EXPECT_FALSE(defaults.setObject(nimb::Uid{3}, "key"));
   EXPECT_FALSE(defaults.setObject("x", std::string("bad\0key", 7)));
@@ -69,7 +72,10 @@ TEST_F(UserDefaultsTest, RefusedChangesLeaveEverythingAsItWas) {
   // A file that cannot be written: nothing changes in memory either.
   ASSERT_TRUE(FileManager::writeAtomically(dir + "/file", std::string_view("x")));
   UserDefaults unwritable(dir + "/file/UserDefaults.plist");
-  EXPECT_FALSE(unwritable.setObject(1, "key"));
+  auto unwritten = unwritable.setObject(1, "key");
+  ASSERT_FALSE(unwritten);
+  EXPECT_EQ(unwritten.error().path, dir + "/file");  // the folder it could not make
+  EXPECT_NE(unwritten.error().code, 0);
   EXPECT_FALSE(unwritable.objectForKey("key"));
 }
 
@@ -109,10 +115,15 @@ TEST_F(UserDefaultsTest, UnusableFilesReadEmptyUntilTheNextWrite) {
         << kind;
     UserDefaults store(path);
     EXPECT_FALSE(store.objectForKey("key")) << kind;
-    EXPECT_EQ(store.synchronize(), kind != "damaged") << kind;
+    auto reread = store.synchronize();
+    EXPECT_EQ(reread.ok(), kind != "damaged") << kind;
+    if (!reread) {
+      EXPECT_EQ(reread.error(), (nimb::SystemError{EBADMSG, path})) << kind;
+    }
     ASSERT_TRUE(store.setObject("mine", "key")) << kind;
-    EXPECT_EQ(nimb::PropertyList::dictionaryWithContentsOfFile(path, nimb::FollowLinks::No),
-              (Dictionary{{"key", "mine"}}))
+    EXPECT_EQ(
+        nimb::PropertyList::dictionaryWithContentsOfFile(path, nimb::FollowLinks::No).optional(),
+        (Dictionary{{"key", "mine"}}))
         << kind;
     EXPECT_TRUE(store.synchronize()) << kind;
   }

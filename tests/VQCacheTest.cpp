@@ -71,7 +71,7 @@ class VQCacheTest : public ::testing::Test {
   std::string path(std::string_view key) const { return directory + "/" + std::string(key); }
   std::string indexPath() const { return path("VQCache.plist"); }
   std::optional<nimb::Dictionary> indexOnDisk() const {
-    return nimb::PropertyList::dictionaryWithContentsOfFile(indexPath());
+    return nimb::PropertyList::dictionaryWithContentsOfFile(indexPath()).optional();
   }
 
   const std::string root = nimb::test::makeTemporaryDirectory("vqcache");

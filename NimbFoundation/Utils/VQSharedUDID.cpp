@@ -12,6 +12,7 @@
 #include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Storage/KeyedArchive.h>
 #include <NimbFoundation/Platform/Storage/UserDefaults.h>
+#include <NimbFoundation/Utils/VQUtils.h>
 
 namespace nimb {
 
@@ -47,6 +48,12 @@ std::optional<Value> valueAt(const Dictionary& dict, std::string_view key) {
   return found->second;
 }
 
+// A store that could not be written leaves the identifier answered but not
+// kept; the console log says why.
+void logFailure(const char* what, const Result<void>& result) {
+  if (!result) VQUtils::outLog("SharedUDID: cannot %s: %s", what, result.error().message().c_str());
+}
+
 // How the platform prints a date inside a message: "2026-11-21 09:30:00 +0000".
 std::string describe(const Value& v) {
   if (const Date* d = v.asDate())
@@ -79,7 +86,7 @@ Dictionary VQSharedUDID::_getDictFromPasteboard(const Pasteboard& pasteboard) {
 
 void VQSharedUDID::_setDict(const Dictionary& dict, Pasteboard& pasteboard) {
   if (auto archive = KeyedArchive::archivedDataWithRootObject(Value(dict))) {
-    pasteboard.setData(*archive, kPasteboardType);
+    logFailure("write the slot", pasteboard.setData(*archive, kPasteboardType));
   }
 }
 
@@ -233,7 +240,7 @@ std::string VQSharedUDID::valueWithError(Error* error) {
     }
   }
   if (claimSlot(poll.freeSlot, state, record)) needsSaving = true;
-  if (record && needsSaving) defaults.setObject(*record, kRecordKey);
+  if (record && needsSaving) logFailure("save the record", defaults.setObject(*record, kRecordKey));
 
   if (error)
     *error = resultRecord(state, state.identifier && elected && *elected != *state.identifier);
@@ -255,7 +262,7 @@ void VQSharedUDID::setOptOut(bool optOut) {
   } else {
     dict.erase(kOptOutKey);
   }
-  defaults.setObject(Value(std::move(dict)), kRecordKey);
+  logFailure("save the opt-out", defaults.setObject(Value(std::move(dict)), kRecordKey));
   std::lock_guard lock(gCacheMutex);
   gSessionCache.reset();
 }

@@ -65,7 +65,8 @@ class VQSharedUDID {
   static std::string _generateFreshSharedUDID();
   // The dictionary a slot holds; empty for no data or a foreign payload.
   static Dictionary _getDictFromPasteboard(const Pasteboard& pasteboard);
-  // Replaces the slot's payload by the archive of `dict`.
+  // Replaces the slot's payload by the archive of `dict`; a slot that
+  // cannot be written is logged (VQUtils::outLog).
   static void _setDict(const Dictionary& dict, Pasteboard& pasteboard);
 };
 

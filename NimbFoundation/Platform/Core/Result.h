@@ -49,6 +49,12 @@ class [[nodiscard]] Result {
     return ok() ? value() : static_cast<T>(std::forward<U>(fallback));
   }
 
+  // Replaces what it holds by a value made from `args`, as optional does.
+  template <typename... Args>
+  T& emplace(Args&&... args) {
+    return state_.template emplace<0>(std::forward<Args>(args)...);
+  }
+
   // Only when !ok().
   const SystemError& error() const { return std::get<1>(state_); }
 

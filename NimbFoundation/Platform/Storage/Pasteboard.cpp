@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include <NimbFoundation/Internal/LastError.h>
 #include <NimbFoundation/Platform/Env/FileLock.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
@@ -202,7 +203,7 @@ Loaded load(const std::string& path) {
   return loaded;
 }
 
-bool store(const Record& record, const std::string& path) {
+Result<void> store(const Record& record, const std::string& path) {
   Array items;
   for (const auto& [type, data] : record.items) {
     items.emplace_back(Dictionary{{"Type", Value(type)}, {"Data", Value(data)}});
@@ -213,7 +214,10 @@ bool store(const Record& record, const std::string& path) {
       {"OwnerBoot", Value(record.owner.boot)},   {"Items", Value(std::move(items))},
   };
   auto bytes = PropertyList::serialize(Value(std::move(root)), PropertyListFormat::BinaryV1_0);
-  return bytes && FileManager::writeAtomically(path, *bytes);
+  if (!bytes) return SystemError{EINVAL, path};
+  errno = 0;
+  if (!FileManager::writeAtomically(path, *bytes)) return detail::lastError(path);
+  return {};
 }
 
 // The non-persistent pasteboards this process made, deleted at normal exit.
@@ -333,7 +337,7 @@ std::shared_ptr<Pasteboard> Pasteboard::pasteboardWithName(std::string_view name
       Record record;
       record.persistent = false;
       record.owner = currentOwner();
-      if (!store(record, path)) return nullptr;
+      if (!store(record, path).ok()) return nullptr;
       deleteAtExit(dir, path);
     }
     return handle();
@@ -342,17 +346,22 @@ std::shared_ptr<Pasteboard> Pasteboard::pasteboardWithName(std::string_view name
   }
 }
 
-bool Pasteboard::removePasteboardWithName(std::string_view name) {
+Result<void> Pasteboard::removePasteboardWithName(std::string_view name) {
   try {
     auto fileName = fileNameFor(name);
-    if (!fileName) return false;
+    if (!fileName) return SystemError{EINVAL, std::string(name)};
     std::string dir = storeDirectory();
-    if (dir.empty() || !FileManager::isDirectory(dir)) return false;
-    FileLock lock(lockPathOf(dir));
-    if (!lock.held()) return false;
-    return FileManager::removeItem(FileManager::appendingPathComponent(dir, *fileName));
+    if (dir.empty() || !FileManager::isDirectory(dir)) return SystemError{ENOENT, dir};
+    const std::string lockPath = lockPathOf(dir);
+    errno = 0;
+    FileLock lock(lockPath);
+    if (!lock.held()) return detail::lastError(lockPath);
+    const std::string path = FileManager::appendingPathComponent(dir, *fileName);
+    errno = 0;
+    if (!FileManager::removeItem(path)) return detail::lastError(path);
+    return {};
   } catch (...) {
-    return false;
+    return SystemError{ENOMEM, std::string(name)};
   }
 }
 
@@ -385,7 +394,7 @@ void Pasteboard::setPersistent(bool persistent) {
     }
     if (record.persistent && !persistent) record.owner = currentOwner();
     record.persistent = persistent;
-    if (store(record, path_) && !persistent) deleteAtExit(dir, path_);
+    if (store(record, path_).ok() && !persistent) deleteAtExit(dir, path_);
   } catch (...) {
   }
 }
@@ -403,14 +412,16 @@ std::optional<Data> Pasteboard::dataForPasteboardType(std::string_view type) con
   }
 }
 
-bool Pasteboard::setData(const Data& data, std::string_view type) {
+Result<void> Pasteboard::setData(const Data& data, std::string_view type) {
   try {
-    FileLock lock(lockPathOf(folderOf(path_)));
-    if (!lock.held()) return false;
+    const std::string lockPath = lockPathOf(folderOf(path_));
+    errno = 0;
+    FileLock lock(lockPath);
+    if (!lock.held()) return detail::lastError(lockPath);
     Loaded loaded = load(path_);
     if (loaded.gone()) {
       if (loaded.state != FileState::Missing) FileManager::removeItem(path_);
-      return false;
+      return SystemError{ENOENT, path_};
     }
     Record& record = loaded.record;
     if (loaded.state == FileState::Damaged) {
@@ -421,7 +432,7 @@ bool Pasteboard::setData(const Data& data, std::string_view type) {
     record.items.emplace_back(std::string(type), data);
     return store(record, path_);
   } catch (...) {
-    return false;
+    return SystemError{ENOMEM, path_};
   }
 }
 

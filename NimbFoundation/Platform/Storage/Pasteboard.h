@@ -53,6 +53,7 @@
 #include <string_view>
 
 #include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Core/Result.h>
 #include <NimbFoundation/Platform/Core/Value.h>
 
 namespace NIMB_EXPORT nimb {
@@ -72,8 +73,10 @@ class Pasteboard {
   // missing and not created, when the name is refused, or when it cannot be
   // made.
   static std::shared_ptr<Pasteboard> pasteboardWithName(std::string_view name, bool create);
-  // Deletes the pasteboard; false when there was none (or the name is refused).
-  static bool removePasteboardWithName(std::string_view name);
+  // Deletes the pasteboard. Fails with ENOENT when there was none (the path
+  // is the pasteboard's file, or the folder when the store has none), EINVAL
+  // when the name is refused, or the reason the store cannot be changed.
+  static Result<void> removePasteboardWithName(std::string_view name);
 
   Pasteboard(Passkey, std::string name, std::string path);
   Pasteboard(const Pasteboard&) = delete;
@@ -90,10 +93,11 @@ class Pasteboard {
   // The bytes of the item of `type`, read from the store each time (another
   // process may have written); nullopt when there is none.
   std::optional<Data> dataForPasteboardType(std::string_view type) const;
-  // Replaces the pasteboard's whole contents with this one item. False when
-  // the pasteboard is gone or the store cannot be written (`type` must be
-  // UTF-8 without NUL).
-  bool setData(const Data& data, std::string_view type);
+  // Replaces the pasteboard's whole contents with this one item. Fails with
+  // ENOENT (the pasteboard's file) when the pasteboard is gone, EINVAL when
+  // `type` is not UTF-8 without NUL, or the reason the store cannot be
+  // written.
+  Result<void> setData(const Data& data, std::string_view type);
 
  private:
   std::string name_;

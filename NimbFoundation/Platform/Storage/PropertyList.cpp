@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include <NimbFoundation/Internal/LastError.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 
 namespace nimb {
@@ -674,26 +676,34 @@ std::optional<Data> PropertyList::serialize(const Value& value, PropertyListForm
   }
 }
 
-std::optional<Dictionary> PropertyList::dictionaryWithContentsOfFile(const std::string& path,
-                                                                     FollowLinks follow) {
+Result<Dictionary> PropertyList::dictionaryWithContentsOfFile(const std::string& path,
+                                                              FollowLinks follow) {
   try {
+    errno = 0;
     auto bytes = FileManager::contentsAtPath(path, follow);
-    if (!bytes) return std::nullopt;
+    if (!bytes) return detail::lastError(path);
     auto value = parse(*bytes);
-    if (!value || !value->asDictionary()) return std::nullopt;
+    if (!value || !value->asDictionary()) return SystemError{EBADMSG, path};
     return std::move(*value->asDictionary());
   } catch (...) {
-    return std::nullopt;
+    return SystemError{ENOMEM, path};
+  }
+}
+
+Result<void> PropertyList::writeToFile(const Dictionary& dict, const std::string& path) {
+  try {
+    auto bytes = write(dict, PropertyListFormat::Xml);
+    if (!bytes) return SystemError{EINVAL, path};
+    errno = 0;
+    if (!FileManager::writeAtomically(path, *bytes)) return detail::lastError(path);
+    return {};
+  } catch (...) {
+    return SystemError{ENOMEM, path};
   }
 }
 
 bool PropertyList::writeDictionaryToFile(const Dictionary& dict, const std::string& path) {
-  try {
-    auto bytes = write(dict, PropertyListFormat::Xml);
-    return bytes && FileManager::writeAtomically(path, *bytes);
-  } catch (...) {
-    return false;
-  }
+  return writeToFile(dict, path).ok();
 }
 
 }  // namespace nimb

@@ -12,6 +12,7 @@
 #include <string>
 
 #include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Core/Result.h>
 #include <NimbFoundation/Platform/Core/Value.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 
@@ -34,14 +35,20 @@ class PropertyList {
   // (about 1933 to 2069).
   static std::optional<Data> serialize(const Value& value, PropertyListFormat format);
 
-  // The dictionary stored in the file at `path`, in either format; nullopt
-  // when the file is missing, unreadable, no regular file, no property list,
-  // or not a dictionary. The kit's own state files pass FollowLinks::No.
-  static std::optional<Dictionary> dictionaryWithContentsOfFile(
-      const std::string& path, FollowLinks follow = FollowLinks::Yes);
+  // The dictionary stored in the file at `path`, in either format. Fails with
+  // the errno of the read when the file is missing, unreadable or no regular
+  // file (ELOOP for a link under FollowLinks::No), and with EBADMSG when it
+  // holds no property list or one that is not a dictionary; the error's path
+  // is `path`. The kit's own state files pass FollowLinks::No.
+  static Result<Dictionary> dictionaryWithContentsOfFile(const std::string& path,
+                                                         FollowLinks follow = FollowLinks::Yes);
 
   // Writes `dict` as an XML property list to `path` atomically (see
-  // FileManager::writeAtomically). False on any failure.
+  // FileManager::writeAtomically). Fails with EINVAL when `dict` is nothing
+  // a property list can hold, else with the errno of the failed write
+  // (ENOENT when the folder is missing, EACCES when it is not writable...).
+  static Result<void> writeToFile(const Dictionary& dict, const std::string& path);
+  // writeToFile() without the reason.
   static bool writeDictionaryToFile(const Dictionary& dict, const std::string& path);
 };
 

@@ -1,9 +1,11 @@
 #include <NimbFoundation/Platform/Storage/UserDefaults.h>
 
+#include <cerrno>
 #include <memory>
 #include <utility>
 #include <vector>
 
+#include <NimbFoundation/Internal/LastError.h>
 #include <NimbFoundation/Platform/Env/Bundle.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
@@ -40,15 +42,15 @@ bool holdsAsPropertyList(const Dictionary& dict) {
   return PropertyList::serialize(Value(dict), PropertyListFormat::Xml).has_value();
 }
 
-// The dictionary in the file, or nullopt when a regular file is there but
-// unusable (it is left alone rather than overwritten). A symbolic link or a
-// special file under the store's name reads as missing, and the next write
+// The dictionary in the file, or the reason when a regular file is there
+// but unusable (it is left alone rather than overwritten). A symbolic link or
+// a special file under the store's name reads as missing, and the next write
 // replaces it. Entries the XML form cannot hold (a binary file may have
 // them) are dropped, or no later write could succeed.
-std::optional<Dictionary> readStore(const std::string& path) {
+Result<Dictionary> readStore(const std::string& path) {
   auto dict = PropertyList::dictionaryWithContentsOfFile(path, FollowLinks::No);
   if (!dict) {
-    if (FileManager::isRegularFile(path, FollowLinks::No)) return std::nullopt;
+    if (FileManager::isRegularFile(path, FollowLinks::No)) return dict.error();
     return Dictionary{};
   }
   if (!holdsAsPropertyList(*dict)) {
@@ -59,16 +61,17 @@ std::optional<Dictionary> readStore(const std::string& path) {
   return dict;
 }
 
-bool writeStore(const Dictionary& dict, const std::string& path) noexcept {
+Result<void> writeStore(const Dictionary& dict, const std::string& path) noexcept {
   try {
     auto slash = path.find_last_of('/');
-    if (slash != std::string::npos && slash > 0 &&
-        !FileManager::createDirectory(path.substr(0, slash), true)) {
-      return false;
+    if (slash != std::string::npos && slash > 0) {
+      const std::string folder = path.substr(0, slash);
+      errno = 0;
+      if (!FileManager::createDirectory(folder, true)) return detail::lastError(folder);
     }
-    return PropertyList::writeDictionaryToFile(dict, path);
+    return PropertyList::writeToFile(dict, path);
   } catch (...) {
-    return false;
+    return SystemError{ENOMEM, path};
   }
 }
 
@@ -133,10 +136,10 @@ std::optional<Value> UserDefaults::objectForKey(std::string_view key) const {
   }
 }
 
-bool UserDefaults::setObject(const Value& value, std::string_view key) {
+Result<void> UserDefaults::setObject(const Value& value, std::string_view key) {
   try {
     Dictionary entry{{std::string(key), value}};
-    if (!holdsAsPropertyList(entry)) return false;
+    if (!holdsAsPropertyList(entry)) return SystemError{EINVAL, path_};
     std::lock_guard guard(mutex_);
     std::optional<Value> previous;
     auto it = values_.find(key);
@@ -146,37 +149,45 @@ bool UserDefaults::setObject(const Value& value, std::string_view key) {
     } else {
       it = values_.insert(std::move(*entry.begin())).first;
     }
-    if (writeStore(values_, path_)) return true;
+    auto written = writeStore(values_, path_);
+    if (written) return written;
     if (previous) {
       it->second = std::move(*previous);
     } else {
       values_.erase(it);
     }
-    return false;
+    return written;
   } catch (...) {
-    return false;
+    return SystemError{ENOMEM, path_};
   }
 }
 
-void UserDefaults::removeObjectForKey(std::string_view key) {
+Result<void> UserDefaults::removeObjectForKey(std::string_view key) {
   try {
     std::lock_guard guard(mutex_);
     auto it = values_.find(key);
-    if (it == values_.end()) return;
+    if (it == values_.end()) return {};
     auto node = values_.extract(it);
-    if (!writeStore(values_, path_)) values_.insert(std::move(node));
+    auto written = writeStore(values_, path_);
+    if (!written) values_.insert(std::move(node));
+    return written;
   } catch (...) {
+    return SystemError{ENOMEM, path_};
   }
 }
 
-bool UserDefaults::synchronize() {
+Result<void> UserDefaults::synchronize() {
   try {
     auto dict = readStore(path_);
     std::lock_guard guard(mutex_);
-    values_ = dict ? std::move(*dict) : Dictionary{};
-    return dict.has_value();
+    if (!dict) {
+      values_.clear();
+      return dict.error();
+    }
+    values_ = std::move(*dict);
+    return {};
   } catch (...) {
-    return false;
+    return SystemError{ENOMEM, path_};
   }
 }
 

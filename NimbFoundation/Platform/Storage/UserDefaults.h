@@ -33,6 +33,7 @@
 #include <string_view>
 
 #include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Core/Result.h>
 #include <NimbFoundation/Platform/Core/Value.h>
 
 namespace NIMB_EXPORT nimb {
@@ -54,17 +55,18 @@ class UserDefaults {
   const std::string& path() const { return path_; }
 
   std::optional<Value> objectForKey(std::string_view key) const;
-  // Stores `value` under `key` and writes the file. False, with nothing
-  // changed, for what a property list cannot hold or when the file cannot be
-  // written.
-  bool setObject(const Value& value, std::string_view key);
+  // Stores `value` under `key` and writes the file. Fails, with nothing
+  // changed, with EINVAL for what a property list cannot hold, or with the
+  // reason the file (or its folder) cannot be written.
+  Result<void> setObject(const Value& value, std::string_view key);
   // Removes the key and writes the file; when the file cannot be written the
-  // key stays.
-  void removeObjectForKey(std::string_view key);
+  // key stays and the reason comes back.
+  Result<void> removeObjectForKey(std::string_view key);
 
-  // Re-reads the file, picking up what other processes wrote. False when the
-  // file is there but cannot be read or is damaged; the store is then empty.
-  bool synchronize();
+  // Re-reads the file, picking up what other processes wrote. Fails when the
+  // file is there but cannot be read or is damaged (EBADMSG); the store is
+  // then empty. A missing file reads as an empty store.
+  Result<void> synchronize();
 
  private:
   std::string path_;
