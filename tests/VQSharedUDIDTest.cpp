@@ -37,6 +37,18 @@ std::string recordSlot() {
   return slot && slot->asString() ? *slot->asString() : "";
 }
 
+// Each test starts as a first run on a device with no application yet: a
+// home, defaults and pasteboards of its own, and no identifier cached in
+// this process (opting in again drops it).
+struct FirstRun {
+  FirstRun() { UserDefaults::resetStandardUserDefaults(); }
+  ~FirstRun() {
+    VQSharedUDID::setOptOut(false);
+    UserDefaults::resetStandardUserDefaults();
+  }
+  const nimb::test::ScopedHome home;
+};
+
 struct AppRun {
   std::string identifier;
   std::string slot;
@@ -57,6 +69,7 @@ AppRun runAs(const std::string& appId) {
 }  // namespace
 
 TEST(VQSharedUDID, ApplicationsInSeparateProcessesAgreeAndClaimOneSlotEach) {
+  const FirstRun fresh;
   const AppRun first = runAs("com.example.one");
   EXPECT_EQ(first.slot, slotName(0));
   auto expectRun = [&](const std::string& appId, int slot) {
@@ -78,6 +91,7 @@ TEST(VQSharedUDID, ApplicationsInSeparateProcessesAgreeAndClaimOneSlotEach) {
 }
 
 TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
+  const FirstRun fresh;
   Error error;
   const std::string id = VQSharedUDID::valueWithError(&error);
   EXPECT_TRUE(std::regex_match(id, std::regex("[0-9a-f]{40}"))) << id;
@@ -100,6 +114,7 @@ TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
 }
 
 TEST(VQSharedUDID, TheStoredIdentifierWinsOverTheSlotsWithADiscrepancy) {
+  const FirstRun fresh;
   const std::string a(40, 'a'), b(40, 'b');
   UserDefaults::standardUserDefaults().setObject(Dictionary{{"SharedUDID", a}}, "SharedUDID");
   for (int slot : {0, 1, 2}) fillSlot(slot, b);
@@ -115,6 +130,7 @@ TEST(VQSharedUDID, TheStoredIdentifierWinsOverTheSlotsWithADiscrepancy) {
 }
 
 TEST(VQSharedUDID, ElectionCountsSlotsAndForeignPayloadsLeaveASlotFree) {
+  const FirstRun fresh;
   const std::string b(40, 'b'), c(40, 'c');
   fillSlot(0, c);
   fillSlot(1, b);
@@ -135,6 +151,7 @@ TEST(VQSharedUDID, ElectionCountsSlotsAndForeignPayloadsLeaveASlotFree) {
 }
 
 TEST(VQSharedUDID, OptingOutAnswersZerosUntilOptingIn) {
+  const FirstRun fresh;
   const std::string id = VQSharedUDID::value();
   VQSharedUDID::setOptOut(true);
   Error error;
