@@ -2,6 +2,9 @@
 # Installs what is missing, then builds and runs the whole test suite three
 # ways: an optimised build, a build under AddressSanitizer with
 # UndefinedBehaviorSanitizer, and the threaded parts under ThreadSanitizer.
+# ctest runs each case in its own process; the optimised build's test binary
+# also runs once with every case in one process, so that no case depends on
+# starting from a fresh process or leaves state behind for the next.
 #
 # Usage: scripts/test.sh        (NIMB_JOBS sets build/test parallelism, default 2)
 set -euo pipefail
@@ -28,6 +31,13 @@ suite() {
   failed=$((failed + $(sed -E 's/.* ([0-9]+) tests failed.*/\1/' <<<"$summary")))
 }
 
+# Runs the suite's test binary once, every case in the same process.
+single_process() {
+  local name=$1
+  echo "==> ${name}: every case in one process"
+  "build/${name}/tests/NimbFoundationTests" --gtest_brief=1 | tee "build/${name}/single-process.log"
+}
+
 total=0
 failed=0
 
@@ -37,7 +47,9 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 suite release '' -DCMAKE_BUILD_TYPE=Release
+single_process release
 suite asan '' -DCMAKE_BUILD_TYPE=Debug -DNIMB_SANITIZE=address,undefined
 suite tsan "$threaded" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNIMB_SANITIZE=thread
 echo "==> all three suites passed"
 echo "$((total - failed)) passed, ${failed} failed"
+echo "single process: $(grep -E '^\[  PASSED  \]' build/release/single-process.log)"

@@ -1,8 +1,8 @@
 // The platform's device facts: UUIDs, locale and bundle defaults.
+#include <NimbFoundation/Platform/Core/UUID.h>
 #include <NimbFoundation/Platform/Env/Bundle.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Env/Locale.h>
-#include <NimbFoundation/Platform/Core/UUID.h>
 
 #include <gtest/gtest.h>
 
@@ -58,4 +58,6 @@ TEST(DeviceFacts, BundleWithoutInfoFileIsNamedAfterTheProcess) {
   nimb::Bundle::setBundleIdentifier("com.example.acting");
   EXPECT_EQ(nimb::Bundle::mainBundle()->bundleIdentifier(), "com.example.acting");
   EXPECT_EQ(bundle->bundleIdentifier(), process);  // snapshots never change
+  nimb::Bundle::setBundleIdentifier("");           // the tests that follow run as themselves
+  nimb::Bundle::setInfoDictionaryPath("");
 }

@@ -1,8 +1,7 @@
 // FakeTransport: a Transport that answers from memory, for the tests of the
 // image loader and view. Like the real one, it reports on the run loop of
 // the thread that started the request, never inside start(), and a
-// cancelled task hears nothing more. Each answer comes as a response, the
-// body in two halves, then the finish; or as a failure.
+// cancelled task hears nothing more.
 #pragma once
 
 #include <atomic>
@@ -37,11 +36,6 @@ class FakeTransport final : public Transport {
 
   std::atomic<int> requests{0};
 
-  // How many requests for `path` came so far.
-  int hits(const std::string& path) {
-    std::lock_guard lock(mutex_);
-    return hits_[path];
-  }
   // Sends the answers of the held requests.
   void release() {
     std::map<Task*, std::shared_ptr<Task>> held;
@@ -87,37 +81,28 @@ class FakeTransport final : public Transport {
     void schedule() {
       loop->perform([self = shared_from_this()] { self->play(); });
     }
-    // Each event is its own turn of the run loop, as with the real one.
+    // A response, the body's halves, then the finish (or the failure in
+    // place of the second half); nothing more once cancelled.
     void play() {
+      const auto half = reply.body.begin() + reply.body.size() / 2;
+      Data halves[2] = {Data(reply.body.begin(), half), Data(half, reply.body.end())};
       if (cancelled) return;
-      const std::size_t half = reply.body.size() / 2;
-      switch (step++) {
-        case 0: {
-          URLResponse response{request.url,
-                               200,
-                               {{"Content-Type", reply.contentType}},
-                               static_cast<std::int64_t>(reply.body.size())};
-          if (delegate.didReceiveResponse) delegate.didReceiveResponse(*this, response);
-          break;
-        }
-        case 1:
-        case 2: {
-          if (step == 3 && reply.failWith) {
-            const auto error =
-                Error::urlError(*reply.failWith, request.url.absoluteString(), "fake failure");
-            if (delegate.didFailWithError) delegate.didFailWithError(*this, error);
-            return;
-          }
-          Data chunk = step == 2 ? Data(reply.body.begin(), reply.body.begin() + half)
-                                 : Data(reply.body.begin() + half, reply.body.end());
-          if (delegate.didReceiveData) delegate.didReceiveData(*this, chunk);
-          break;
-        }
-        default:
-          if (delegate.didFinishLoading) delegate.didFinishLoading(*this);
+      URLResponse response{request.url,
+                           200,
+                           {{"Content-Type", reply.contentType}},
+                           static_cast<std::int64_t>(reply.body.size())};
+      if (delegate.didReceiveResponse) delegate.didReceiveResponse(*this, response);
+      for (Data& chunk : halves) {
+        if (cancelled) return;
+        if (&chunk == &halves[1] && reply.failWith) {
+          const auto error =
+              Error::urlError(*reply.failWith, request.url.absoluteString(), "fake failure");
+          if (delegate.didFailWithError) delegate.didFailWithError(*this, error);
           return;
+        }
+        if (delegate.didReceiveData) delegate.didReceiveData(*this, chunk);
       }
-      schedule();
+      if (!cancelled && delegate.didFinishLoading) delegate.didFinishLoading(*this);
     }
 
     URLRequest request;
@@ -125,7 +110,6 @@ class FakeTransport final : public Transport {
     Reply reply;
     std::shared_ptr<RunLoop> loop;
     std::atomic<bool> cancelled{false};
-    int step = 0;
   };
 
   Responder responder_;

@@ -15,14 +15,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <map>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
-#include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Platform/Net/URLConnection.h>
 
 namespace nimb::test {
@@ -71,27 +69,14 @@ class HttpTestServer {
   }
 
   // Every path not served before: `png` as image/png, each request counted
-  // in `requests`. But page.html is a page that is no picture, and so is the
-  // first answer on a path starting "flaky" (on "flaky-drop", a connection
-  // that drops after 4 of 1000 bytes); slow.png comes 200 ms late.
+  // in `requests`; but page.html is a page that is no picture.
   std::atomic<int> requests{0};
   void servePictures(std::string png) {
     server_.Get(R"(/(.*))", [this, png](const httplib::Request& req, httplib::Response& res) {
       ++requests;
-      const std::string path = req.matches[1];
-      const bool first = [&] {
-        std::lock_guard lock(hitsMutex_);  // handlers run on many server threads
-        return ++hits_[path] == 1;
-      }();
-      if (first && path.starts_with("flaky-drop")) {
-        res.set_content_provider(1000, "image/png", [](size_t, size_t, httplib::DataSink& sink) {
-          sink.write("\x89PNG", 4);
-          return false;  // the connection drops
-        });
-      } else if (path == "page.html" || (first && path.starts_with("flaky"))) {
+      if (req.matches[1] == "page.html") {
         res.set_content("<html><body>Not found</body></html>", "text/html");
       } else {
-        if (path == "slow.png") pause(200ms);
         res.set_content(png, "image/png");
       }
     });
@@ -118,8 +103,6 @@ class HttpTestServer {
   std::thread thread_;
   std::atomic<bool> stopping_{false};
   int port_ = 0;
-  std::mutex hitsMutex_;
-  std::map<std::string, int> hits_;
 };
 
 // Turns the calling thread's run loop until `done` holds or `seconds` pass.

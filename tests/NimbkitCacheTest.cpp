@@ -17,6 +17,7 @@ using nimb::test::runNimbkit;
 using nimb::test::startNimbkit;
 
 TEST(NimbkitCache, StoreCopyReadListAndRemove) {
+  const nimb::test::ScopedHome home;  // a cache of its own
   auto path = runNimbkit({"cache", "path"});
   EXPECT_EQ(path.exitCode, 0);
   EXPECT_EQ(path.out, std::string(std::getenv("XDG_CACHE_HOME")) + "/nimbkit/VQCache\n");
@@ -55,6 +56,7 @@ TEST(NimbkitCache, StoreCopyReadListAndRemove) {
 // Usage errors exit 2 with one line on standard error that names the fault
 // (a whole line: exactly that), and store nothing.
 TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
+  const nimb::test::ScopedHome home;  // a cache of its own
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"cache", "set", "VQCache.plist"}, "index file"},
       {{"cache", "set", "a/b"}, "cannot be a cache key"},
@@ -85,6 +87,7 @@ TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
 // Many processes setting at once: each saves its own entry onto the index
 // as it is on disk, so every one of them is listed afterwards.
 TEST(NimbkitCache, ParallelProcessesLoseNoEntries) {
+  const nimb::test::ScopedHome home;  // a cache of its own
   constexpr int kProcesses = 20;
   std::vector<nimb::test::RunningProgram> running;
   for (int i = 0; i < kProcesses; ++i) {
@@ -105,6 +108,7 @@ TEST(NimbkitCache, ParallelProcessesLoseNoEntries) {
 // reason when it did not: a directory that cannot be made, a file size limit
 // standing in for a full disk, a source that is no regular file.
 TEST(NimbkitCache, NothingStoredIsAFailure) {
+  const nimb::test::ScopedHome home;  // a cache of its own
   const std::string cacheHome = std::getenv("XDG_CACHE_HOME");
   const std::string big(256 * 1024, 'b');
   auto limited = nimb::test::runProgram(
@@ -159,6 +163,7 @@ TEST(NimbkitCache, NothingStoredIsAFailure) {
 // One line per entry whatever the key holds: control characters and the
 // backslash itself are escaped.
 TEST(NimbkitCache, ListingEscapesControlCharacters) {
+  const nimb::test::ScopedHome home;  // a cache of its own
   const std::pair<std::string, std::string> keys[] = {
       {"two\nlines", "two\\nlines\t"},
       {"tab\there\\\x7f", "tab\\there\\\\\\x7F\t"},

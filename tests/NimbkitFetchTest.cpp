@@ -9,6 +9,7 @@ using namespace nimb;
 using namespace nimb::test;
 
 TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
+  const ScopedHome home;  // a cache of its own
   HttpTestServer server;
   server.servePictures(pngBody(Image::withBitmap({64, 48, Data(64 * 48 * 4, 0xC0)})));
   server.start();
@@ -41,6 +42,7 @@ TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
 // download stops a server that keeps sending: at --max-size (decoded bytes),
 // or at --max-time however steadily the bytes come.
 TEST(NimbkitDownload, SizeAndTimeLimitsEndEndlessBodies) {
+  const ScopedHome home;  // a cache of its own
   HttpTestServer server;
   server.serveEndless("/endless");
   server.start();

@@ -174,4 +174,38 @@ inline ToolResult runNimbkit(const std::vector<std::string>& args, const std::st
   return startNimbkit(args, input).finish();
 }
 
+// For its lifetime, HOME and XDG_CACHE_HOME, XDG_CONFIG_HOME and
+// XDG_DATA_HOME name a fresh temporary tree, so that programs a test starts,
+// and the per-call lookups of the platform classes, find nothing an earlier
+// test left. The previous values come back, and the tree goes, at the end.
+class ScopedHome {
+ public:
+  ScopedHome() : root_(makeTemporaryDirectory("nimb-scoped-home")) {
+    for (const auto& [name, dir] : kVariables) {
+      const char* value = std::getenv(name);
+      saved_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+      ::setenv(name, (root_ + dir).c_str(), 1);
+    }
+  }
+  ~ScopedHome() {
+    for (const auto& [name, value] : saved_) {
+      value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(root_, ec);
+  }
+  ScopedHome(const ScopedHome&) = delete;
+  ScopedHome& operator=(const ScopedHome&) = delete;
+  const std::string& root() const { return root_; }
+
+ private:
+  static constexpr std::pair<const char*, const char*> kVariables[] = {
+      {"HOME", ""},
+      {"XDG_CACHE_HOME", "/cache"},
+      {"XDG_CONFIG_HOME", "/config"},
+      {"XDG_DATA_HOME", "/data"}};
+  std::string root_;
+  std::vector<std::pair<const char*, std::optional<std::string>>> saved_;
+};
+
 }  // namespace nimb::test

@@ -39,6 +39,18 @@ std::string recordSlot() {
   return slot && slot->asString() ? *slot->asString() : "";
 }
 
+// Each test starts as a first run on a device with no application yet: a
+// home, defaults and pasteboards of its own, and no identifier cached in
+// this process (opting in again drops it).
+struct FirstRun {
+  FirstRun() { UserDefaults::resetStandardUserDefaults(); }
+  ~FirstRun() {
+    VQSharedUDID::setOptOut(false);
+    UserDefaults::resetStandardUserDefaults();
+  }
+  const nimb::test::ScopedHome home;
+};
+
 struct AppRun {
   std::string identifier;
   std::string slot;
@@ -59,6 +71,7 @@ AppRun runAs(const std::string& appId) {
 }  // namespace
 
 TEST(VQSharedUDID, ApplicationsInSeparateProcessesAgreeAndClaimOneSlotEach) {
+  const FirstRun fresh;
   const AppRun first = runAs("com.example.one");
   EXPECT_EQ(first.slot, slotName(0));
   auto expectRun = [&](const std::string& appId, int slot) {
@@ -80,6 +93,7 @@ TEST(VQSharedUDID, ApplicationsInSeparateProcessesAgreeAndClaimOneSlotEach) {
 }
 
 TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
+  const FirstRun fresh;
   Error error;
   const std::string id = VQSharedUDID::valueWithError(&error);
   EXPECT_TRUE(std::regex_match(id, std::regex("[0-9a-f]{40}"))) << id;
@@ -102,6 +116,7 @@ TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
 }
 
 TEST(VQSharedUDID, TheStoredIdentifierWinsOverTheSlotsWithADiscrepancy) {
+  const FirstRun fresh;
   const std::string a(40, 'a'), b(40, 'b');
   ASSERT_TRUE(
       UserDefaults::standardUserDefaults().setObject(Dictionary{{"SharedUDID", a}}, "SharedUDID"));
@@ -137,6 +152,7 @@ TEST(VQSharedUDID, ElectionTakesTheMostHeldIdentifierAndTiesGoToTheLastSorted) {
 
 TEST(VQSharedUDID,
      AnApplicationWithoutIdentifierAdoptsTheElectedOneAndForeignPayloadsLeaveASlotFree) {
+  const FirstRun fresh;
   const std::string b(40, 'b');
   fillSlot(0, b);
   // Slot 1 holds bytes that are no keyed archive; slot 2 holds no identifier.
@@ -155,6 +171,7 @@ TEST(VQSharedUDID,
 }
 
 TEST(VQSharedUDID, OptingOutAnswersZerosUntilOptingIn) {
+  const FirstRun fresh;
   const std::string id = VQSharedUDID::value();
   VQSharedUDID::setOptOut(true);
   Error error;

@@ -175,9 +175,12 @@ std::shared_ptr<VQCache> VQCache::open(Options options, SystemError* whyNot) {
   if (directory.find('/') == std::string::npos) directory = "./" + directory;
   while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
   errno = 0;
-  if (!FileManager::createDirectory(directory, true) && !FileManager::isDirectory(directory)) {
-    if (whyNot) *whyNot = SystemError{errno ? errno : ENOTDIR, directory};
-    return nullptr;
+  if (!FileManager::createDirectory(directory, true)) {
+    const int error = errno ? errno : ENOTDIR;
+    if (!FileManager::isDirectory(directory)) {
+      if (whyNot) *whyNot = SystemError{error, directory};
+      return nullptr;
+    }
   }
   auto impl =
       std::make_unique<Impl>(std::move(options.env), std::move(directory), options.defaultTimeout);
