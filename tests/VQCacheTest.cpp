@@ -14,10 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include <NimbFoundation/Platform/Env/Clock.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "TestSupport.h"
 
@@ -48,11 +47,13 @@ void settle(VQCache& cache) {
 
 class VQCacheTest : public ::testing::Test {
  protected:
-  void TearDown() override { nimb::Clock::setCurrent(nullptr); }
+  void TearDown() override { nimb::Env::setCurrent(nullptr); }
   // Pins "now" so expiry can be tested to the instant.
-  std::shared_ptr<nimb::ManualClock> pinClock(double at = 1.8e9) {
-    auto clock = std::make_shared<nimb::ManualClock>(Date::fromTimeIntervalSince1970(at));
-    nimb::Clock::setCurrent(clock);
+  std::shared_ptr<nimb::test::FakeEnv> pinClock(double at = 1.8e9) {
+    auto clock = std::make_shared<nimb::test::FakeEnv>();
+    clock->setNow(Date::fromTimeIntervalSince1970(at));
+    clock->realMonotonic = true;
+    nimb::Env::setCurrent(clock);
     return clock;
   }
 };
@@ -274,7 +275,7 @@ TEST_F(VQCacheTest, CorruptIndexReadsAsEmptyAndIsRepaired) {
   ::alarm(20);  // a read that blocks fails the test instead of hanging it
   for (const std::string key : {"l", "m"}) {
     ASSERT_EQ(::unlink(indexPath().c_str()), 0);
-    ASSERT_TRUE(key == "l" ? FileManager::writeAtomically(indexPath(), "garbage"sv)
+    ASSERT_TRUE(key == "l" ? FileManager::writeAtomically(indexPath(), "garbage"sv).ok()
                            : ::mkfifo(indexPath().c_str(), 0600) == 0);
     EXPECT_TRUE(VQCache::create()->cacheDictionary().empty()) << key;
     cache->setData(dataOf("w"), key, 100);

@@ -10,11 +10,11 @@
 #include <set>
 #include <utility>
 
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Core/Text.h>
 #include <NimbFoundation/Platform/Env/FileLock.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
-#include <NimbFoundation/Platform/Core/Text.h>
 
 namespace nimb {
 
@@ -139,7 +139,7 @@ std::shared_ptr<VQCache> VQCache::currentCache() {
 VQCache::VQCache(Passkey)
     : cacheDictionary_(readIndexFile().value_or(std::map<std::string, Date>{})),
       diskOperationQueue_(std::make_unique<OperationQueue>()) {
-  FileManager::createDirectory(cacheDirectory(), true);
+  (void)FileManager::createDirectory(cacheDirectory(), true);
   // One instant for the whole purge, so that it treats every entry alike.
   const Date now = Date::now();
   const std::int64_t indexWritten = modifiedNs(indexPath());
@@ -152,7 +152,7 @@ VQCache::VQCache(Passkey)
     // entry's file.
     const std::string path = pathForKey(key);
     if (modifiedNs(path) > indexWritten) continue;
-    FileManager::removeItem(path);
+    (void)FileManager::removeItem(path);
   }
 }
 
@@ -182,7 +182,7 @@ bool VQCache::hasCacheForKey(const std::string& key) const {
 
 std::optional<Data> VQCache::dataForKey(const std::string& key) const {
   if (!hasCacheForKey(key)) return std::nullopt;
-  return FileManager::contentsAtPath(pathForKey(key), FollowLinks::No);
+  return FileManager::contentsAtPath(pathForKey(key), FollowLinks::No).optional();
 }
 
 void VQCache::setData(Data data, const std::string& key) {
@@ -269,7 +269,7 @@ void VQCache::copyFilePath(const std::string& sourcePath, const std::string& key
   // The index name is not refused here: copying onto it fails because the
   // index file is there, and the entry is recorded all the same.
   if (!isUsableKey(key)) return;
-  FileManager::copyItem(sourcePath, pathForKey(key));
+  (void)FileManager::copyItem(sourcePath, pathForKey(key));
   recordEntry(key, timeoutInterval);
 }
 
@@ -324,7 +324,7 @@ void VQCache::saveCacheDictionary() {
     changes.swap(unsavedChanges_);
   }
   // The directory may have been removed behind the cache's back.
-  FileManager::createDirectory(cacheDirectory(), true);
+  (void)FileManager::createDirectory(cacheDirectory(), true);
   bool written = false;
   {
     // Other processes (and other instances) save the same file: under the
@@ -388,12 +388,12 @@ void VQCache::writeData(const Data& data, const std::string& path) {
   // The directory may have been removed behind the cache's back.
   const std::string dir = path.substr(0, path.find_last_of('/'));
   if (!FileManager::isDirectory(dir) && FileManager::createDirectory(dir, true)) {
-    FileManager::writeAtomically(path, data);
+    (void)FileManager::writeAtomically(path, data);
   }
 }
 
 void VQCache::deleteDataAtPath(const std::string& path) {
-  FileManager::removeItem(path);
+  (void)FileManager::removeItem(path);
 }
 
 void VQCache::performDiskWriteOperation(OperationQueue::Operation op) {

@@ -5,11 +5,10 @@
 #include <mutex>
 #include <optional>
 
-#include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Core/DateFormatter.h>
 #include <NimbFoundation/Platform/Core/Digest.h>
-#include <NimbFoundation/Platform/Storage/KeyedArchive.h>
 #include <NimbFoundation/Platform/Core/UUID.h>
+#include <NimbFoundation/Platform/Storage/KeyedArchive.h>
 #include <NimbFoundation/Platform/Storage/UserDefaults.h>
 
 namespace nimb {
@@ -95,7 +94,7 @@ std::string VQSharedUDID::valueWithError(Error* error) {
     }
   }
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
-  const Date now = Clock::current()->now();
+  const Date now = Date::now();
 
   // This application's identifier for this run.
   std::string appUID;
@@ -211,7 +210,7 @@ void VQSharedUDID::setOptOut(bool optOut) {
     dict = *record->asDictionary();
   }
   if (optOut) {
-    dict[kOptOutKey] = Clock::current()->now();
+    dict[kOptOutKey] = Date::now();
   } else {
     dict.erase(kOptOutKey);
   }

@@ -9,9 +9,9 @@
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Images/VQImageLoader.h>
 #include <NimbFoundation/Images/VQImageView.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Graphics/Graphics.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 namespace nimbkit {
 
@@ -188,7 +188,8 @@ std::vector<FetchResult> fetchIntoViews(const std::vector<nimb::URL>& urls,
   flushCache();
 
   auto cache = nimb::VQCache::currentCache();
-  if (!settings.outDirectory.empty()) nimb::FileManager::createDirectory(settings.outDirectory);
+  if (!settings.outDirectory.empty())
+    (void)nimb::FileManager::createDirectory(settings.outDirectory);
   std::vector<FetchResult> results;
   for (std::size_t i = 0; i < slots.size(); ++i) {
     Slot& slot = slots[i];

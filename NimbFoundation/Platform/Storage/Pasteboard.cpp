@@ -236,7 +236,7 @@ void cleanUpAtExit() {
       Loaded loaded = load(path);
       if (loaded.state == FileState::Valid && !loaded.record.persistent &&
           isCurrentProcess(loaded.record.owner)) {
-        FileManager::removeItem(path);
+        (void)FileManager::removeItem(path);
       }
     }
   } catch (...) {
@@ -267,36 +267,13 @@ std::string folderOf(const std::string& path) {
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
-std::mutex& storeDirectoryMutex() {
-  static std::mutex m;
-  return m;
-}
-
-std::string& storeDirectoryOverride() {
-  static std::string path;
-  return path;
-}
-
 }  // namespace
 
 std::string Pasteboard::storeDirectory() {
   try {
-    {
-      std::lock_guard guard(storeDirectoryMutex());
-      if (!storeDirectoryOverride().empty()) return storeDirectoryOverride();
-    }
-    return FileManager::appendingPathComponent(FileManager::dataDirectory(),
-                                               "NimbFoundation/Pasteboards");
+    return Env::current()->pasteboardDirectory();
   } catch (...) {
     return {};
-  }
-}
-
-void Pasteboard::setStoreDirectory(std::string path) {
-  try {
-    std::lock_guard guard(storeDirectoryMutex());
-    storeDirectoryOverride() = std::move(path);
-  } catch (...) {
   }
 }
 
@@ -325,7 +302,7 @@ std::shared_ptr<Pasteboard> Pasteboard::pasteboardWithName(std::string_view name
     }
     Loaded loaded = load(path);
     if (loaded.orphaned()) {
-      FileManager::removeItem(path);
+      (void)FileManager::removeItem(path);
       loaded.state = FileState::Missing;
     }
     if (loaded.state == FileState::Missing) {
@@ -350,7 +327,7 @@ bool Pasteboard::removePasteboardWithName(std::string_view name) {
     if (dir.empty() || !FileManager::isDirectory(dir)) return false;
     FileLock lock(lockPathOf(dir));
     if (!lock.held()) return false;
-    return FileManager::removeItem(FileManager::appendingPathComponent(dir, *fileName));
+    return FileManager::removeItem(FileManager::appendingPathComponent(dir, *fileName)).ok();
   } catch (...) {
     return false;
   }
@@ -373,7 +350,7 @@ void Pasteboard::setPersistent(bool persistent) {
     if (!lock.held()) return;
     Loaded loaded = load(path_);
     if (loaded.gone()) {
-      if (loaded.state != FileState::Missing) FileManager::removeItem(path_);
+      if (loaded.state != FileState::Missing) (void)FileManager::removeItem(path_);
       return;
     }
     Record& record = loaded.record;
@@ -409,7 +386,7 @@ bool Pasteboard::setData(const Data& data, std::string_view type) {
     if (!lock.held()) return false;
     Loaded loaded = load(path_);
     if (loaded.gone()) {
-      if (loaded.state != FileState::Missing) FileManager::removeItem(path_);
+      if (loaded.state != FileState::Missing) (void)FileManager::removeItem(path_);
       return false;
     }
     Record& record = loaded.record;
