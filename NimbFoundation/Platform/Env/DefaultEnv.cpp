@@ -233,8 +233,8 @@ std::string detectMachineZoneName() {
 // name depends on the working directory.
 std::optional<std::string> findOnPath(const std::string& name) {
   if (name.find('/') != std::string::npos) return name;
-  const char* value = std::getenv("PATH");
-  std::string_view list = value ? value : "";
+  const auto value = Env::current()->environmentVariable("PATH");
+  std::string_view list = value ? std::string_view(*value) : std::string_view();
   while (!list.empty()) {
     const auto colon = list.find(':');
     std::string_view folder = list.substr(0, colon);

@@ -23,8 +23,8 @@
 //   - systemTimeZoneName(): TZ, else /etc/localtime, detected once per
 //     process.
 //   - Facts that follow from environment variables (the home folder, the
-//     locale and languages) read them through Env::current(), so a wrapper
-//     that changes a variable changes what follows from it.
+//     locale and languages, the program found on PATH) read them through Env::current(), so a
+//     wrapper that changes a variable changes what follows from it.
 //   - homeDirectory(): $HOME, else the password database's home.
 //   - launchDetached(): through a shell that backgrounds the program and
 //     exits at once, with signals reset and no descriptors beyond the
