@@ -21,9 +21,9 @@
 #include <vector>
 
 #include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "BenchSupport.h"
 
@@ -56,7 +56,7 @@ void settle(VQCache& cache) {
 // Starts a run from an empty directory with nothing left to write back.
 void emptyDirectory(const std::string& dir) {
   std::filesystem::remove_all(dir);
-  FileManager::createDirectory(dir, true);
+  (void)FileManager::createDirectory(dir, true);
   ::sync();
 }
 
@@ -84,7 +84,8 @@ void BM_SetThenGet_DirectFiles(benchmark::State& state) {
     state.PauseTiming();
     emptyDirectory(dir);
     state.ResumeTiming();
-    for (int i = 0; i < kEntries; ++i) FileManager::writeAtomically(dir + "/" + key(i), bytes);
+    for (int i = 0; i < kEntries; ++i)
+      (void)FileManager::writeAtomically(dir + "/" + key(i), bytes);
     std::size_t total = 0;
     for (int i = 0; i < kEntries; ++i)
       total += FileManager::contentsAtPath(dir + "/" + key(i))->size();

@@ -2,18 +2,15 @@
 // and the hand-over to a stand-in xdg-open.
 #include <NimbFoundation/Platform/Env/Application.h>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <optional>
-#include <sstream>
-#include <thread>
 
 #include "TestSupport.h"
 
@@ -30,26 +27,21 @@ class ApplicationTest : public ::testing::Test {
   std::string systemApps = root + "/data-dir/applications";
   std::string bin = root + "/bin";
 
+  nimb::test::FakeMachine machine;
+
   void SetUp() override {
     for (const auto& [name, dir] : {std::pair{"XDG_DATA_HOME", "/data-home"},
                                     {"XDG_DATA_DIRS", "/data-dir"},
                                     {"XDG_CONFIG_HOME", "/config-home"},
                                     {"XDG_CONFIG_DIRS", "/config-dir"},
                                     {"PATH", "/bin"}}) {
-      const char* value = std::getenv(name);
-      saved_[name] = value ? std::optional<std::string>(value) : std::nullopt;
       std::filesystem::create_directories(root + dir);
-      setenv(name, (root + dir).c_str(), 1);
+      machine->variables[name] = root + dir;
     }
     std::filesystem::create_directories(userApps);
     std::filesystem::create_directories(systemApps);
   }
-  void TearDown() override {
-    for (const auto& [name, value] : saved_) {
-      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
-    }
-    std::filesystem::remove_all(root);
-  }
+  void TearDown() override { std::filesystem::remove_all(root); }
 
   static void write(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
@@ -57,28 +49,37 @@ class ApplicationTest : public ::testing::Test {
   static std::string entry(const std::string& extra) {
     return "[Desktop Entry]\nType=Application\nName=Handler\nExec=handler %u\n" + extra;
   }
-  // An xdg-open that records its one argument in `received`, whole or not
-  // at all. PATH holds only `bin`, so mv comes from the system's default
-  // path.
+  // An xdg-open that writes its one argument into the FIFO `received`.
   std::string received = root + "/received";
+  int receiver = -1;
   void installFakeXdgOpen() {
     const std::string script = bin + "/xdg-open";
-    write(script, "#!/bin/sh\nprintf '%s' \"$1\" > '" + received + ".tmp' && command -p mv '" +
-                      received + ".tmp' '" + received + "'\n");
+    write(script, "#!/bin/sh\nprintf '%s' \"$1\" > '" + received + "'\n");
     chmod(script.c_str(), 0755);
+    ASSERT_EQ(mkfifo(received.c_str(), 0600), 0);
+    // Opened first without blocking, so the writer finds a reader.
+    receiver = ::open(received.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(receiver, 0);
   }
+  // What the stand-in wrote, up to its end; nullopt when nothing arrives
+  // (the timeout only keeps a broken launch from hanging the test).
   std::optional<std::string> awaitReceived() {
-    for (int i = 0; i < 1000 && !std::filesystem::exists(received); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::string text;
+    bool opened = false;
+    for (;;) {
+      pollfd wait{receiver, POLLIN, 0};
+      if (::poll(&wait, 1, 30000) <= 0) return std::nullopt;
+      char buffer[4096];
+      const ssize_t n = ::read(receiver, buffer, sizeof buffer);
+      if (n > 0) {
+        text.append(buffer, static_cast<std::size_t>(n));
+        opened = true;
+      } else if (n == 0 && (opened || (wait.revents & POLLHUP))) {
+        ::close(receiver);
+        return text;
+      }
     }
-    if (!std::filesystem::exists(received)) return std::nullopt;
-    std::stringstream text;
-    text << std::ifstream(received).rdbuf();
-    return text.str();
   }
-
- private:
-  std::map<std::string, std::optional<std::string>> saved_;
 };
 
 }  // namespace

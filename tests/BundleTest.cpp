@@ -15,21 +15,19 @@ namespace {
 class BundleResources : public ::testing::Test {
  protected:
   std::string dir = nimb::test::makeTemporaryDirectory("nimb-bundle");
-  void TearDown() override {
-    Bundle::setResourcePath("");
-    std::filesystem::remove_all(dir);
-  }
+  nimb::test::FakeMachine machine;
+  void TearDown() override { std::filesystem::remove_all(dir); }
 };
 }  // namespace
 
 TEST_F(BundleResources, MainBundleResourcesDefaultToTheBundleFolder) {
   auto before = Bundle::mainBundle();
   EXPECT_EQ(before->resourcePath(), before->bundlePath());
-  Bundle::setResourcePath(dir);
+  machine->bundle = nimb::BundleSettings{std::nullopt, std::nullopt, dir};
   EXPECT_EQ(Bundle::mainBundle()->resourcePath(), dir);
   EXPECT_EQ(Bundle::mainBundle()->bundlePath(), before->bundlePath());
   EXPECT_EQ(before->resourcePath(), before->bundlePath());  // snapshots never change
-  Bundle::setResourcePath("");
+  machine->bundle = std::nullopt;
   EXPECT_EQ(Bundle::mainBundle()->resourcePath(), before->bundlePath());
 }
 

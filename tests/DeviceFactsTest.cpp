@@ -1,13 +1,15 @@
 // The platform's device facts: UUIDs, locale and bundle defaults.
 #include <NimbFoundation/Platform/Core/UUID.h>
 #include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/Device.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Env/Locale.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <set>
+
+#include "TestSupport.h"
 
 using nimb::Locale;
 using nimb::UUID;
@@ -31,33 +33,52 @@ TEST(DeviceFacts, UUIDsParseAndNameBasedOnesMatchTheStandard) {
 }
 
 TEST(DeviceFacts, LocaleComesFromTheEnvironmentUnlessSet) {
-  setenv("LANG", "fr_CA.UTF-8", 1);
-  unsetenv("LC_ALL");
-  unsetenv("LC_MESSAGES");
-  setenv("LANGUAGE", "de_CH:en", 1);
+  nimb::test::FakeMachine machine;
+  machine->variables = {{"LANG", "fr_CA.UTF-8"},
+                        {"LC_ALL", std::nullopt},
+                        {"LC_MESSAGES", std::nullopt},
+                        {"LANGUAGE", "de_CH:en"}};
   EXPECT_EQ(Locale::currentCountryCode(), "CA");
   EXPECT_EQ(Locale::preferredLanguages(), (std::vector<std::string>{"de-CH", "en", "fr-CA"}));
+  // LC_ALL wins over LANG.
+  machine->variables["LC_ALL"] = "it_CH.UTF-8@euro";
+  EXPECT_EQ(Locale::currentCountryCode(), "CH");
+  machine->variables["LC_ALL"] = std::nullopt;
   // The C locale names neither a country nor a language, and LANGUAGE alone
   // does not count.
-  setenv("LANG", "C.UTF-8", 1);
+  machine->variables["LANG"] = "C.UTF-8";
   EXPECT_EQ(Locale::currentCountryCode(), "");
   EXPECT_TRUE(Locale::preferredLanguages().empty());
-  Locale::setCurrentLocaleIdentifier("pt_BR");
-  Locale::setPreferredLanguages(std::vector<std::string>{"pt-BR"});
+  machine->locale = "pt_BR";
+  machine->languages = std::vector<std::string>{"pt-BR"};
   EXPECT_EQ(Locale::currentCountryCode(), "BR");
   EXPECT_EQ(Locale::preferredLanguages().front(), "pt-BR");
 }
 
 TEST(DeviceFacts, BundleWithoutInfoFileIsNamedAfterTheProcess) {
-  nimb::Bundle::setInfoDictionaryPath("/nonexistent/Info.plist");
+  nimb::test::FakeMachine machine;
+  machine->bundle = nimb::BundleSettings{"/nonexistent/Info.plist", std::nullopt, std::nullopt};
   const std::string process = nimb::FileManager::processName();
   auto bundle = nimb::Bundle::mainBundle();
   EXPECT_EQ(bundle->bundleIdentifier(), process);
   EXPECT_EQ(*bundle->objectForInfoDictionaryKey("CFBundleIdentifier")->asString(), process);
   EXPECT_EQ(bundle->objectForInfoDictionaryKey("CFBundleVersion"), nullptr);
-  nimb::Bundle::setBundleIdentifier("com.example.acting");
+  machine->bundle->bundleIdentifier = "com.example.acting";
   EXPECT_EQ(nimb::Bundle::mainBundle()->bundleIdentifier(), "com.example.acting");
   EXPECT_EQ(bundle->bundleIdentifier(), process);  // snapshots never change
-  nimb::Bundle::setBundleIdentifier("");           // the tests that follow run as themselves
-  nimb::Bundle::setInfoDictionaryPath("");
+}
+
+TEST(DeviceFacts, TheVendorIdentifierFollowsTheMachineAndTheVendor) {
+  nimb::test::FakeMachine machine;
+  nimb::DeviceFacts device;
+  device.machineId = "0123456789abcdef0123456789abcdef";
+  machine->device = device;
+  machine->bundle = nimb::BundleSettings{"/nonexistent/Info.plist", "com.example.chat", {}};
+  const auto chat = nimb::Device::identifierForVendor();
+  ASSERT_TRUE(chat);
+  EXPECT_EQ(*chat, UUID::nameBased(*UUID::fromString(*device.machineId), "com.example"));
+  machine->device->machineId = "fedcba9876543210fedcba9876543210";
+  EXPECT_NE(nimb::Device::identifierForVendor(), chat);
+  machine->device->machineId = std::nullopt;
+  EXPECT_EQ(nimb::Device::identifierForVendor(), std::nullopt);
 }

@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cerrno>
 #include <filesystem>
 
 #include "TestSupport.h"
@@ -27,15 +27,17 @@ class FileManagerTest : public ::testing::Test {
 };
 }  // namespace
 
-TEST_F(FileManagerTest, CachesDirectoryFollowsXdgThenHome) {
-  const std::string saved = std::getenv("XDG_CACHE_HOME");
-  const std::string home = std::string(std::getenv("HOME")) + "/.cache";
-  EXPECT_EQ(FileManager::cachesDirectory(), saved);
-  setenv("XDG_CACHE_HOME", "relative/ignored", 1);
-  EXPECT_EQ(FileManager::cachesDirectory(), home);
-  unsetenv("XDG_CACHE_HOME");
-  EXPECT_EQ(FileManager::cachesDirectory(), home);
-  setenv("XDG_CACHE_HOME", saved.c_str(), 1);
+TEST_F(FileManagerTest, UserFoldersFollowXdgThenHome) {
+  nimb::test::FakeMachine machine;
+  machine->variables = {{"XDG_CACHE_HOME", dir + "/cache"},
+                        {"XDG_DATA_HOME", "relative/ignored"},
+                        {"XDG_CONFIG_HOME", std::nullopt},
+                        {"HOME", dir + "/home"}};
+  EXPECT_EQ(FileManager::cachesDirectory(), dir + "/cache");
+  EXPECT_EQ(FileManager::dataDirectory(), dir + "/home/.local/share");
+  EXPECT_EQ(FileManager::configDirectory(), dir + "/home/.config");
+  machine->home = "/elsewhere";  // the home the Env reports, not only $HOME
+  EXPECT_EQ(FileManager::configDirectory(), "/elsewhere/.config");
   EXPECT_EQ(FileManager::processName(), "NimbFoundationTests");
   EXPECT_EQ(FileManager::appendingPathComponent("/a/b//", "c"), "/a/b/c");
 }
@@ -50,7 +52,9 @@ TEST_F(FileManagerTest, AtomicWritesReplaceWholeAndCopiesNeverOverwrite) {
 
   EXPECT_TRUE(FileManager::copyItem(path, copy));
   ASSERT_TRUE(FileManager::writeAtomically(path, "changed"sv));
-  EXPECT_FALSE(FileManager::copyItem(path, copy));
+  auto refused = FileManager::copyItem(path, copy);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error(), (nimb::SystemError{EEXIST, copy}));
   EXPECT_EQ(FileManager::contentsAtPath(copy), dataOf("second"));
   EXPECT_FALSE(FileManager::copyItem(dir + "/absent", dir + "/other"));
 
@@ -62,7 +66,9 @@ TEST_F(FileManagerTest, AtomicWritesReplaceWholeAndCopiesNeverOverwrite) {
   EXPECT_EQ(FileManager::contentsAtPath(victim), dataOf("keep"));
 
   // Into a directory that does not exist: fails, and leaves nothing.
-  EXPECT_FALSE(FileManager::writeAtomically(dir + "/missing/file", "x"sv));
+  auto failed = FileManager::writeAtomically(dir + "/missing/file", "x"sv);
+  ASSERT_FALSE(failed);
+  EXPECT_EQ(failed.error(), (nimb::SystemError{ENOENT, dir + "/missing/file"}));
   EXPECT_EQ(entries(), 4u);  // file, copy, victim and link
 }
 
@@ -73,8 +79,9 @@ TEST_F(FileManagerTest, DirectoriesReadsAndRemoval) {
   EXPECT_FALSE(FileManager::createDirectory(dir + "/x/y", false));
   EXPECT_EQ(modeOf(dir + "/a"), 0700u);
 
-  EXPECT_FALSE(FileManager::contentsAtPath(deep));  // a directory has no contents
-  EXPECT_FALSE(FileManager::contentsAtPath(dir + "/absent"));
+  // A directory has no contents; the reason comes with the path.
+  EXPECT_EQ(FileManager::contentsAtPath(deep).error(), (nimb::SystemError{EISDIR, deep}));
+  EXPECT_EQ(FileManager::contentsAtPath(dir + "/absent").error().code, ENOENT);
   std::string big = dir + "/big";
   Data large(300000);
   for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<std::uint8_t>(i * 7);
@@ -82,8 +89,8 @@ TEST_F(FileManagerTest, DirectoriesReadsAndRemoval) {
   EXPECT_EQ(FileManager::contentsAtPath(big), large);
 
   EXPECT_TRUE(FileManager::removeItem(big));
-  EXPECT_FALSE(FileManager::removeItem(big));
-  EXPECT_TRUE(FileManager::removeItem(deep));
+  EXPECT_EQ(FileManager::removeItem(big).error().code, ENOENT);
+  EXPECT_TRUE(FileManager::removeItem(dir + "/a"));  // a directory goes with what it holds
   EXPECT_FALSE(FileManager::fileExists(deep));
 }
 
@@ -98,11 +105,12 @@ TEST_F(FileManagerTest, SpecialFilesAndLinksReadAsMissing) {
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
 
   EXPECT_EQ(FileManager::contentsAtPath(link), dataOf("outside"));
-  EXPECT_FALSE(FileManager::contentsAtPath(link, nimb::FollowLinks::No));
+  EXPECT_EQ(FileManager::contentsAtPath(link, nimb::FollowLinks::No).error().code, ELOOP);
   EXPECT_TRUE(FileManager::isRegularFile(link));
   EXPECT_FALSE(FileManager::isRegularFile(link, nimb::FollowLinks::No));
   for (const std::string& special : {fifo, std::string("/dev/zero"), dir}) {
-    EXPECT_FALSE(FileManager::contentsAtPath(special)) << special;
+    const int expected = special == dir ? EISDIR : ENOENT;  // the others read as missing
+    EXPECT_EQ(FileManager::contentsAtPath(special).error().code, expected) << special;
     EXPECT_FALSE(FileManager::isRegularFile(special)) << special;
     EXPECT_FALSE(FileManager::copyItem(special, dir + "/copy")) << special;
   }

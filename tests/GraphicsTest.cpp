@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "HttpTestServer.h"
+#include "TestSupport.h"
 
 namespace nimb {
 namespace {
@@ -69,15 +70,13 @@ TEST(Graphics, ContextsStartClearOrBlackAtTheirOrTheScreensScale) {
     EXPECT_FALSE(context.image());
   }
   // Without a scale of its own, the main screen's; without a screen, 1.
-  Device::Overrides device;
-  device.mainScreen = ScreenFacts{{320, 480}, 3.0, std::nullopt};
-  Device::setOverrides(device);
+  nimb::test::FakeMachine machine;
+  machine->device = nimb::DeviceFacts{};
+  machine->device->mainScreen = ScreenFacts{{320, 480}, 3.0, std::nullopt};
   for (double unset : {0.0, double(NAN)})
     EXPECT_EQ(ImageContext({10, 10}, false, unset).image()->bitmap().width, 30);
-  device.mainScreen = std::optional<ScreenFacts>();  // no screen
-  Device::setOverrides(device);
+  machine->device->mainScreen = std::nullopt;  // no screen
   EXPECT_EQ(ImageContext({10, 10}, false, -1).scale(), 1);
-  Device::setOverrides({});
 }
 
 TEST(Graphics, DrawnImagesFillTheirRectangleToTheEdges) {

@@ -4,6 +4,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -12,17 +15,17 @@ using nimb::OperationQueue;
 
 TEST(OperationQueue, AddNeverBlocksWaitSeesEverythingFinishAndThrowingOnesAreDropped) {
   OperationQueue queue;
-  std::atomic<bool> release{false};
+  std::promise<void> release;
+  std::shared_future<void> gate = release.get_future().share();
   std::atomic<int> done{0};
-  auto start = std::chrono::steady_clock::now();
-  // More blocked operations than workers: adding must still return at once.
+  // More blocked operations than workers: adding must still return (were it
+  // to wait for a worker, the test would never get to the release).
   for (int i = 0; i < 50; ++i) {
-    queue.addOperation([&] {
-      while (!release) std::this_thread::sleep_for(1ms);
+    queue.addOperation([&, gate] {
+      gate.wait();
       ++done;
     });
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
   EXPECT_EQ(queue.operationCount(), 50u);
   // A throwing operation is dropped; one may queue more, which wait also sees.
   queue.addOperation([] { throw std::runtime_error("boom"); });
@@ -30,7 +33,7 @@ TEST(OperationQueue, AddNeverBlocksWaitSeesEverythingFinishAndThrowingOnesAreDro
     queue.addOperation([&] { ++done; });
     ++done;
   });
-  release = true;
+  release.set_value();
   queue.waitUntilAllOperationsAreFinished();
   EXPECT_EQ(done.load(), 52);
   EXPECT_EQ(queue.operationCount(), 0u);
@@ -39,32 +42,40 @@ TEST(OperationQueue, AddNeverBlocksWaitSeesEverythingFinishAndThrowingOnesAreDro
 TEST(OperationQueue, RunsOperationsConcurrently) {
   OperationQueue queue;
   ASSERT_GE(queue.maxConcurrentOperationCount(), 2u);
-  std::atomic<int> inside{0};
-  std::atomic<int> peak{0};
-  for (int i = 0; i < 8; ++i) {
+  // Two operations meet: each waits for the other to have started. The
+  // timeout only keeps a serial queue from hanging the test.
+  std::mutex mutex;
+  std::condition_variable arrived;
+  int started = 0;
+  std::atomic<int> met{0};
+  for (int i = 0; i < 2; ++i) {
     queue.addOperation([&] {
-      int now = ++inside;
-      int seen = peak.load();
-      while (now > seen && !peak.compare_exchange_weak(seen, now)) {
-      }
-      std::this_thread::sleep_for(50ms);
-      --inside;
+      std::unique_lock lock(mutex);
+      ++started;
+      arrived.notify_all();
+      if (arrived.wait_for(lock, 30s, [&] { return started == 2; })) ++met;
     });
   }
   queue.waitUntilAllOperationsAreFinished();
-  EXPECT_GE(peak.load(), 2);
+  EXPECT_EQ(met.load(), 2);
 }
 
 TEST(OperationQueue, DestructorLetsQueuedWorkFinish) {
   std::atomic<int> done{0};
+  std::promise<void> release;
+  std::shared_future<void> gate = release.get_future().share();
+  std::thread releaser;
   {
     OperationQueue queue;
     for (int i = 0; i < 20; ++i) {
-      queue.addOperation([&] {
-        std::this_thread::sleep_for(2ms);
+      queue.addOperation([&, gate] {
+        gate.wait();
         ++done;
       });
     }
+    // Opens the gate while the queue is being destroyed with all 20 queued.
+    releaser = std::thread([&] { release.set_value(); });
   }
+  releaser.join();
   EXPECT_EQ(done.load(), 20);
 }

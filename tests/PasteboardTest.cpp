@@ -29,11 +29,9 @@ class PasteboardTest : public ::testing::Test {
  protected:
   std::string root = nimb::test::makeTemporaryDirectory("nimb-pasteboards");
   std::string store = root + "/store";
-  void SetUp() override { Pasteboard::setStoreDirectory(store); }
-  void TearDown() override {
-    Pasteboard::setStoreDirectory("");
-    std::filesystem::remove_all(root);
-  }
+  nimb::test::FakeMachine machine;
+  void SetUp() override { machine->pasteboardDir = store; }
+  void TearDown() override { std::filesystem::remove_all(root); }
   static std::set<std::string> entries(const std::string& dir) {
     std::set<std::string> names;
     for (auto& e : std::filesystem::directory_iterator(dir)) names.insert(e.path().filename());
@@ -90,9 +88,9 @@ TEST_F(PasteboardTest, CreateReadWriteAndRemove) {
   EXPECT_EQ(late.error(), (nimb::SystemError{ENOENT, file}));
   EXPECT_EQ(entries(store), std::set<std::string>{".lock"});
 
-  Pasteboard::setStoreDirectory("");
-  EXPECT_EQ(Pasteboard::storeDirectory(),
-            std::string(std::getenv("XDG_DATA_HOME")) + "/NimbFoundation/Pasteboards");
+  machine->pasteboardDir = std::nullopt;
+  machine->variables["XDG_DATA_HOME"] = root + "/data";
+  EXPECT_EQ(Pasteboard::storeDirectory(), root + "/data/NimbFoundation/Pasteboards");
 }
 
 // A FIFO or a symbolic link under a pasteboard's name is no pasteboard: it

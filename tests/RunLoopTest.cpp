@@ -4,13 +4,17 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
+
 using namespace std::chrono_literals;
 using nimb::RunLoop;
+using nimb::test::FakeMachine;
 
 namespace {
 int target;  // an identity for delayed requests
@@ -36,29 +40,30 @@ TEST(RunLoop, PerformsRunInOrderOnlyWhenTheLoopTurnsAndAThrowingOneIsDropped) {
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
+// Delayed requests fall due on the Env's monotonic clock, to the instant.
 TEST(RunLoop, LaterRequestWithdrawsThePendingOne) {
+  FakeMachine machine;
   auto& loop = RunLoop::current();
   int runs = 0;
-  auto start = std::chrono::steady_clock::now();
-  std::chrono::steady_clock::time_point ranAt;
   for (int i = 0; i < 3; ++i) {
     loop.cancelPerforms(&target, "save");
-    loop.performAfterDelay(0.05, &target, "save", [&] {
-      ++runs;
-      ranAt = std::chrono::steady_clock::now();
-    });
-    std::this_thread::sleep_for(20ms);
+    loop.performAfterDelay(0.05, &target, "save", [&] { ++runs; });
+    machine->advance(0.02);
+    EXPECT_FALSE(loop.runOnce(0)) << i;
   }
   EXPECT_EQ(loop.scheduledCount(), 1u);
-  EXPECT_TRUE(loop.runUntilIdle(2));
+  machine->advance(0.0299);  // just short of 0.05 s after the last request
+  EXPECT_FALSE(loop.runOnce(0));
+  machine->advance(0.0001);
+  EXPECT_TRUE(loop.runOnce(0));
   EXPECT_EQ(runs, 1);
-  // 0.05 s after the last of three requests 20 ms apart.
-  EXPECT_GE(ranAt - start, 90ms);
+  EXPECT_FALSE(loop.hasPendingWork());
 }
 
 // Earlier due times run first, equal ones in the order asked; a cancel
 // matches target and action only.
 TEST(RunLoop, DelayedRequestsRunInTimeOrderAndCancelMatchesTargetAndAction) {
+  FakeMachine machine;
   auto& loop = RunLoop::current();
   int other = 0;
   std::vector<std::string> ran;
@@ -68,9 +73,16 @@ TEST(RunLoop, DelayedRequestsRunInTimeOrderAndCancelMatchesTargetAndAction) {
   loop.performAfterDelay(0.02, &target, "b", log("b"));
   loop.performAfterDelay(0.02, &other, "a", log("other a"));
   loop.performAfterDelay(0.01, nullptr, "a", log("anonymous"));
+  loop.performAfterDelay(-1, nullptr, "", log("negative"));  // runs at once
   loop.cancelPerforms(&target, "a");
-  loop.runUntilIdle(1);
-  EXPECT_EQ(ran, (std::vector<std::string>{"anonymous", "b", "other a", "last"}));
+  EXPECT_TRUE(loop.runOnce(0));
+  EXPECT_EQ(ran, (std::vector<std::string>{"negative"}));
+  machine->advance(0.02);
+  EXPECT_TRUE(loop.runOnce(0));
+  EXPECT_EQ(ran, (std::vector<std::string>{"negative", "anonymous", "b", "other a"}));
+  machine->advance(0.01);
+  EXPECT_TRUE(loop.runOnce(0));
+  EXPECT_EQ(ran.back(), "last");
 
   loop.performAfterDelay(0, &target, "a", log("a"));
   loop.performAfterDelay(0, &target, "b", log("b"));
@@ -84,18 +96,21 @@ TEST(RunLoop, PerformOnMainThreadAndWait) {
   RunLoop::performOnMainThread([&] { ran = true; }, true);
   EXPECT_TRUE(ran);
 
-  // From a worker it runs on the main thread, and the worker waits for it.
+  // From a worker it runs on the main thread, and the worker waits for it:
+  // it cannot return before the main loop turns.
   std::atomic<bool> ranOnMain{false};
-  std::atomic<bool> workerReturned{false};
+  std::promise<void> returned;
+  auto workerReturned = returned.get_future();
   std::thread worker([&] {
     RunLoop::performOnMainThread([&] { ranOnMain = RunLoop::isMainThread(); }, true);
-    workerReturned = true;
+    returned.set_value();
   });
-  std::this_thread::sleep_for(30ms);
-  EXPECT_FALSE(workerReturned.load());  // blocked until the main loop turns
-  auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (!workerReturned && std::chrono::steady_clock::now() < deadline)
+  EXPECT_EQ(workerReturned.wait_for(0s), std::future_status::timeout);
+  // Each turn waits for the worker's post; the count only guards against a hang.
+  for (int turn = 0; turn < 200 && workerReturned.wait_for(0s) != std::future_status::ready;
+       ++turn) {
     RunLoop::main().runOnce(0.05);
+  }
   worker.join();
   EXPECT_TRUE(ranOnMain.load());
 }
@@ -115,20 +130,23 @@ TEST(RunLoop, PostsFromOtherThreadsWakeTheLoop) {
 }
 
 TEST(RunLoop, RunUntilDeadlineAndStop) {
+  FakeMachine machine;
   auto& loop = RunLoop::current();
-  auto start = std::chrono::steady_clock::now();
-  loop.runUntil(start + 50ms);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+  bool ran = false;
+  loop.perform([&] { ran = true; });
+  loop.runUntil(std::chrono::steady_clock::now());  // a deadline already passed runs nothing
+  EXPECT_FALSE(ran);
+  loop.runFor(0.001);
+  EXPECT_TRUE(ran);
 
-  loop.performAfterDelay(0.01, nullptr, "", [&] { loop.stop(); });
-  start = std::chrono::steady_clock::now();
-  loop.run();  // returns once the request stops it
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  loop.perform([&] { loop.stop(); });
+  loop.run();  // returns once the task stops it
 
   // A stop nobody was running for ends the next run, and only that one.
   loop.stop();
   loop.performAfterDelay(0.05, nullptr, "", [] {});
   EXPECT_FALSE(loop.runUntilIdle(5));
+  machine->advance(0.05);
   EXPECT_TRUE(loop.runUntilIdle(5));
 }
 

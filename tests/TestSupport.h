@@ -7,18 +7,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <NimbFoundation/Platform/Env/Env.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 
 extern char** environ;
@@ -206,6 +210,103 @@ class ScopedHome {
       {"XDG_DATA_HOME", "/data"}};
   std::string root_;
   std::vector<std::pair<const char*, std::optional<std::string>>> saved_;
+};
+
+// A machine a test describes. Both clocks stand still until advance() or
+// setNow() moves them, starting where the real ones were. Every other fact
+// is the real machine's unless its field is set; set the fields before the
+// Env is installed, or while no other thread asks it.
+class FakeEnv : public EnvWrapper {
+ public:
+  std::optional<DeviceFacts> device;
+  std::optional<std::vector<InterfaceAddress>> interfaces;
+  bool interfacesUnreadable = false;                       // the list cannot be read
+  std::optional<std::map<std::string, unsigned>> indexes;  // absent names are 0
+  std::optional<NetworkInterfaces::HardwareAddress> hardware;
+  std::optional<std::string> locale;
+  std::optional<std::vector<std::string>> languages;
+  std::optional<std::string> timeZone;
+  std::optional<BundleSettings> bundle;
+  std::optional<std::string> pasteboardDir;
+  std::optional<std::string> home;
+  // Keeps the real monotonic clock, for a test that pins only the date
+  // while run-loop timers run in real time.
+  bool realMonotonic = false;
+  // Variables set here win over the process's; a nullopt value reads as unset.
+  std::map<std::string, std::optional<std::string>, std::less<>> variables;
+
+  FakeEnv()
+      : wall_(target().now().timeIntervalSince1970()), monotonic_(target().monotonicSeconds()) {}
+
+  // Moves both clocks forward.
+  void advance(double seconds) {
+    wall_.store(wall_.load() + seconds);
+    monotonic_.store(monotonic_.load() + seconds);
+  }
+  void setNow(Date date) { wall_.store(date.timeIntervalSince1970()); }
+
+  Date now() override { return Date::fromTimeIntervalSince1970(wall_.load()); }
+  double monotonicSeconds() override {
+    return realMonotonic ? EnvWrapper::monotonicSeconds() : monotonic_.load();
+  }
+  std::optional<std::string> environmentVariable(std::string_view name) override {
+    if (auto found = variables.find(name); found != variables.end()) return found->second;
+    return EnvWrapper::environmentVariable(name);
+  }
+  std::string homeDirectory() override { return home ? *home : EnvWrapper::homeDirectory(); }
+  DeviceFacts deviceFacts() override { return device ? *device : EnvWrapper::deviceFacts(); }
+  std::optional<std::vector<InterfaceAddress>> interfaceAddresses() override {
+    if (interfacesUnreadable) return std::nullopt;
+    return interfaces ? interfaces : EnvWrapper::interfaceAddresses();
+  }
+  unsigned interfaceIndex(std::string_view name) override {
+    if (!indexes) return EnvWrapper::interfaceIndex(name);
+    auto found = indexes->find(std::string(name));
+    return found == indexes->end() ? 0 : found->second;
+  }
+  NetworkInterfaces::HardwareAddress hardwareAddress(unsigned index) override {
+    return hardware ? *hardware : EnvWrapper::hardwareAddress(index);
+  }
+  std::string pasteboardDirectory() override {
+    return pasteboardDir ? *pasteboardDir : EnvWrapper::pasteboardDirectory();
+  }
+  BundleSettings bundleSettings() override {
+    return bundle ? *bundle : EnvWrapper::bundleSettings();
+  }
+  std::string localeIdentifier() override {
+    return locale ? *locale : EnvWrapper::localeIdentifier();
+  }
+  std::vector<std::string> preferredLanguages() override {
+    return languages ? *languages : EnvWrapper::preferredLanguages();
+  }
+  std::string systemTimeZoneName() override {
+    return timeZone ? *timeZone : EnvWrapper::systemTimeZoneName();
+  }
+
+ private:
+  std::atomic<double> wall_;
+  std::atomic<double> monotonic_;
+};
+
+// Installs an Env for its lifetime and puts the previous one back after.
+class InstalledEnv {
+ public:
+  explicit InstalledEnv(std::shared_ptr<Env> env) : previous_(Env::current()) {
+    Env::setCurrent(std::move(env));
+  }
+  ~InstalledEnv() { Env::setCurrent(previous_); }
+  InstalledEnv(const InstalledEnv&) = delete;
+  InstalledEnv& operator=(const InstalledEnv&) = delete;
+
+ private:
+  std::shared_ptr<Env> previous_;
+};
+
+// A FakeEnv installed for the scope: `FakeMachine machine; machine->locale = "de_CH";`.
+struct FakeMachine {
+  std::shared_ptr<FakeEnv> env = std::make_shared<FakeEnv>();
+  InstalledEnv installed{env};
+  FakeEnv* operator->() const { return env.get(); }
 };
 
 }  // namespace nimb::test

@@ -111,7 +111,7 @@ TEST_F(UserDefaultsTest, UnusableFilesReadEmptyUntilTheNextWrite) {
     ASSERT_TRUE(kind == "fifo" ? ::mkfifo(path.c_str(), 0600) == 0
                 : kind == "link"
                     ? ::symlink(outside.c_str(), path.c_str()) == 0
-                    : FileManager::writeAtomically(path, "<?xml version=\"1.0\"?><pl"sv))
+                    : FileManager::writeAtomically(path, "<?xml version=\"1.0\"?><pl"sv).ok())
         << kind;
     UserDefaults store(path);
     EXPECT_FALSE(store.objectForKey("key")) << kind;

@@ -17,7 +17,6 @@
 #include <vector>
 
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
-#include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
 
@@ -50,16 +49,18 @@ bool backdate(const std::string& path) {
 class VQCacheTest : public ::testing::Test {
  protected:
   void TearDown() override {
-    nimb::Clock::setCurrent(nullptr);
+    nimb::Env::setCurrent(nullptr);
     RunLoop::main().runUntilIdle(5);  // saves still pending run now, not in the next test
     cache.reset();
     std::error_code ec;
     std::filesystem::remove_all(root, ec);
   }
   // Pins "now" so expiry can be tested to the instant.
-  std::shared_ptr<nimb::ManualClock> pinClock(double at = 1.8e9) {
-    auto clock = std::make_shared<nimb::ManualClock>(Date::fromTimeIntervalSince1970(at));
-    nimb::Clock::setCurrent(clock);
+  std::shared_ptr<nimb::test::FakeEnv> pinClock(double at = 1.8e9) {
+    auto clock = std::make_shared<nimb::test::FakeEnv>();
+    clock->setNow(Date::fromTimeIntervalSince1970(at));
+    clock->realMonotonic = true;
+    nimb::Env::setCurrent(clock);
     return clock;
   }
   // Another instance on the directory: a restart, or another process.
@@ -306,7 +307,7 @@ TEST_F(VQCacheTest, CorruptIndexReadsAsEmptyAndIsRepaired) {
   ::alarm(20);  // a read that blocks fails the test instead of hanging it
   for (const std::string key : {"l", "m"}) {
     ASSERT_EQ(::unlink(indexPath().c_str()), 0);
-    ASSERT_TRUE(key == "l" ? FileManager::writeAtomically(indexPath(), "garbage"sv)
+    ASSERT_TRUE(key == "l" ? FileManager::writeAtomically(indexPath(), "garbage"sv).ok()
                            : ::mkfifo(indexPath().c_str(), 0600) == 0);
     EXPECT_TRUE(open(0)->cacheDictionary().empty()) << key;
     cache->setData(dataOf("w"), key, 100);

@@ -1,11 +1,10 @@
 #include <NimbFoundation/Utils/VQProtocolData.h>
 
 #include <NimbFoundation/Platform/Env/Bundle.h>
-#include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Env/Device.h>
 #include <NimbFoundation/Platform/Env/NetworkInterfaces.h>
-#include <NimbFoundation/Platform/Storage/PropertyList.h>
 #include <NimbFoundation/Platform/Env/TimeZone.h>
+#include <NimbFoundation/Platform/Storage/PropertyList.h>
 
 #include <gtest/gtest.h>
 
@@ -14,7 +13,6 @@
 
 #include "TestSupport.h"
 
-using nimb::Device;
 using nimb::InterfaceAddress;
 using nimb::NetworkInterfaces;
 using nimb::VQProtocolData;
@@ -24,13 +22,22 @@ namespace {
 constexpr int kIPv4 = 2, kIPv6 = 10, kLoopback = 8;
 
 using List = std::vector<InterfaceAddress>;
+using nimb::test::FakeMachine;
+
+nimb::DeviceFacts plainDevice() {
+  nimb::DeviceFacts device;
+  device.model = "Linux";
+  device.machine = "aarch64";
+  device.userInterfaceIdiom = nimb::UserInterfaceIdiom::kUnspecified;
+  return device;
+}
 
 }  // namespace
 
 TEST(VQProtocolData, DateAndTimeFollowTheClockAndTheDefaultZone) {
-  // 2026-03-04 05:06:07.089 UTC
-  nimb::Clock::setCurrent(
-      std::make_shared<nimb::ManualClock>(nimb::Date::fromTimeIntervalSince1970(1772600767.089)));
+  FakeMachine machine;
+  machine->setNow(
+      nimb::Date::fromTimeIntervalSince1970(1772600767.089));  // 2026-03-04 05:06:07.089 UTC
   nimb::TimeZone::setDefaultTimeZoneName("GMT");
   EXPECT_EQ(VQProtocolData::dateString(), "2026-03-04");
   EXPECT_EQ(VQProtocolData::timeString(), "05:06:07");
@@ -38,7 +45,7 @@ TEST(VQProtocolData, DateAndTimeFollowTheClockAndTheDefaultZone) {
   nimb::TimeZone::setDefaultTimeZoneName("Pacific/Marquesas");  // -09:30, the day before
   EXPECT_EQ(VQProtocolData::dateString(), "2026-03-03");
   EXPECT_EQ(VQProtocolData::timeMSString(), "19:36:07.089");
-  nimb::Clock::setCurrent(nullptr);
+  nimb::TimeZone::setDefaultTimeZoneName("");
 }
 
 TEST(VQProtocolData, TimeZoneTruncatesTowardZero) {
@@ -46,19 +53,17 @@ TEST(VQProtocolData, TimeZoneTruncatesTowardZero) {
       {"Pacific/Marquesas", "-9"}, {"Asia/Kathmandu", "5"},  {"Asia/Kolkata", "5"}, {"GMT", "0"},
       {"Etc/GMT+3", "-3"},         {"Pacific/Chatham", "13"}};
   // A southern-summer instant, so Chatham is at +13:45.
-  nimb::Clock::setCurrent(std::make_shared<nimb::ManualClock>(
-      nimb::Date::fromTimeIntervalSince1970(1767225600)));  // 2026-01-01
+  FakeMachine machine;
+  machine->setNow(nimb::Date::fromTimeIntervalSince1970(1767225600));  // 2026-01-01
   for (const auto& [zone, expected] : cases) {
-    nimb::TimeZone::setSystemTimeZoneName(zone);
+    machine->timeZone = zone;
     EXPECT_EQ(VQProtocolData::timezoneString(), expected) << zone;
   }
-  nimb::Clock::setCurrent(nullptr);
 }
 
 TEST(VQProtocolData, AccessTypeFromTheInterfaceList) {
-  Device::Overrides device;
-  device.machine = "aarch64";
-  Device::setOverrides(device);
+  FakeMachine machine;
+  machine->device = plainDevice();
   // A loopback-flagged en0 does not count; a list that cannot be read counts
   // as empty.
   const std::pair<std::optional<List>, const char*> rows[] = {
@@ -68,23 +73,23 @@ TEST(VQProtocolData, AccessTypeFromTheInterfaceList) {
       {List{{"en0", kIPv4, kLoopback}}, ""},
       {std::nullopt, ""}};
   for (const auto& [list, access] : rows) {
-    NetworkInterfaces::Source source;
-    source.list = [list] { return list; };
-    NetworkInterfaces::setSource(source);
+    machine->interfaces = list;
+    machine->interfacesUnreadable = !list;
     EXPECT_EQ(VQProtocolData::accessString(), access) << (list ? list->size() : 0);
   }
   // Simulator-like machines answer WiFi without looking.
-  for (const auto& [machine, model] :
+  for (const auto& [name, model] :
        {std::pair{"x86_64", ""}, {"i386", ""}, {"aarch64", "iPhone Simulator"}}) {
-    device.machine = machine;
-    if (*model) device.model = model;
-    Device::setOverrides(device);
-    EXPECT_EQ(VQProtocolData::accessString(), "WiFi") << machine << model;
+    machine->device->machine = name;
+    if (*model) machine->device->model = model;
+    EXPECT_EQ(VQProtocolData::accessString(), "WiFi") << name << model;
   }
 }
 
 TEST(VQProtocolData, ScreenOrientationAndIdiom) {
-  Device::Overrides device;
+  FakeMachine machine;
+  machine->device = plainDevice();
+  nimb::DeviceFacts& device = *machine->device;
   const std::pair<std::optional<nimb::ScreenFacts>, const char*> screens[] = {
       {nimb::ScreenFacts{{320, 568}, 2.0, nimb::Size{640, 1136}}, "1136 x 640"},
       {nimb::ScreenFacts{{320.7, 568.9}, 2.0, std::nullopt}, "1137 x 641"},
@@ -92,33 +97,23 @@ TEST(VQProtocolData, ScreenOrientationAndIdiom) {
       {std::nullopt, "0 x 0"}};
   for (const auto& [screen, resolution] : screens) {
     device.mainScreen = screen;
-    Device::setOverrides(device);
     EXPECT_EQ(VQProtocolData::resolutionString(), resolution);
   }
   const char* expected[] = {"1", "0", "0", "1", "1", "1", "1"};
   for (int code = 0; code <= 6; ++code) {
     device.orientation = static_cast<nimb::DeviceOrientation>(code);
-    Device::setOverrides(device);
     EXPECT_EQ(VQProtocolData::orientationString(), expected[code]) << code;
   }
   device.userInterfaceIdiom = nimb::UserInterfaceIdiom::kPad;
-  Device::setOverrides(device);
   EXPECT_TRUE(VQProtocolData::isPad());
   device.userInterfaceIdiom = std::optional<nimb::UserInterfaceIdiom>();
-  Device::setOverrides(device);
   EXPECT_FALSE(VQProtocolData::isPad());
   device.integrityCompromised = true;
-  Device::setOverrides(device);
   EXPECT_EQ(VQProtocolData::deviceJailBreakString(), "YES");
 }
 
 TEST(VQProtocolData, HardwareAddressAndItsFourFailures) {
-  NetworkInterfaces::Source source;
-  unsigned index = 0;
-  NetworkInterfaces::HardwareAddress answer;
-  source.indexOf = [&index](std::string_view name) { return name == "en0" ? index : 0u; };
-  source.hardwareAddress = [&answer](unsigned) { return answer; };
-  NetworkInterfaces::setSource(source);
+  FakeMachine machine;
   using Query = NetworkInterfaces::HardwareQuery;
   // No index for en0 first, then each way the query itself fails.
   const std::tuple<unsigned, Query, const char*> failures[] = {
@@ -127,13 +122,15 @@ TEST(VQProtocolData, HardwareAddressAndItsFourFailures) {
       {3, Query::kNoMemory, "Could not allocate memory. error!\n"},
       {3, Query::kReadFailed, "Error: sysctl, take 2"}};
   for (const auto& [at, status, line] : failures) {
-    index = at;
-    answer.status = status;
+    machine->indexes = {{"en0", at}};
+    machine->hardware = NetworkInterfaces::HardwareAddress{status, {}};
     testing::internal::CaptureStdout();
     EXPECT_EQ(VQProtocolData::deviceMacString(), std::nullopt);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
   }
-  answer = {Query::kOk, {0x00, 0x1a, 0x2B, 0xc3, 0x04, 0xff}};
+  machine->indexes = {{"en0", 3}};
+  machine->hardware =
+      NetworkInterfaces::HardwareAddress{Query::kOk, {0x00, 0x1a, 0x2B, 0xc3, 0x04, 0xff}};
   EXPECT_EQ(VQProtocolData::deviceMacString(), "00:1A:2B:C3:04:FF");
 }
 
@@ -159,19 +156,21 @@ TEST(VQProtocolData, BundleFieldsAndTheVendorIdentifier) {
                         {"CFBundleVersion", "4711"},
                         {"CFBundleShortVersionString", "2.3"}};
   ASSERT_TRUE(nimb::PropertyList::writeDictionaryToFile(info, dir + "/Info.plist"));
-  nimb::Bundle::setInfoDictionaryPath(dir + "/Info.plist");
+  FakeMachine machine;
+  machine->device = plainDevice();
+  machine->device->machineId = "0123456789abcdef0123456789abcdef";
+  machine->bundle = nimb::BundleSettings{dir + "/Info.plist", std::nullopt, std::nullopt};
   EXPECT_EQ(VQProtocolData::appPackageNameString(), "com.example.chat");
   EXPECT_EQ(VQProtocolData::appBundleVersionString(), "4711");
   EXPECT_EQ(VQProtocolData::appShortVersionString(), "2.3");
   EXPECT_EQ(VQProtocolData::appDisplayNameString(), "");
   // One vendor, one identifier; another vendor, another.
   const std::string chat = VQProtocolData::deviceIDVendorString();
-  nimb::Bundle::setBundleIdentifier("com.example.photos");
+  machine->bundle->bundleIdentifier = "com.example.photos";
   EXPECT_EQ(VQProtocolData::appPackageNameString(), "com.example.photos");
   const std::string photos = VQProtocolData::deviceIDVendorString();
-  nimb::Bundle::setBundleIdentifier("org.other.chat");
+  machine->bundle->bundleIdentifier = "org.other.chat";
   const std::string other = VQProtocolData::deviceIDVendorString();
-  if (chat.empty()) GTEST_SKIP() << "this machine has no machine id";
   EXPECT_EQ(chat.size(), 36u);
   EXPECT_EQ(chat, photos);
   EXPECT_NE(chat, other);

@@ -1,10 +1,9 @@
 #include <NimbFoundation/Utils/VQUtils.h>
 
-#include <NimbFoundation/Platform/Env/Bundle.h>
-#include <NimbFoundation/Platform/Env/Clock.h>
-#include <NimbFoundation/Platform/Env/Device.h>
 #include <NimbFoundation/Platform/Core/Scanner.h>
 #include <NimbFoundation/Platform/Core/TextEncoding.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/Device.h>
 #include <NimbFoundation/Platform/Env/TimeZone.h>
 #include <NimbFoundation/Platform/Graphics/View.h>
 
@@ -235,8 +234,8 @@ TEST(VQUtilsAES, BadParametersAreLoggedAndRefused) {
 }
 
 TEST(VQUtilsLog, LineFormatPrefixAndQuirks) {
-  nimb::Clock::setCurrent(
-      std::make_shared<nimb::ManualClock>(nimb::Date::fromTimeIntervalSince1970(1772600767.089)));
+  nimb::test::FakeMachine machine;
+  machine->setNow(nimb::Date::fromTimeIntervalSince1970(1772600767.089));
   nimb::TimeZone::setDefaultTimeZoneName("GMT");
   char thread[16];
   std::snprintf(thread, sizeof thread, "%5d", static_cast<int>(::syscall(SYS_gettid)));
@@ -309,7 +308,8 @@ TEST(VQUtilsRandom, StaysWithinTheBounds) {
 TEST(VQUtilsBundle, ResourcePathsInsideNamedBundles) {
   const std::string resources = nimb::test::makeTemporaryDirectory("resources");
   std::filesystem::create_directories(resources + "/Emoji.bundle");
-  nimb::Bundle::setResourcePath(resources);
+  nimb::test::FakeMachine machine;
+  machine->bundle = nimb::BundleSettings{std::nullopt, std::nullopt, resources};
   EXPECT_EQ(VQUtils::getBundleRes("smile.png", "Emoji.bundle"),
             resources + "/Emoji.bundle/smile.png");
   EXPECT_FALSE(VQUtils::getBundleRes("smile.png", "Missing.bundle"));
@@ -336,9 +336,9 @@ TEST(VQUtilsViews, TreesPrintWithBarHyphenIndentsAndABlankLinePerLevel) {
 }
 
 TEST(VQUtilsViews, AddImageDrawsAOverBAtTheScreenScaleCutToB) {
-  nimb::Device::Overrides overrides;
-  overrides.mainScreen = nimb::ScreenFacts{{320, 568}, 2.0, std::nullopt};
-  nimb::Device::setOverrides(overrides);
+  nimb::test::FakeMachine machine;
+  machine->device = nimb::DeviceFacts{};
+  machine->device->mainScreen = nimb::ScreenFacts{{320, 568}, 2.0, std::nullopt};
   auto solid = [](int w, int h, std::uint8_t r, std::uint8_t g, std::uint8_t b) {
     nimb::Bitmap bitmap{w, h, {}};
     for (int i = 0; i < w * h; ++i) bitmap.rgba.insert(bitmap.rgba.end(), {r, g, b, 255});

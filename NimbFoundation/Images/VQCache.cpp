@@ -85,7 +85,7 @@ void writeData(const Data& data, const std::string& path) {
   // The directory may have been removed behind the cache's back.
   const std::string dir = path.substr(0, path.find_last_of('/'));
   if (!FileManager::isDirectory(dir) && FileManager::createDirectory(dir, true)) {
-    FileManager::writeAtomically(path, data);
+    (void)FileManager::writeAtomically(path, data);
   }
 }
 
@@ -225,7 +225,7 @@ std::shared_ptr<VQCache> VQCache::currentCache() {
 VQCache::VQCache(Passkey, std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
   Impl& d = *impl_;
   d.cacheDictionary = readIndexFile(d.indexPath).value_or(std::map<std::string, Date>{});
-  FileManager::createDirectory(d.directory, true);
+  (void)FileManager::createDirectory(d.directory, true);
   // One instant for the whole purge, so that it treats every entry alike.
   const Date now = Date::now();
   const std::int64_t indexWritten = modifiedNs(d.indexPath);
@@ -238,7 +238,7 @@ VQCache::VQCache(Passkey, std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
     // entry's file.
     const std::string path = d.pathForKey(key);
     if (modifiedNs(path) > indexWritten) continue;
-    FileManager::removeItem(path);
+    (void)FileManager::removeItem(path);
   }
 }
 
@@ -291,7 +291,7 @@ bool VQCache::hasCacheForKey(const std::string& key) const {
 
 std::optional<Data> VQCache::dataForKey(const std::string& key) const {
   if (!hasCacheForKey(key)) return std::nullopt;
-  return FileManager::contentsAtPath(impl_->pathForKey(key), FollowLinks::No);
+  return FileManager::contentsAtPath(impl_->pathForKey(key), FollowLinks::No).optional();
 }
 
 void VQCache::setData(Data data, const std::string& key) {
@@ -378,7 +378,7 @@ void VQCache::copyFilePath(const std::string& sourcePath, const std::string& key
   // The index name is not refused here: copying onto it fails because the
   // index file is there, and the entry is recorded all the same.
   if (!isUsableKey(key)) return;
-  FileManager::copyItem(sourcePath, impl_->pathForKey(key));
+  (void)FileManager::copyItem(sourcePath, impl_->pathForKey(key));
   recordEntry(key, timeoutInterval);
 }
 
@@ -393,7 +393,7 @@ void VQCache::removeItemFromCache(const std::string& key) {
   // but its "file" is the index itself, which must survive.
   if (!isReserved(key)) {
     std::string path = impl_->pathForKey(key);
-    impl_->perform([path = std::move(path)] { FileManager::removeItem(path); });
+    impl_->perform([path = std::move(path)] { (void)FileManager::removeItem(path); });
   }
   std::lock_guard lock(impl_->dictionaryMutex);
   impl_->cacheDictionary.erase(key);
@@ -434,7 +434,7 @@ void VQCache::saveCacheDictionary() {
     changes.swap(impl_->unsavedChanges);
   }
   // The directory may have been removed behind the cache's back.
-  FileManager::createDirectory(d.directory, true);
+  (void)FileManager::createDirectory(d.directory, true);
   bool written = false;
   {
     // Other processes (and other instances) save the same file: under the

@@ -9,15 +9,14 @@
 #include <memory>
 #include <vector>
 
-#include <NimbFoundation/Platform/Env/Bundle.h>
-#include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Core/DateFormatter.h>
-#include <NimbFoundation/Platform/Env/Device.h>
 #include <NimbFoundation/Platform/Core/Digest.h>
+#include <NimbFoundation/Platform/Core/UUID.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/Device.h>
 #include <NimbFoundation/Platform/Env/Locale.h>
 #include <NimbFoundation/Platform/Env/NetworkInterfaces.h>
 #include <NimbFoundation/Platform/Env/TimeZone.h>
-#include <NimbFoundation/Platform/Core/UUID.h>
 #include <NimbFoundation/Utils/VQSharedUDID.h>
 
 namespace nimb {
@@ -41,7 +40,7 @@ std::string nowFormatted(std::string_view pattern) {
     cached.formatter = std::make_unique<DateFormatter>(pattern, zone);
     cached.zone = zone;
   }
-  return cached.formatter->stringFromDate(Clock::current()->now());
+  return cached.formatter->stringFromDate(Date::now());
 }
 
 std::string bundleString(std::string_view key) {
@@ -230,8 +229,7 @@ std::string VQProtocolData::languageString() {
 }
 
 std::string VQProtocolData::timezoneString() {
-  const long seconds =
-      TimeZone::secondsFromGMT(TimeZone::systemTimeZoneName(), Clock::current()->now());
+  const long seconds = TimeZone::secondsFromGMT(TimeZone::systemTimeZoneName(), Date::now());
   return std::to_string(seconds / 3600);
 }
 

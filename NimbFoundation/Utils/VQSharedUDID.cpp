@@ -9,7 +9,6 @@
 #include <NimbFoundation/Platform/Core/DateFormatter.h>
 #include <NimbFoundation/Platform/Core/Digest.h>
 #include <NimbFoundation/Platform/Core/UUID.h>
-#include <NimbFoundation/Platform/Env/Clock.h>
 #include <NimbFoundation/Platform/Storage/KeyedArchive.h>
 #include <NimbFoundation/Platform/Storage/UserDefaults.h>
 #include <NimbFoundation/Utils/VQUtils.h>
@@ -222,7 +221,7 @@ std::string VQSharedUDID::valueWithError(Error* error) {
     }
   }
   UserDefaults& defaults = UserDefaults::standardUserDefaults();
-  const Date now = Clock::current()->now();
+  const Date now = Date::now();
   LocalState state = readLocalState(defaults);
   const SlotPoll poll = pollSlots(state);
   const std::optional<std::string> elected = _elect(poll.identifiers);
@@ -258,7 +257,7 @@ void VQSharedUDID::setOptOut(bool optOut) {
     dict = *record->asDictionary();
   }
   if (optOut) {
-    dict[kOptOutKey] = Clock::current()->now();
+    dict[kOptOutKey] = Date::now();
   } else {
     dict.erase(kOptOutKey);
   }

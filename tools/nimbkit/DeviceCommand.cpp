@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/Env.h>
 #include <NimbFoundation/Platform/Storage/UserDefaults.h>
 #include <NimbFoundation/Utils/VQProtocolData.h>
 #include <NimbFoundation/Utils/VQSharedUDID.h>
@@ -120,6 +120,21 @@ int printDevice(bool json) {
   return kOk;
 }
 
+// The machine as it is, except that the main bundle is the application
+// named by --app-id.
+class AppIdEnv final : public nimb::EnvWrapper {
+ public:
+  explicit AppIdEnv(std::string appId) : appId_(std::move(appId)) {}
+  nimb::BundleSettings bundleSettings() override {
+    nimb::BundleSettings settings = target().bundleSettings();
+    settings.bundleIdentifier = appId_;
+    return settings;
+  }
+
+ private:
+  std::string appId_;
+};
+
 struct UdidOptions {
   std::string appId;
   bool optOut = false;
@@ -129,7 +144,7 @@ struct UdidOptions {
 
 int printUdid(const UdidOptions& o) {
   if (!o.appId.empty()) {
-    nimb::Bundle::setBundleIdentifier(o.appId);
+    nimb::Env::setCurrent(std::make_shared<AppIdEnv>(o.appId));
     nimb::UserDefaults::resetStandardUserDefaults();
   }
   if (o.optOut || o.optIn) nimb::VQSharedUDID::setOptOut(o.optOut);

@@ -240,7 +240,8 @@ std::vector<FetchResult> fetchIntoViews(const std::vector<nimb::URL>& urls,
   runUntilDone(slots, settings.timeoutSeconds);
   flushCache();
 
-  if (!settings.outDirectory.empty()) nimb::FileManager::createDirectory(settings.outDirectory);
+  if (!settings.outDirectory.empty())
+    (void)nimb::FileManager::createDirectory(settings.outDirectory);
   std::vector<FetchResult> results;
   for (std::size_t i = 0; i < slots.size(); ++i) {
     results.push_back(finishSlot(slots[i], urls[i], names[i], i, settings));

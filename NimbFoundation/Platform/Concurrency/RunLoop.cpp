@@ -5,7 +5,15 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+
+#include <NimbFoundation/Platform/Env/Env.h>
 
 namespace nimb {
 
@@ -13,14 +21,54 @@ namespace {
 
 using Seconds = std::chrono::duration<double>;
 
-RunLoop::TimePoint after(double seconds) {
+// `seconds` from now on the real clock; negative and NaN mean now.
+RunLoop::TimePoint realAfter(double seconds) {
   auto now = std::chrono::steady_clock::now();
-  if (!(seconds > 0)) return now;  // negative and NaN run at once
+  if (!(seconds > 0)) return now;
   if (seconds > 1e9) seconds = 1e9;
   return now + std::chrono::duration_cast<std::chrono::steady_clock::duration>(Seconds(seconds));
 }
 
 }  // namespace
+
+struct RunLoop::Impl {
+  struct Timer {
+    const void* target;
+    std::string action;
+    Task task;
+  };
+  // When it falls due on the Env's monotonic clock, and the order it came in.
+  using TimerKey = std::pair<double, std::uint64_t>;
+
+  mutable std::mutex mutex;
+  std::condition_variable wake;
+  std::deque<Task> queue;
+  std::map<TimerKey, Timer> timers;
+  std::multimap<std::pair<const void*, std::string>, TimerKey> byTarget;
+  std::uint64_t nextSequence = 0;
+  bool stopRequested = false;
+  bool closed = false;
+
+  // Moves due work out under the lock; runs nothing.
+  bool collect(std::deque<Task>& out, double now) {
+    out.swap(queue);
+    while (!timers.empty() && timers.begin()->first.first <= now) {
+      auto node = timers.extract(timers.begin());
+      Timer& timer = node.mapped();
+      if (timer.target) {
+        auto range = byTarget.equal_range(std::make_pair(timer.target, timer.action));
+        for (auto it = range.first; it != range.second; ++it) {
+          if (it->second == node.key()) {
+            byTarget.erase(it);
+            break;
+          }
+        }
+      }
+      out.push_back(std::move(timer.task));
+    }
+    return !out.empty();
+  }
+};
 
 // Owns a worker thread's loop and closes it when the thread ends, so that
 // late posts from other threads are dropped instead of piling up.
@@ -59,17 +107,19 @@ RunLoop& RunLoop::current() {
   return *currentShared();
 }
 
+RunLoop::RunLoop() : impl_(std::make_unique<Impl>()) {}
+
 RunLoop::~RunLoop() = default;
 
 void RunLoop::closeForThreadExit() {
   std::deque<Task> dropped;
-  std::map<TimerKey, Timer> droppedTimers;
+  std::map<Impl::TimerKey, Impl::Timer> droppedTimers;
   {
-    std::lock_guard lock(mutex_);
-    closed_ = true;
-    dropped.swap(queue_);
-    droppedTimers.swap(timers_);
-    byTarget_.clear();
+    std::lock_guard lock(impl_->mutex);
+    impl_->closed = true;
+    dropped.swap(impl_->queue);
+    droppedTimers.swap(impl_->timers);
+    impl_->byTarget.clear();
   }
   // `dropped` and `droppedTimers` release their captures here, outside the lock.
 }
@@ -107,85 +157,72 @@ void RunLoop::performOnMainThread(Task task, bool waitUntilDone) {
 void RunLoop::perform(Task task) {
   if (!task) return;
   {
-    std::lock_guard lock(mutex_);
-    if (closed_) return;
-    queue_.push_back(std::move(task));
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->closed) return;
+    impl_->queue.push_back(std::move(task));
   }
-  wake_.notify_all();
+  impl_->wake.notify_all();
 }
 
 void RunLoop::performAfterDelay(double seconds, const void* target, std::string action, Task task) {
   if (!task) return;
-  auto when = after(seconds);
+  if (!(seconds > 0)) seconds = 0;  // negative and NaN run at once
+  if (seconds > 1e9) seconds = 1e9;
+  const double due = Env::current()->monotonicSeconds() + seconds;
   {
-    std::lock_guard lock(mutex_);
-    if (closed_) return;
-    TimerKey key{when, nextSequence_++};
-    if (target) byTarget_.emplace(std::make_pair(target, action), key);
-    timers_.emplace(key, Timer{target, std::move(action), std::move(task)});
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->closed) return;
+    Impl::TimerKey key{due, impl_->nextSequence++};
+    if (target) impl_->byTarget.emplace(std::make_pair(target, action), key);
+    impl_->timers.emplace(key, Impl::Timer{target, std::move(action), std::move(task)});
   }
-  wake_.notify_all();
+  impl_->wake.notify_all();
 }
 
 void RunLoop::cancelPerforms(const void* target, std::string_view action) {
   std::deque<Task> released;  // destroyed outside the lock
-  std::lock_guard lock(mutex_);
-  auto range = byTarget_.equal_range(std::make_pair(target, std::string(action)));
+  std::lock_guard lock(impl_->mutex);
+  auto range = impl_->byTarget.equal_range(std::make_pair(target, std::string(action)));
   for (auto it = range.first; it != range.second; ++it) {
-    auto timer = timers_.find(it->second);
-    if (timer == timers_.end()) continue;
+    auto timer = impl_->timers.find(it->second);
+    if (timer == impl_->timers.end()) continue;
     released.push_back(std::move(timer->second.task));
-    timers_.erase(timer);
+    impl_->timers.erase(timer);
   }
-  byTarget_.erase(range.first, range.second);
+  impl_->byTarget.erase(range.first, range.second);
 }
 
 void RunLoop::cancelPerforms(const void* target) {
   std::deque<Task> released;
-  std::lock_guard lock(mutex_);
-  auto it = byTarget_.lower_bound(std::make_pair(target, std::string()));
-  while (it != byTarget_.end() && it->first.first == target) {
-    auto timer = timers_.find(it->second);
-    if (timer != timers_.end()) {
+  std::lock_guard lock(impl_->mutex);
+  auto it = impl_->byTarget.lower_bound(std::make_pair(target, std::string()));
+  while (it != impl_->byTarget.end() && it->first.first == target) {
+    auto timer = impl_->timers.find(it->second);
+    if (timer != impl_->timers.end()) {
       released.push_back(std::move(timer->second.task));
-      timers_.erase(timer);
+      impl_->timers.erase(timer);
     }
-    it = byTarget_.erase(it);
+    it = impl_->byTarget.erase(it);
   }
-}
-
-bool RunLoop::collect(std::deque<Task>& out, TimePoint now) {
-  out.swap(queue_);
-  while (!timers_.empty() && timers_.begin()->first.first <= now) {
-    auto node = timers_.extract(timers_.begin());
-    Timer& timer = node.mapped();
-    if (timer.target) {
-      auto range = byTarget_.equal_range(std::make_pair(timer.target, timer.action));
-      for (auto it = range.first; it != range.second; ++it) {
-        if (it->second == node.key()) {
-          byTarget_.erase(it);
-          break;
-        }
-      }
-    }
-    out.push_back(std::move(timer.task));
-  }
-  return !out.empty();
 }
 
 bool RunLoop::runOnce(double maxWaitSeconds) {
+  auto env = Env::current();
   std::deque<Task> work;
   {
-    std::unique_lock lock(mutex_);
-    auto limit = after(maxWaitSeconds);
-    while (!collect(work, std::chrono::steady_clock::now())) {
-      auto now = std::chrono::steady_clock::now();
-      if (now >= limit || stopRequested_) return false;
+    std::unique_lock lock(impl_->mutex);
+    const auto limit = realAfter(maxWaitSeconds);
+    while (!impl_->collect(work, env->monotonicSeconds())) {
+      const auto now = std::chrono::steady_clock::now();
+      if (now >= limit || impl_->stopRequested) return false;
       auto wakeAt = limit;
-      if (!timers_.empty() && timers_.begin()->first.first < wakeAt) {
-        wakeAt = timers_.begin()->first.first;
+      if (!impl_->timers.empty()) {
+        // Sleeps as long as the Env's clock says is left; a manual clock
+        // that does not move merely ends the wait at `limit`.
+        const double left = impl_->timers.begin()->first.first - env->monotonicSeconds();
+        wakeAt = std::min(wakeAt, realAfter(left));
       }
-      wake_.wait_until(lock, wakeAt);
+      impl_->wake.wait_until(lock, wakeAt);
     }
   }
   for (auto& task : work) runTask(task);
@@ -195,9 +232,9 @@ bool RunLoop::runOnce(double maxWaitSeconds) {
 void RunLoop::runUntil(TimePoint deadline) {
   for (;;) {
     {
-      std::lock_guard lock(mutex_);
-      if (stopRequested_) {
-        stopRequested_ = false;
+      std::lock_guard lock(impl_->mutex);
+      if (impl_->stopRequested) {
+        impl_->stopRequested = false;
         return;
       }
     }
@@ -208,7 +245,7 @@ void RunLoop::runUntil(TimePoint deadline) {
 }
 
 void RunLoop::runFor(double seconds) {
-  runUntil(after(seconds));
+  runUntil(realAfter(seconds));
 }
 
 void RunLoop::run() {
@@ -216,14 +253,14 @@ void RunLoop::run() {
 }
 
 bool RunLoop::runUntilIdle(double maxSeconds) {
-  auto deadline = after(maxSeconds);
+  auto deadline = realAfter(maxSeconds);
   for (;;) {
     {
-      std::lock_guard lock(mutex_);
-      if (queue_.empty() && timers_.empty()) return true;
+      std::lock_guard lock(impl_->mutex);
+      if (impl_->queue.empty() && impl_->timers.empty()) return true;
       // A stop ends this run too; left pending, it would cut every wait short.
-      if (stopRequested_) {
-        stopRequested_ = false;
+      if (impl_->stopRequested) {
+        impl_->stopRequested = false;
         return false;
       }
     }
@@ -235,20 +272,20 @@ bool RunLoop::runUntilIdle(double maxSeconds) {
 
 void RunLoop::stop() {
   {
-    std::lock_guard lock(mutex_);
-    stopRequested_ = true;
+    std::lock_guard lock(impl_->mutex);
+    impl_->stopRequested = true;
   }
-  wake_.notify_all();
+  impl_->wake.notify_all();
 }
 
 bool RunLoop::hasPendingWork() const {
-  std::lock_guard lock(mutex_);
-  return !queue_.empty() || !timers_.empty();
+  std::lock_guard lock(impl_->mutex);
+  return !impl_->queue.empty() || !impl_->timers.empty();
 }
 
 std::size_t RunLoop::scheduledCount() const {
-  std::lock_guard lock(mutex_);
-  return timers_.size();
+  std::lock_guard lock(impl_->mutex);
+  return impl_->timers.size();
 }
 
 }  // namespace nimb

@@ -14,6 +14,12 @@
 // runFor(), runOnce() or runUntilIdle(). A host program with an event loop
 // of its own can call runOnce(0) from it.
 //
+// Time: a delayed request falls due on Env::current()->monotonicSeconds(),
+// so a test whose Env has a manual monotonic clock advances it and calls
+// runOnce(0) to fire what is due, without sleeping. How long a run function
+// may block its caller (maxWaitSeconds, runFor, runUntil, runUntilIdle's
+// limit) is real time.
+//
 // Thread rule: perform, performAfterDelay, cancelPerforms, stop and
 // hasPendingWork may be called from any thread; the run functions only from
 // the loop's own thread. A task never runs while the loop's lock is held, so
@@ -22,13 +28,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <cstdint>
-#include <deque>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -91,29 +92,15 @@ class RunLoop {
   RunLoop& operator=(const RunLoop&) = delete;
 
  private:
-  RunLoop() = default;
-  struct Timer {
-    const void* target;
-    std::string action;
-    Task task;
-  };
-  using TimerKey = std::pair<TimePoint, std::uint64_t>;
-
-  static std::shared_ptr<RunLoop>& mainHandle();
-  // Moves due work out under the lock; runs nothing.
-  bool collect(std::deque<Task>& out, TimePoint now);
-  static void runTask(Task& task);
-  void closeForThreadExit();
+  RunLoop();
+  struct Impl;
   friend struct RunLoopThreadHolder;
 
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<Task> queue_;
-  std::map<TimerKey, Timer> timers_;
-  std::multimap<std::pair<const void*, std::string>, TimerKey> byTarget_;
-  std::uint64_t nextSequence_ = 0;
-  bool stopRequested_ = false;
-  bool closed_ = false;
+  static std::shared_ptr<RunLoop>& mainHandle();
+  static void runTask(Task& task);
+  void closeForThreadExit();
+
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace nimb

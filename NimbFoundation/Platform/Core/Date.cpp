@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <ctime>
 
-#include <NimbFoundation/Platform/Env/Clock.h>
+#include <NimbFoundation/Platform/Env/Env.h>
 
 namespace nimb {
 
 Date Date::now() {
-  return Clock::current()->now();
+  return Env::current()->now();
 }
 
 std::string Date::iso8601() const {

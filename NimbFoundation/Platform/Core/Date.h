@@ -22,7 +22,7 @@ class Date {
   static constexpr Date fromTimeIntervalSinceReferenceDate(double seconds) {
     return Date(seconds + kReferenceDateOffset);
   }
-  // The current instant of the process clock (see Clock.h).
+  // The current instant: Env::current()->now() (see Env.h).
   static Date now();
 
   constexpr double timeIntervalSince1970() const { return seconds_; }

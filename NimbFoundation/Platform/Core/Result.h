@@ -58,6 +58,12 @@ class [[nodiscard]] Result {
   // Only when !ok().
   const SystemError& error() const { return std::get<1>(state_); }
 
+  // Compares like an optional: a failure equals only a failure with the same
+  // reason, and std::nullopt.
+  friend bool operator==(const Result& a, const Result& b) { return a.state_ == b.state_; }
+  friend bool operator==(const Result& r, const T& value) { return r.ok() && r.value() == value; }
+  friend bool operator==(const Result& r, std::nullopt_t) { return !r.ok(); }
+
   // The value as an optional, dropping the reason.
   std::optional<T> optional() && {
     if (!ok()) return std::nullopt;

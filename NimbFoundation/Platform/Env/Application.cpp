@@ -1,10 +1,7 @@
 #include <NimbFoundation/Platform/Env/Application.h>
 
 #include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,8 +14,6 @@
 #include <vector>
 
 #include <NimbFoundation/Platform/Env/FileManager.h>
-
-extern char** environ;
 
 namespace nimb {
 
@@ -133,8 +128,8 @@ void forEachKey(std::string_view text, Visit&& visit) {
 // $`variable` split at ':', absolute entries only; `fallback` when the
 // variable is unset or empty, as the base directory conventions say.
 std::vector<std::string> searchPath(const char* variable, std::string_view fallback) {
-  const char* value = std::getenv(variable);
-  std::string_view list = (value && value[0]) ? std::string_view(value) : fallback;
+  const auto value = Env::current()->environmentVariable(variable);
+  std::string_view list = (value && !value->empty()) ? std::string_view(*value) : fallback;
   std::vector<std::string> folders;
   while (!list.empty()) {
     const auto colon = list.find(':');
@@ -273,70 +268,6 @@ bool hasHandler(const std::string& scheme) {
   return false;
 }
 
-// The first executable regular file `name` in a folder of $PATH. Relative
-// folders are passed over: what they name depends on the working directory.
-std::optional<std::string> findOnPath(std::string_view name) {
-  for (const auto& folder : searchPath("PATH", "")) {
-    std::string candidate = FileManager::appendingPathComponent(folder, name);
-    struct stat st {};
-    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-        ::access(candidate.c_str(), X_OK) == 0) {
-      return candidate;
-    }
-  }
-  return std::nullopt;
-}
-
-// Starts `program url` in the background through a shell that exits at once,
-// so the handler outlives nothing of ours: the shell is reaped here, and the
-// handler, orphaned, is reaped by init. Both arrive as positional
-// parameters; the command text is fixed.
-bool launchDetached(const std::string& program, const std::string& url) {
-  static constexpr char kShell[] = "/bin/sh";
-  static constexpr char kScript[] = "\"$1\" \"$2\" </dev/null >/dev/null 2>&1 &";
-  std::string argv0 = "sh", flag = "-c", script = kScript, arg1 = program, arg2 = url;
-  std::string argv3 = "sh";
-  char* argv[] = {argv0.data(), flag.data(), script.data(), argv3.data(),
-                  arg1.data(),  arg2.data(), nullptr};
-
-  // The handler must not inherit the caller's blocked or ignored signals,
-  // nor its descriptors beyond the standard three.
-  posix_spawnattr_t attributes;
-  if (posix_spawnattr_init(&attributes) != 0) return false;
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  sigdelset(&all, SIGKILL);
-  sigdelset(&all, SIGSTOP);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  posix_spawn_file_actions_t actions;
-  if (posix_spawn_file_actions_init(&actions) != 0) {
-    posix_spawnattr_destroy(&attributes);
-    return false;
-  }
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-#endif
-
-  pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, kShell, &actions, &attributes, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
-  if (spawned != 0) return false;
-
-  int status = 0;
-  pid_t waited;
-  do {
-    waited = ::waitpid(pid, &status, 0);
-  } while (waited < 0 && errno == EINTR);
-  // ECHILD: the host ignores SIGCHLD, so the system reaped the shell and
-  // took its status with it; the launch itself went ahead.
-  if (waited < 0) return errno == ECHILD;
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 }  // namespace
 
 bool Application::canOpenURL(std::string_view url) {
@@ -353,8 +284,7 @@ bool Application::openURL(std::string_view url) {
     // A NUL would cut the argument short, and a different URL would be opened
     // than the one checked.
     if (url.find('\0') != std::string_view::npos || !canOpenURL(url)) return false;
-    auto program = findOnPath("xdg-open");
-    return program && launchDetached(*program, std::string(url));
+    return Env::current()->launchDetached({"xdg-open", std::string(url)});
   } catch (...) {
     return false;
   }

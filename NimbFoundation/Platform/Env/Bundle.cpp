@@ -1,8 +1,5 @@
 #include <NimbFoundation/Platform/Env/Bundle.h>
 
-#include <unistd.h>
-
-#include <climits>
 #include <mutex>
 
 #include <NimbFoundation/Platform/Env/FileManager.h>
@@ -14,36 +11,34 @@ namespace {
 
 std::mutex gMutex;
 std::shared_ptr<const Bundle> gMain;
-std::string gInfoPath;
-std::string gIdentifier;
-std::string gResourcePath;
+BundleSettings gMainSettings;
+std::string gMainExecutable;
 
-std::string executableFolder() {
-  char buffer[PATH_MAX];
-  const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-  if (n <= 0) return ".";
-  std::string path(buffer, static_cast<std::size_t>(n));
+std::string folderOf(const std::string& path) {
   const auto slash = path.rfind('/');
   return slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
 }
 
-std::shared_ptr<const Bundle> load() {
-  std::string folder = executableFolder();
-  const std::string infoPath =
-      gInfoPath.empty() ? FileManager::appendingPathComponent(folder, "Info.plist") : gInfoPath;
+std::shared_ptr<const Bundle> load(Env& env, const BundleSettings& settings,
+                                   const std::string& executable) {
+  std::string folder = executable.empty() ? "." : folderOf(executable);
+  const std::string infoPath = settings.infoDictionaryPath && !settings.infoDictionaryPath->empty()
+                                   ? *settings.infoDictionaryPath
+                                   : FileManager::appendingPathComponent(folder, "Info.plist");
   Dictionary info = PropertyList::dictionaryWithContentsOfFile(infoPath).value_or(Dictionary{});
-  std::string identifier = gIdentifier;
+  std::string identifier = settings.bundleIdentifier.value_or("");
   if (identifier.empty()) {
     auto found = info.find("CFBundleIdentifier");
     if (found != info.end() && found->second.asString() && !found->second.asString()->empty()) {
       identifier = *found->second.asString();
     }
   }
-  if (identifier.empty()) identifier = FileManager::processName();
+  const std::string processName = env.processName();
+  if (identifier.empty()) identifier = processName;
   info["CFBundleIdentifier"] = identifier;
-  if (!info.contains("CFBundleExecutable")) info["CFBundleExecutable"] = FileManager::processName();
+  if (!info.contains("CFBundleExecutable")) info["CFBundleExecutable"] = processName;
   return std::make_shared<const Bundle>(std::move(folder), std::move(info), std::move(identifier),
-                                        gResourcePath);
+                                        settings.resourcePath.value_or(""));
 }
 
 // The string value under CFBundleIdentifier, "" when there is none.
@@ -65,27 +60,20 @@ std::string nameWithoutExtension(std::string_view path) {
 }  // namespace
 
 std::shared_ptr<const Bundle> Bundle::mainBundle() {
+  auto env = Env::current();
+  BundleSettings settings = env->bundleSettings();
+  std::string executable = env->executablePath();
+  {
+    std::lock_guard lock(gMutex);
+    if (gMain && gMainSettings == settings && gMainExecutable == executable) return gMain;
+  }
+  // Read outside the lock: the information dictionary is a file.
+  auto bundle = load(*env, settings, executable);
   std::lock_guard lock(gMutex);
-  if (!gMain) gMain = load();
-  return gMain;
-}
-
-void Bundle::setInfoDictionaryPath(std::string path) {
-  std::lock_guard lock(gMutex);
-  gInfoPath = std::move(path);
-  gMain.reset();
-}
-
-void Bundle::setBundleIdentifier(std::string identifier) {
-  std::lock_guard lock(gMutex);
-  gIdentifier = std::move(identifier);
-  gMain.reset();
-}
-
-void Bundle::setResourcePath(std::string path) {
-  std::lock_guard lock(gMutex);
-  gResourcePath = std::move(path);
-  gMain.reset();
+  gMain = bundle;
+  gMainSettings = std::move(settings);
+  gMainExecutable = std::move(executable);
+  return bundle;
 }
 
 std::shared_ptr<const Bundle> Bundle::bundleWithPath(std::string_view path) {

@@ -2,22 +2,21 @@
 // protocol sees it: its information dictionary and its identifier.
 //
 // On Linux an application has no bundle folder. Its information dictionary
-// is the property list "Info.plist" beside the executable, or a file the
-// host names with setInfoDictionaryPath(). The dictionary always answers
-// "CFBundleIdentifier" and "CFBundleExecutable": the identifier comes from
-// setBundleIdentifier() when the host set one (nimbkit's --app-id), else
-// from the file, else it is the process name. User defaults are kept per
-// identifier.
+// is the property list "Info.plist" beside the executable, or the file the
+// host names in Env::bundleSettings(). The dictionary always answers
+// "CFBundleIdentifier" and "CFBundleExecutable": the identifier is the one
+// the host's settings name (nimbkit's --app-id), else the file's, else the
+// process name. User defaults are kept per identifier.
 //
 // Resources sit in the executable's folder, the flat layout of phone
-// applications, unless the host names another folder. bundleWithPath()
+// applications, unless the host's settings name another folder. bundleWithPath()
 // opens a bundle folder found among them ("Assets.bundle"), flat or in the
 // desktop layout with Contents/Info.plist and Contents/Resources.
 //
 // Used by VQProtocolData (bundle fields), UserDefaults (its folder),
 // Device (the vendor of the per-vendor identifier) and VQUtils (resources).
-// Thread rule: any thread; the setters swap a fresh snapshot under a lock,
-// and a snapshot once handed out never changes.
+// Thread rule: any thread; a snapshot once handed out never changes, and
+// mainBundle() reads a fresh one whenever the Env's settings change.
 #pragma once
 
 #include <memory>
@@ -32,17 +31,9 @@ namespace NIMB_EXPORT nimb {
 
 class Bundle {
  public:
-  // The running application's bundle, read once and kept until a setter
-  // changes it.
+  // The running application's bundle as Env::current()->bundleSettings()
+  // describes it; read once and kept while those settings stay the same.
   static std::shared_ptr<const Bundle> mainBundle();
-  // Where to read the information dictionary; "" restores the default
-  // (Info.plist beside the executable).
-  static void setInfoDictionaryPath(std::string path);
-  // Makes the process act as the application `identifier`; "" clears it.
-  static void setBundleIdentifier(std::string identifier);
-  // Where the main bundle's resources are; "" restores the default (the
-  // bundle path).
-  static void setResourcePath(std::string path);
 
   // The bundle in the folder `path`, or nullptr when there is no such
   // folder. Its information dictionary is its Info.plist (or

@@ -21,10 +21,10 @@
 //     when the process runs with root privileges (effective uid 0), when
 //     LD_PRELOAD injects code into it, or when a debugger traces it
 //     (TracerPid in /proc/self/status).
-// The host, or a test, may override any fact with setOverrides().
+// Every fact comes from Env::current()->deviceFacts() on each call, so a
+// host, or a test, that installs another Env changes them at once.
 //
-// Used by VQProtocolData. Thread rule: any thread; overrides are swapped
-// under a lock.
+// Used by VQProtocolData. Thread rule: any thread.
 #pragma once
 
 #include <optional>
@@ -65,19 +65,6 @@ struct ScreenFacts {
 
 class Device {
  public:
-  // Each set field replaces the machine's fact. The double optionals say
-  // "override with no value" (e.g. a device without an idiom).
-  struct Overrides {
-    std::optional<std::string> model;
-    std::optional<std::string> systemVersion;
-    std::optional<std::string> machine;
-    std::optional<std::optional<UUID>> identifierForVendor;
-    std::optional<DeviceOrientation> orientation;
-    std::optional<std::optional<UserInterfaceIdiom>> userInterfaceIdiom;
-    std::optional<std::optional<ScreenFacts>> mainScreen;
-    std::optional<bool> integrityCompromised;
-  };
-
   static std::string model();
   static std::string systemName();
   static std::string systemVersion();
@@ -88,8 +75,6 @@ class Device {
   static std::optional<UserInterfaceIdiom> userInterfaceIdiom();
   static std::optional<ScreenFacts> mainScreen();
   static bool isIntegrityCompromised();
-
-  static void setOverrides(Overrides overrides);
 };
 
 }  // namespace nimb

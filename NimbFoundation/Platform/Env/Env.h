@@ -64,6 +64,7 @@ struct BundleSettings {
   std::optional<std::string> infoDictionaryPath;
   std::optional<std::string> bundleIdentifier;
   std::optional<std::string> resourcePath;
+  bool operator==(const BundleSettings&) const = default;
 };
 
 class Env {
@@ -89,7 +90,7 @@ class Env {
   virtual std::optional<std::string> environmentVariable(std::string_view name) = 0;
   // $HOME, else the password database's home; "" when neither is known.
   virtual std::string homeDirectory() = 0;
-  // The running program's name (the last component of /proc/self/exe).
+  // The running program's name (the last component of argv[0]).
   virtual std::string processName() = 0;
   // The running program's path (/proc/self/exe); "" when unknown.
   virtual std::string executablePath() = 0;
@@ -99,6 +100,9 @@ class Env {
   // Through a temporary in the same directory, renamed over `path`; 0600.
   virtual Result<void> writeFileAtomically(const std::string& path,
                                            std::span<const std::uint8_t> bytes) = 0;
+  // Copies the regular file `from` to `to`, which must not exist (EEXIST
+  // otherwise); `to` appears whole or not at all.
+  virtual Result<void> copyFile(const std::string& from, const std::string& to) = 0;
   virtual Result<FileInfo> fileInfo(const std::string& path, FollowLinks follow) = 0;
   // 0700; with `intermediates`, every missing parent too.
   virtual Result<void> createDirectory(const std::string& path, bool intermediates) = 0;
@@ -146,6 +150,7 @@ class EnvWrapper : public Env {
   Result<Data> readFile(const std::string& path, FollowLinks follow) override;
   Result<void> writeFileAtomically(const std::string& path,
                                    std::span<const std::uint8_t> bytes) override;
+  Result<void> copyFile(const std::string& from, const std::string& to) override;
   Result<FileInfo> fileInfo(const std::string& path, FollowLinks follow) override;
   Result<void> createDirectory(const std::string& path, bool intermediates) override;
   Result<void> removeItem(const std::string& path) override;

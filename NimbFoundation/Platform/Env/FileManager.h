@@ -1,4 +1,4 @@
-// FileManager: the file-system calls the kit needs, on POSIX.
+// FileManager: the file-system calls the kit needs, through Env::current().
 //
 // Files the kit makes for one user are private: directories are created 0700
 // and files 0600, never through a symbolic link at the final component, and
@@ -13,7 +13,9 @@
 // symbolic link planted under one of their names reads as missing too
 // rather than showing a file from elsewhere.
 //
-// All functions are thread-safe and report failure by return value.
+// All functions are thread-safe. Those that can fail return a Result: it
+// reads like the bool or optional it replaces, and error() says which errno
+// on which path.
 #pragma once
 
 #include <cstdint>
@@ -53,29 +55,29 @@ class FileManager {
   static bool isRegularFile(const std::string& path, FollowLinks follow = FollowLinks::Yes);
 
   // Creates `path` (0700), and its missing parents when `intermediates` is
-  // set. True when the directory exists afterwards.
-  static bool createDirectory(const std::string& path, bool intermediates = true);
+  // set. Succeeds when the directory exists afterwards.
+  static Result<void> createDirectory(const std::string& path, bool intermediates = true);
 
-  // The whole contents of a regular file; nullopt when it cannot be read,
+  // The whole contents of a regular file; fails when it cannot be read,
   // is no regular file, or is a symbolic link and `follow` is No.
-  static std::optional<Data> contentsAtPath(const std::string& path,
-                                            FollowLinks follow = FollowLinks::Yes);
+  static Result<Data> contentsAtPath(const std::string& path,
+                                     FollowLinks follow = FollowLinks::Yes);
 
   // Writes `bytes` to `path` through a temporary file (mode 0600) in the same
-  // directory and a rename. Replaces an existing file. False on any failure,
-  // in which case `path` is left as it was.
-  static bool writeAtomically(const std::string& path, std::span<const std::uint8_t> bytes);
-  static bool writeAtomically(const std::string& path, std::string_view bytes);
+  // directory and a rename. Replaces an existing file. On failure `path` is
+  // left as it was.
+  static Result<void> writeAtomically(const std::string& path, std::span<const std::uint8_t> bytes);
+  static Result<void> writeAtomically(const std::string& path, std::string_view bytes);
 
   // Copies the regular file at `from` to `to`, which must not exist yet
   // (an existing `to` makes the copy fail and stay untouched). The copy is
   // assembled in a temporary file and linked into place, so `to` appears
   // whole or not at all.
-  static bool copyItem(const std::string& from, const std::string& to);
+  static Result<void> copyItem(const std::string& from, const std::string& to);
 
-  // Removes the file (or empty directory) at `path`. False when nothing was
-  // removed.
-  static bool removeItem(const std::string& path);
+  // Removes the file, or the directory with everything in it, at `path`.
+  // Fails when nothing was removed.
+  static Result<void> removeItem(const std::string& path);
 
   // Whether `name` has the shape of the temporary files writeAtomically()
   // and copyItem() make: "." + a name + ".tmp-" + six letters or digits.

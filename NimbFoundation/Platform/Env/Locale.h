@@ -1,12 +1,11 @@
-// Locale: the user's region and languages, from the environment through
-// ICU (LC_ALL, LC_MESSAGES, LANG; LANGUAGE for the ordered language list).
+// Locale: the user's region and languages, as Env::current() reports them
+// (on Linux from LC_ALL, LC_MESSAGES, LANG, and LANGUAGE for the ordered
+// language list), read through ICU.
 //
-// Used by VQProtocolData (country and language fields). The host or a test
-// may set either fact; nullopt goes back to the environment. Thread rule:
-// any thread; the settings are guarded by a lock.
+// Used by VQProtocolData (country and language fields). Thread rule: any
+// thread.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,10 +20,6 @@ class Locale {
   // The user's preferred languages as BCP 47 tags, most preferred first
   // ("en-US", "fr"); empty when the environment names none.
   static std::vector<std::string> preferredLanguages();
-
-  // Replaces the current locale by an identifier such as "de_CH".
-  static void setCurrentLocaleIdentifier(std::optional<std::string> identifier);
-  static void setPreferredLanguages(std::optional<std::vector<std::string>> languages);
 };
 
 }  // namespace nimb

@@ -2,15 +2,16 @@
 // protocol reads them: the address list (getifaddrs), interface indexes
 // (if_nametoindex) and hardware addresses (SIOCGIFHWADDR).
 //
-// Used by VQProtocolData (access type and hardware address). Tests replace
-// the system with setSource(), e.g. a list where only a cellular interface
-// has an IPv4 address. Thread rule: any thread; the source is swapped under
-// a lock and called outside it.
+// Every answer comes from Env::current() (interfaceAddresses, interfaceIndex,
+// hardwareAddress), so a test's Env can show e.g. a list where only a
+// cellular interface has an IPv4 address.
+//
+// Used by VQProtocolData (access type and hardware address). Thread rule:
+// any thread.
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -47,14 +48,6 @@ class NetworkInterfaces {
   // The index of the interface called `name`, 0 when there is none.
   static unsigned indexOf(std::string_view name);
   static HardwareAddress hardwareAddress(unsigned index);
-
-  // Replacements for the system calls; an empty function keeps the system's.
-  struct Source {
-    std::function<std::optional<std::vector<InterfaceAddress>>()> list;
-    std::function<unsigned(std::string_view)> indexOf;
-    std::function<HardwareAddress(unsigned)> hardwareAddress;
-  };
-  static void setSource(Source source);
 };
 
 }  // namespace nimb

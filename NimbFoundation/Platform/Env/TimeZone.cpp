@@ -6,40 +6,19 @@
 #include <memory>
 #include <mutex>
 
+#include <NimbFoundation/Platform/Env/Env.h>
+
 namespace nimb {
 
 namespace {
 
 std::mutex gMutex;
-std::string gSystemName;   // set by the host; "" = the machine's
 std::string gDefaultName;  // set by the host; "" = the system zone
-
-std::string detectMachineZoneName() {
-  std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::detectHostTimeZone());
-  if (!zone) return "GMT";
-  icu::UnicodeString id;
-  zone->getID(id);
-  std::string out;
-  id.toUTF8String(out);
-  return out.empty() ? "GMT" : out;
-}
-
-// Read once, as the platform caches its system time zone: the log asks for
-// it on every line, and detection reads /etc/localtime through the C
-// library's tzset.
-const std::string& machineZoneName() {
-  static const std::string name = detectMachineZoneName();
-  return name;
-}
 
 }  // namespace
 
 std::string TimeZone::systemTimeZoneName() {
-  {
-    std::lock_guard lock(gMutex);
-    if (!gSystemName.empty()) return gSystemName;
-  }
-  return machineZoneName();
+  return Env::current()->systemTimeZoneName();
 }
 
 std::string TimeZone::defaultTimeZoneName() {
@@ -48,11 +27,6 @@ std::string TimeZone::defaultTimeZoneName() {
     if (!gDefaultName.empty()) return gDefaultName;
   }
   return systemTimeZoneName();
-}
-
-void TimeZone::setSystemTimeZoneName(std::string name) {
-  std::lock_guard lock(gMutex);
-  gSystemName = std::move(name);
 }
 
 void TimeZone::setDefaultTimeZoneName(std::string name) {

@@ -1,10 +1,10 @@
 // TimeZone: the process's time zones and their offsets, through ICU.
 //
-// The system time zone is the machine's (TZ, else /etc/localtime), read
-// once per process as the platform does; the
-// default time zone is the one the application works in, the system one
-// unless set. Both can be set by the host, and by tests that need a zone of
-// -09:30 or +05:45. Zone names are IANA names ("Asia/Kathmandu") or
+// The system time zone is the machine's, as Env::current() reports it (on
+// Linux TZ, else /etc/localtime, read once per process); a test's Env can
+// give a zone of -09:30 or +05:45. The default time zone is the one the
+// application works in: the system one unless the host sets another. Zone
+// names are IANA names ("Asia/Kathmandu") or
 // "GMT+05:45"-style offsets; a name ICU does not know means GMT.
 //
 // Used by VQProtocolData (date, time and time-zone fields) and DateFormatter.
@@ -23,8 +23,6 @@ class TimeZone {
  public:
   static std::string systemTimeZoneName();
   static std::string defaultTimeZoneName();
-  // "" restores the machine's zone.
-  static void setSystemTimeZoneName(std::string name);
   // "" makes the default follow the system zone again.
   static void setDefaultTimeZoneName(std::string name);
   // Seconds east of GMT in `zone` at `date`, daylight saving included.

@@ -240,7 +240,7 @@ void cleanUpAtExit() {
       Loaded loaded = load(path);
       if (loaded.state == FileState::Valid && !loaded.record.persistent &&
           isCurrentProcess(loaded.record.owner)) {
-        FileManager::removeItem(path);
+        (void)FileManager::removeItem(path);
       }
     }
   } catch (...) {
@@ -271,36 +271,13 @@ std::string folderOf(const std::string& path) {
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
-std::mutex& storeDirectoryMutex() {
-  static std::mutex m;
-  return m;
-}
-
-std::string& storeDirectoryOverride() {
-  static std::string path;
-  return path;
-}
-
 }  // namespace
 
 std::string Pasteboard::storeDirectory() {
   try {
-    {
-      std::lock_guard guard(storeDirectoryMutex());
-      if (!storeDirectoryOverride().empty()) return storeDirectoryOverride();
-    }
-    return FileManager::appendingPathComponent(FileManager::dataDirectory(),
-                                               "NimbFoundation/Pasteboards");
+    return Env::current()->pasteboardDirectory();
   } catch (...) {
     return {};
-  }
-}
-
-void Pasteboard::setStoreDirectory(std::string path) {
-  try {
-    std::lock_guard guard(storeDirectoryMutex());
-    storeDirectoryOverride() = std::move(path);
-  } catch (...) {
   }
 }
 
@@ -329,7 +306,7 @@ std::shared_ptr<Pasteboard> Pasteboard::pasteboardWithName(std::string_view name
     }
     Loaded loaded = load(path);
     if (loaded.orphaned()) {
-      FileManager::removeItem(path);
+      (void)FileManager::removeItem(path);
       loaded.state = FileState::Missing;
     }
     if (loaded.state == FileState::Missing) {
@@ -357,9 +334,7 @@ Result<void> Pasteboard::removePasteboardWithName(std::string_view name) {
     FileLock lock(lockPath);
     if (!lock.held()) return detail::lastError(lockPath);
     const std::string path = FileManager::appendingPathComponent(dir, *fileName);
-    errno = 0;
-    if (!FileManager::removeItem(path)) return detail::lastError(path);
-    return {};
+    return FileManager::removeItem(path);
   } catch (...) {
     return SystemError{ENOMEM, std::string(name)};
   }
@@ -382,7 +357,7 @@ void Pasteboard::setPersistent(bool persistent) {
     if (!lock.held()) return;
     Loaded loaded = load(path_);
     if (loaded.gone()) {
-      if (loaded.state != FileState::Missing) FileManager::removeItem(path_);
+      if (loaded.state != FileState::Missing) (void)FileManager::removeItem(path_);
       return;
     }
     Record& record = loaded.record;
@@ -420,7 +395,7 @@ Result<void> Pasteboard::setData(const Data& data, std::string_view type) {
     if (!lock.held()) return detail::lastError(lockPath);
     Loaded loaded = load(path_);
     if (loaded.gone()) {
-      if (loaded.state != FileState::Missing) FileManager::removeItem(path_);
+      if (loaded.state != FileState::Missing) (void)FileManager::removeItem(path_);
       return SystemError{ENOENT, path_};
     }
     Record& record = loaded.record;

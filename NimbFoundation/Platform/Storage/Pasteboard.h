@@ -62,11 +62,9 @@ class Pasteboard {
   struct Passkey {};
 
  public:
-  // The folder: what setStoreDirectory() set, else
+  // The folder: Env::current()->pasteboardDirectory(), on Linux
   // FileManager::dataDirectory() + "/NimbFoundation/Pasteboards".
   static std::string storeDirectory();
-  // Moves the store to `path` for this process; "" restores the default.
-  static void setStoreDirectory(std::string path);
 
   // Opens the pasteboard called `name`; with `create`, makes it (not
   // persistent, owned by this process) when missing. nullptr when it is
