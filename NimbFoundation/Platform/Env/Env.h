@@ -10,8 +10,8 @@
 // real system.
 //
 // The platform classes (FileManager, Device, NetworkInterfaces, Bundle,
-// Locale, TimeZone, Pasteboard, Application, RunLoop) ask Env::current() on
-// each call, so a new Env takes effect at once. Services that are built
+// Locale, TimeZone, Pasteboard, Application, RunLoop, Date::now) ask
+// Env::current() on each call, so a new Env takes effect at once. Services that are built
 // rather than shared (VQCache::open) take an Env of their own.
 //
 // Thread rule: current() and setCurrent() may be called from any thread; an
@@ -96,6 +96,11 @@ class Env {
   virtual std::string executablePath() = 0;
 
   // --- Files and directories ---
+  // Every failure carries the errno and the path.
+  // The contents of a regular file, read without ever blocking: a symbolic
+  // link at the last component with FollowLinks::No fails with ELOOP, a
+  // directory with EISDIR, and a FIFO, a device or a socket reads as
+  // missing (ENOENT).
   virtual Result<Data> readFile(const std::string& path, FollowLinks follow) = 0;
   // Through a temporary in the same directory, renamed over `path`; 0600.
   virtual Result<void> writeFileAtomically(const std::string& path,
