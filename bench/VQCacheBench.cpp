@@ -103,7 +103,7 @@ void writeLargeIndex() {
   nimb::Dictionary index;
   auto expiry = nimb::Date::now().addingTimeInterval(86400);
   for (int i = 0; i < kIndexEntries; ++i) index.emplace(key(i), expiry);
-  nimb::PropertyList::writeDictionaryToFile(index, VQCache::pathForKey(VQCache::kIndexFileName));
+  (void)nimb::PropertyList::writeToFile(index, VQCache::pathForKey(VQCache::kIndexFileName));
 }
 
 void BM_StartUp100k_VQCache(benchmark::State& state) {
@@ -156,7 +156,7 @@ void BM_Save100k_WriteWholeIndex(benchmark::State& state) {
     nimb::Dictionary index;
     for (const auto& [k, expiry] : cache->cacheDictionary())
       index.emplace_hint(index.end(), k, expiry);
-    nimb::PropertyList::writeDictionaryToFile(index, path);
+    (void)nimb::PropertyList::writeToFile(index, path);
   }
   state.SetItemsProcessed(state.iterations() * kIndexEntries);
 }

@@ -35,9 +35,9 @@ TEST_F(BundleResources, BundlesInTheResourcesAreFlatOrDesktopLayout) {
   const std::string flatPath = dir + "/Assets.bundle", macPath = dir + "/Mac.bundle";
   std::filesystem::create_directories(flatPath);
   std::filesystem::create_directories(macPath + "/Contents/Resources");
-  ASSERT_TRUE(nimb::PropertyList::writeDictionaryToFile(
-      {{"CFBundleIdentifier", "com.example.mac"}, {"Extra", "yes"}},
-      macPath + "/Contents/Info.plist"));
+  ASSERT_TRUE(
+      nimb::PropertyList::writeToFile({{"CFBundleIdentifier", "com.example.mac"}, {"Extra", "yes"}},
+                                      macPath + "/Contents/Info.plist"));
 
   auto flat = Bundle::bundleWithPath(flatPath + "/");
   ASSERT_NE(flat, nullptr);
@@ -54,8 +54,8 @@ TEST_F(BundleResources, BundlesInTheResourcesAreFlatOrDesktopLayout) {
   EXPECT_EQ(*mac->objectForInfoDictionaryKey("Extra")->asString(), "yes");
 
   // A flat Info.plist names the bundle too.
-  ASSERT_TRUE(nimb::PropertyList::writeDictionaryToFile({{"CFBundleIdentifier", "com.example.a"}},
-                                                        flatPath + "/Info.plist"));
+  ASSERT_TRUE(nimb::PropertyList::writeToFile({{"CFBundleIdentifier", "com.example.a"}},
+                                              flatPath + "/Info.plist"));
   EXPECT_EQ(Bundle::bundleWithPath(flatPath)->bundleIdentifier(), "com.example.a");
   for (const std::string& none :
        {dir + "/Missing.bundle", flatPath + "/Info.plist", std::string()}) {

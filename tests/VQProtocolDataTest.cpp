@@ -155,7 +155,7 @@ TEST(VQProtocolData, BundleFieldsAndTheVendorIdentifier) {
   nimb::Dictionary info{{"CFBundleIdentifier", "com.example.chat"},
                         {"CFBundleVersion", "4711"},
                         {"CFBundleShortVersionString", "2.3"}};
-  ASSERT_TRUE(nimb::PropertyList::writeDictionaryToFile(info, dir + "/Info.plist"));
+  ASSERT_TRUE(nimb::PropertyList::writeToFile(info, dir + "/Info.plist"));
   FakeMachine machine;
   machine->device = plainDevice();
   machine->device->machineId = "0123456789abcdef0123456789abcdef";

@@ -4,14 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <mutex>
 #include <set>
 #include <utility>
-
-#include <atomic>
-#include <mutex>
 
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Core/Text.h>
@@ -49,8 +48,11 @@ bool isReserved(std::string_view key) {
 // The key-to-date pairs of the index file as it is on disk now; whatever
 // else a damaged or foreign index holds is left out. nullopt when there is
 // no index or it is no property-list dictionary.
-std::optional<std::map<std::string, Date>> readIndexFile(const std::string& indexPath) {
-  auto index = PropertyList::dictionaryWithContentsOfFile(indexPath, FollowLinks::No);
+std::optional<std::map<std::string, Date>> readIndexFile(Env& env, const std::string& indexPath) {
+  auto bytes = env.readFile(indexPath, FollowLinks::No);
+  if (!bytes) return std::nullopt;
+  auto value = PropertyList::parse(*bytes);
+  Dictionary* index = value ? value->asDictionary() : nullptr;
   if (!index) return std::nullopt;
   std::map<std::string, Date> entries;
   while (!index->empty()) {
@@ -80,12 +82,17 @@ bool isFileAtPath(int fd, const std::string& path) {
          held.st_dev == current.st_dev && held.st_ino == current.st_ino;
 }
 
-void writeData(const Data& data, const std::string& path) {
-  if (FileManager::writeAtomically(path, data)) return;
+bool isRegularFile(Env& env, const std::string& path) {
+  auto info = env.fileInfo(path, FollowLinks::No);
+  return info && info->kind == FileInfo::Kind::kRegular;
+}
+
+void writeData(Env& env, const Data& data, const std::string& path) {
+  auto written = env.writeFileAtomically(path, data);
   // The directory may have been removed behind the cache's back.
-  const std::string dir = path.substr(0, path.find_last_of('/'));
-  if (!FileManager::isDirectory(dir) && FileManager::createDirectory(dir, true)) {
-    (void)FileManager::writeAtomically(path, data);
+  if (!written && written.error().code == ENOENT) {
+    const std::string dir = path.substr(0, path.find_last_of('/'));
+    if (env.createDirectory(dir, true)) (void)env.writeFileAtomically(path, data);
   }
 }
 
@@ -107,6 +114,8 @@ struct VQCache::Impl {
     if (lastSavedFd >= 0) ::close(lastSavedFd);
   }
 
+  // The Env given to open(), else the process's current one.
+  std::shared_ptr<Env> system() const { return env ? env : Env::current(); }
   std::string pathForKey(std::string_view key) const {
     return FileManager::appendingPathComponent(directory, key);
   }
@@ -174,13 +183,11 @@ std::shared_ptr<VQCache> VQCache::open(Options options, SystemError* whyNot) {
   // The parent of a relative name is the working directory.
   if (directory.find('/') == std::string::npos) directory = "./" + directory;
   while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
-  errno = 0;
-  if (!FileManager::createDirectory(directory, true)) {
-    const int error = errno ? errno : ENOTDIR;
-    if (!FileManager::isDirectory(directory)) {
-      if (whyNot) *whyNot = SystemError{error, directory};
-      return nullptr;
-    }
+  Env& env = options.env ? *options.env : *Env::current();
+  if (auto made = env.createDirectory(directory, true); !made) {
+    // Named for the directory asked for, whichever parent stood in the way.
+    if (whyNot) *whyNot = SystemError{made.error().code, directory};
+    return nullptr;
   }
   auto impl =
       std::make_unique<Impl>(std::move(options.env), std::move(directory), options.defaultTimeout);
@@ -195,9 +202,10 @@ std::shared_ptr<VQCache> VQCache::open(Options options, SystemError* whyNot) {
       if (FileManager::isTemporaryFileName(entry.first)) keep.insert(entry.first);
     }
   }
-  cache->impl_->perform([dir = cache->impl_->directory, keep = std::move(keep)] {
-    FileManager::removeAbandonedTemporaries(dir, kAbandonedTemporaryAge, keep);
-  });
+  cache->impl_->perform(
+      [env = cache->impl_->system(), dir = cache->impl_->directory, keep = std::move(keep)] {
+        FileManager::removeAbandonedTemporaries(*env, dir, kAbandonedTemporaryAge, keep);
+      });
   return cache;
 }
 
@@ -224,10 +232,11 @@ std::shared_ptr<VQCache> VQCache::currentCache() {
 
 VQCache::VQCache(Passkey, std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
   Impl& d = *impl_;
-  d.cacheDictionary = readIndexFile(d.indexPath).value_or(std::map<std::string, Date>{});
-  (void)FileManager::createDirectory(d.directory, true);
+  auto env = d.system();
+  d.cacheDictionary = readIndexFile(*env, d.indexPath).value_or(std::map<std::string, Date>{});
+  (void)env->createDirectory(d.directory, true);
   // One instant for the whole purge, so that it treats every entry alike.
-  const Date now = Date::now();
+  const Date now = env->now();
   const std::int64_t indexWritten = modifiedNs(d.indexPath);
   for (const auto& [key, expiry] : d.cacheDictionary) {
     // The file goes, the entry stays: it keeps failing the expiry test until
@@ -238,7 +247,7 @@ VQCache::VQCache(Passkey, std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
     // entry's file.
     const std::string path = d.pathForKey(key);
     if (modifiedNs(path) > indexWritten) continue;
-    (void)FileManager::removeItem(path);
+    (void)env->removeItem(path);
   }
 }
 
@@ -280,18 +289,21 @@ OperationQueue& VQCache::diskOperationQueue() {
 
 bool VQCache::hasCacheForKey(const std::string& key) const {
   if (!isUsableKey(key)) return false;
+  Date expiry;
   {
     std::lock_guard lock(impl_->dictionaryMutex);
     auto it = impl_->cacheDictionary.find(key);
-    if (it == impl_->cacheDictionary.end() || isExpired(it->second)) return false;
+    if (it == impl_->cacheDictionary.end()) return false;
+    expiry = it->second;
   }
+  auto env = impl_->system();
   // A symbolic link or a special file under the key's name is no entry.
-  return FileManager::isRegularFile(impl_->pathForKey(key), FollowLinks::No);
+  return !isExpired(expiry, env->now()) && isRegularFile(*env, impl_->pathForKey(key));
 }
 
 std::optional<Data> VQCache::dataForKey(const std::string& key) const {
   if (!hasCacheForKey(key)) return std::nullopt;
-  return FileManager::contentsAtPath(impl_->pathForKey(key), FollowLinks::No).optional();
+  return impl_->system()->readFile(impl_->pathForKey(key), FollowLinks::No).optional();
 }
 
 void VQCache::setData(Data data, const std::string& key) {
@@ -301,16 +313,18 @@ void VQCache::setData(Data data, const std::string& key) {
 void VQCache::setData(Data data, const std::string& key, double timeoutInterval) {
   if (isReserved(key) || !isUsableKey(key)) return;
   std::string path = impl_->pathForKey(key);
-  impl_->perform([data = std::move(data), path = std::move(path)] { writeData(data, path); });
+  impl_->perform([env = impl_->system(), data = std::move(data), path = std::move(path)] {
+    writeData(*env, data, path);
+  });
   recordEntry(key, timeoutInterval);
 }
 
 void VQCache::recordEntry(const std::string& key, double timeoutInterval) {
   // NaN would make a date that is never expired; count it as no lifetime.
   if (std::isnan(timeoutInterval)) timeoutInterval = 0;
+  const Date expiry = impl_->system()->now().addingTimeInterval(timeoutInterval);
   {
     std::lock_guard lock(impl_->dictionaryMutex);
-    const Date expiry = Date::now().addingTimeInterval(timeoutInterval);
     impl_->cacheDictionary[key] = expiry;
     impl_->unsavedChanges[key] = expiry;
   }
@@ -336,7 +350,7 @@ void VQCache::setString(std::string_view string, const std::string& key, double 
 
 std::shared_ptr<const Image> VQCache::imageForKey(const std::string& key) const {
   if (!isUsableKey(key)) return nullptr;
-  auto bytes = FileManager::contentsAtPath(impl_->pathForKey(key), FollowLinks::No);
+  auto bytes = impl_->system()->readFile(impl_->pathForKey(key), FollowLinks::No);
   if (!bytes) return nullptr;
   return Image::withData(std::move(*bytes));
 }
@@ -378,7 +392,7 @@ void VQCache::copyFilePath(const std::string& sourcePath, const std::string& key
   // The index name is not refused here: copying onto it fails because the
   // index file is there, and the entry is recorded all the same.
   if (!isUsableKey(key)) return;
-  (void)FileManager::copyItem(sourcePath, impl_->pathForKey(key));
+  (void)impl_->system()->copyFile(sourcePath, impl_->pathForKey(key));
   recordEntry(key, timeoutInterval);
 }
 
@@ -393,7 +407,8 @@ void VQCache::removeItemFromCache(const std::string& key) {
   // but its "file" is the index itself, which must survive.
   if (!isReserved(key)) {
     std::string path = impl_->pathForKey(key);
-    impl_->perform([path = std::move(path)] { (void)FileManager::removeItem(path); });
+    impl_->perform(
+        [env = impl_->system(), path = std::move(path)] { (void)env->removeItem(path); });
   }
   std::lock_guard lock(impl_->dictionaryMutex);
   impl_->cacheDictionary.erase(key);
@@ -433,8 +448,9 @@ void VQCache::saveCacheDictionary() {
     std::lock_guard lock(impl_->dictionaryMutex);
     changes.swap(impl_->unsavedChanges);
   }
+  auto env = d.system();
   // The directory may have been removed behind the cache's back.
-  (void)FileManager::createDirectory(d.directory, true);
+  (void)env->createDirectory(d.directory, true);
   bool written = false;
   {
     // Other processes (and other instances) save the same file: under the
@@ -454,7 +470,7 @@ void VQCache::saveCacheDictionary() {
       // Still the file this instance wrote last: its contents are known,
       // and parsing it again would be the dearest part of the save.
       entries = std::move(d.lastSaved);
-    } else if (auto onDisk = readIndexFile(d.indexPath)) {
+    } else if (auto onDisk = readIndexFile(*env, d.indexPath)) {
       entries = std::move(*onDisk);
     } else {
       // No index, or a damaged one: this instance's own view (which holds
@@ -471,7 +487,8 @@ void VQCache::saveCacheDictionary() {
     }
     Dictionary index;
     for (const auto& [key, expiry] : entries) index.emplace_hint(index.end(), key, expiry);
-    written = PropertyList::writeDictionaryToFile(index, d.indexPath);
+    auto bytes = PropertyList::serialize(Value(std::move(index)), PropertyListFormat::Xml);
+    written = bytes && env->writeFileAtomically(d.indexPath, *bytes);
     if (written) {
       d.lastSavedFd = ::open(d.indexPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
       if (d.lastSavedFd >= 0) d.lastSaved = std::move(entries);

@@ -89,9 +89,8 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
 
   // What open() builds an instance on.
   struct Options {
-    // The system the instance belongs to; null means Env::current(). It is
-    // kept with the instance (env()); the cache's own file work goes
-    // through FileManager.
+    // The system the instance reads its clock from and keeps its entries
+    // and index on; null means Env::current() at each call.
     std::shared_ptr<Env> env;
     // The folder of entry files and the index; empty means the shared
     // directory (cacheDirectory()). Made (0700, with its parents) when

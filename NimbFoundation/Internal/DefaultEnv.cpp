@@ -1,4 +1,4 @@
-#include <NimbFoundation/Platform/Env/DefaultEnv.h>
+#include <NimbFoundation/Internal/DefaultEnv.h>
 
 #include <dirent.h>
 #include <errno.h>
@@ -253,6 +253,8 @@ std::optional<std::string> findOnPath(const std::string& name) {
 }
 
 }  // namespace
+
+namespace detail {
 
 Date DefaultEnv::now() {
   timespec ts{};
@@ -598,5 +600,7 @@ bool DefaultEnv::launchDetached(const std::vector<std::string>& argv) {
   if (waited < 0) return errno == ECHILD;
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
+
+}  // namespace detail
 
 }  // namespace nimb

@@ -31,10 +31,9 @@
 //     standard three.
 #pragma once
 
-#include <NimbFoundation/Export.h>
 #include <NimbFoundation/Platform/Env/Env.h>
 
-namespace NIMB_EXPORT nimb {
+namespace nimb::detail {
 
 class DefaultEnv final : public Env {
  public:
@@ -64,4 +63,4 @@ class DefaultEnv final : public Env {
   bool launchDetached(const std::vector<std::string>& argv) override;
 };
 
-}  // namespace nimb
+}  // namespace nimb::detail

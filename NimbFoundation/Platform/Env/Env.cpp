@@ -1,17 +1,21 @@
 #include <NimbFoundation/Platform/Env/Env.h>
 
+#include <atomic>
 #include <mutex>
 #include <utility>
 
-#include <NimbFoundation/Platform/Env/DefaultEnv.h>
+#include <NimbFoundation/Internal/DefaultEnv.h>
 
 namespace nimb {
 
 namespace {
 
-// The one process-wide setting of the platform layer.
+// The one process-wide setting of the platform layer. Until a host or a
+// test installs an Env, current() reads only the flag: no lock on the paths
+// that ask for the time or a file, and none a forked child could find held.
 std::mutex gMutex;
 std::shared_ptr<Env> gCurrent;  // null: Default()
+std::atomic<bool> gInstalled{false};
 
 }  // namespace
 
@@ -19,12 +23,12 @@ Env::~Env() = default;
 
 std::shared_ptr<Env> Env::Default() {
   // Never destroyed: work may still ask for it while the process exits.
-  static auto* env = new std::shared_ptr<Env>(std::make_shared<DefaultEnv>());
+  static auto* env = new std::shared_ptr<Env>(std::make_shared<detail::DefaultEnv>());
   return *env;
 }
 
 std::shared_ptr<Env> Env::current() {
-  {
+  if (gInstalled.load(std::memory_order_acquire)) {
     std::lock_guard lock(gMutex);
     if (gCurrent) return gCurrent;
   }
@@ -35,6 +39,7 @@ void Env::setCurrent(std::shared_ptr<Env> env) {
   std::shared_ptr<Env> previous;  // released outside the lock
   std::lock_guard lock(gMutex);
   previous = std::exchange(gCurrent, std::move(env));
+  gInstalled.store(gCurrent != nullptr, std::memory_order_release);
 }
 
 EnvWrapper::EnvWrapper(std::shared_ptr<Env> target)

@@ -15,6 +15,7 @@
 #include <string>
 
 #include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Core/Result.h>
 
 namespace NIMB_EXPORT nimb {
 
@@ -36,10 +37,15 @@ class FileLock {
 
   State state() const { return state_; }
   bool held() const { return state_ == State::Held; }
+  // Why the lock is not held: the errno of the failed open or flock
+  // (EWOULDBLOCK when another holder kept it), with the lock file's path.
+  SystemError failure() const { return {error_, path_}; }
 
  private:
   int fd_ = -1;
   State state_ = State::Unsupported;
+  int error_ = 0;
+  std::string path_;
 };
 
 }  // namespace nimb

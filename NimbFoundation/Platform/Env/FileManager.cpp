@@ -97,21 +97,21 @@ bool FileManager::isTemporaryFileName(std::string_view name) {
   return name.substr(name.size() - kRandom - kMark.size(), kMark.size()) == kMark;
 }
 
-void FileManager::removeAbandonedTemporaries(const std::string& dir, double olderThanSeconds,
+void FileManager::removeAbandonedTemporaries(Env& env, const std::string& dir,
+                                             double olderThanSeconds,
                                              const std::set<std::string>& keep) {
-  auto env = Env::current();
-  auto names = env->contentsOfDirectory(dir);
+  auto names = env.contentsOfDirectory(dir);
   if (!names) return;
-  const double now = env->now().timeIntervalSince1970();
+  const double now = env.now().timeIntervalSince1970();
   for (const auto& name : *names) {
     if (!isTemporaryFileName(name) || keep.count(name)) continue;
     const std::string path = appendingPathComponent(dir, name);
-    auto info = env->fileInfo(path, FollowLinks::No);
+    auto info = env.fileInfo(path, FollowLinks::No);
     if (!info || info->kind != FileInfo::Kind::kRegular ||
         now - info->modified.timeIntervalSince1970() < olderThanSeconds) {
       continue;
     }
-    (void)env->removeItem(path);
+    (void)env.removeItem(path);
   }
 }
 

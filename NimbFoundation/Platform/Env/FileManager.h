@@ -82,11 +82,12 @@ class FileManager {
   // Whether `name` has the shape of the temporary files writeAtomically()
   // and copyItem() make: "." + a name + ".tmp-" + six letters or digits.
   static bool isTemporaryFileName(std::string_view name);
-  // Removes, in `dir`, the temporary files that writes killed midway left:
-  // regular files named as isTemporaryFileName() says and untouched for
-  // `olderThanSeconds`, except those named in `keep` (a name of that shape
-  // may be in use as something else). Links are never followed.
-  static void removeAbandonedTemporaries(const std::string& dir, double olderThanSeconds,
+  // Removes, in `dir` on `env`, the temporary files that writes killed
+  // midway left: regular files named as isTemporaryFileName() says and
+  // untouched for `olderThanSeconds` by env's clock, except those named in
+  // `keep` (a name of that shape may be in use as something else). Links
+  // are never followed.
+  static void removeAbandonedTemporaries(Env& env, const std::string& dir, double olderThanSeconds,
                                          const std::set<std::string>& keep = {});
 };
 

@@ -9,8 +9,8 @@
 #include <string>
 
 #include <NimbFoundation/Platform/Core/Date.h>
-#include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Core/Text.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
 
 namespace nimb {
 

@@ -12,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include <NimbFoundation/Internal/LastError.h>
 #include <NimbFoundation/Platform/Env/FileLock.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
@@ -215,9 +214,7 @@ Result<void> store(const Record& record, const std::string& path) {
   };
   auto bytes = PropertyList::serialize(Value(std::move(root)), PropertyListFormat::BinaryV1_0);
   if (!bytes) return SystemError{EINVAL, path};
-  errno = 0;
-  if (!FileManager::writeAtomically(path, *bytes)) return detail::lastError(path);
-  return {};
+  return FileManager::writeAtomically(path, *bytes);
 }
 
 // The non-persistent pasteboards this process made, deleted at normal exit.
@@ -330,9 +327,8 @@ Result<void> Pasteboard::removePasteboardWithName(std::string_view name) {
     std::string dir = storeDirectory();
     if (dir.empty() || !FileManager::isDirectory(dir)) return SystemError{ENOENT, dir};
     const std::string lockPath = lockPathOf(dir);
-    errno = 0;
     FileLock lock(lockPath);
-    if (!lock.held()) return detail::lastError(lockPath);
+    if (!lock.held()) return lock.failure();
     const std::string path = FileManager::appendingPathComponent(dir, *fileName);
     return FileManager::removeItem(path);
   } catch (...) {
@@ -390,9 +386,8 @@ std::optional<Data> Pasteboard::dataForPasteboardType(std::string_view type) con
 Result<void> Pasteboard::setData(const Data& data, std::string_view type) {
   try {
     const std::string lockPath = lockPathOf(folderOf(path_));
-    errno = 0;
     FileLock lock(lockPath);
-    if (!lock.held()) return detail::lastError(lockPath);
+    if (!lock.held()) return lock.failure();
     Loaded loaded = load(path_);
     if (loaded.gone()) {
       if (loaded.state != FileState::Missing) (void)FileManager::removeItem(path_);

@@ -13,7 +13,6 @@
 #include <string_view>
 #include <vector>
 
-#include <NimbFoundation/Internal/LastError.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 
 namespace nimb {
@@ -679,9 +678,8 @@ std::optional<Data> PropertyList::serialize(const Value& value, PropertyListForm
 Result<Dictionary> PropertyList::dictionaryWithContentsOfFile(const std::string& path,
                                                               FollowLinks follow) {
   try {
-    errno = 0;
     auto bytes = FileManager::contentsAtPath(path, follow);
-    if (!bytes) return detail::lastError(path);
+    if (!bytes) return bytes.error();
     auto value = parse(*bytes);
     if (!value || !value->asDictionary()) return SystemError{EBADMSG, path};
     return std::move(*value->asDictionary());
@@ -694,16 +692,10 @@ Result<void> PropertyList::writeToFile(const Dictionary& dict, const std::string
   try {
     auto bytes = write(dict, PropertyListFormat::Xml);
     if (!bytes) return SystemError{EINVAL, path};
-    errno = 0;
-    if (!FileManager::writeAtomically(path, *bytes)) return detail::lastError(path);
-    return {};
+    return FileManager::writeAtomically(path, *bytes);
   } catch (...) {
     return SystemError{ENOMEM, path};
   }
-}
-
-bool PropertyList::writeDictionaryToFile(const Dictionary& dict, const std::string& path) {
-  return writeToFile(dict, path).ok();
 }
 
 }  // namespace nimb

@@ -48,8 +48,6 @@ class PropertyList {
   // a property list can hold, else with the errno of the failed write
   // (ENOENT when the folder is missing, EACCES when it is not writable...).
   static Result<void> writeToFile(const Dictionary& dict, const std::string& path);
-  // writeToFile() without the reason.
-  static bool writeDictionaryToFile(const Dictionary& dict, const std::string& path);
 };
 
 }  // namespace nimb

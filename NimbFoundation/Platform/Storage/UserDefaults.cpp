@@ -5,7 +5,6 @@
 #include <utility>
 #include <vector>
 
-#include <NimbFoundation/Internal/LastError.h>
 #include <NimbFoundation/Platform/Env/Bundle.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
@@ -66,8 +65,7 @@ Result<void> writeStore(const Dictionary& dict, const std::string& path) noexcep
     auto slash = path.find_last_of('/');
     if (slash != std::string::npos && slash > 0) {
       const std::string folder = path.substr(0, slash);
-      errno = 0;
-      if (!FileManager::createDirectory(folder, true)) return detail::lastError(folder);
+      if (auto made = FileManager::createDirectory(folder, true); !made) return made;
     }
     return PropertyList::writeToFile(dict, path);
   } catch (...) {
