@@ -14,9 +14,9 @@
 // decoded under a one-megapixel budget. Every load must end exactly once,
 // within the limit, with no body left after a failure.
 #include <NimbFoundation/Images/VQImageLoadConnection.h>
-#include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Internal/ImageCodecs.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -9,8 +9,8 @@
 // library's own budget (Image::kMaxPixels) is tested elsewhere, and filling
 // buffers of a hundred megapixels would leave no time to explore the
 // parsers.
-#include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Internal/ImageCodecs.h>
+#include <NimbFoundation/Platform/Graphics/Image.h>
 
 #include <algorithm>
 #include <cstdint>

@@ -12,15 +12,15 @@
 #include <mutex>
 
 #include <NimbFoundation/Encode/VQStringEncoding.h>
-#include <NimbFoundation/Platform/Env/Application.h>
-#include <NimbFoundation/Platform/Env/Bundle.h>
-#include <NimbFoundation/Platform/Env/FileManager.h>
-#include <NimbFoundation/Platform/Graphics/Graphics.h>
 #include <NimbFoundation/Platform/Core/PercentEscapes.h>
 #include <NimbFoundation/Platform/Core/Scanner.h>
 #include <NimbFoundation/Platform/Core/Text.h>
 #include <NimbFoundation/Platform/Core/TextEncoding.h>
 #include <NimbFoundation/Platform/Core/UUID.h>
+#include <NimbFoundation/Platform/Env/Application.h>
+#include <NimbFoundation/Platform/Env/Bundle.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
+#include <NimbFoundation/Platform/Graphics/Graphics.h>
 #include <NimbFoundation/Platform/Graphics/View.h>
 #include <NimbFoundation/Utils/VQProtocolData.h>
 

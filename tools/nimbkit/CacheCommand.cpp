@@ -20,11 +20,11 @@
 #include <string>
 
 #include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Core/Digest.h>
 #include <NimbFoundation/Platform/Env/FileLock.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 
 #include "Command.h"
 #include "DisplayText.h"

@@ -12,8 +12,8 @@
 #include <string>
 
 #include <NimbFoundation/Images/VQImageLoadConnection.h>
-#include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
 
 #include "Command.h"
 

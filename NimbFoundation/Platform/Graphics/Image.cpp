@@ -5,9 +5,9 @@
 #include <cstring>
 #include <future>
 
-#include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Internal/ImageCodecs.h>
 #include <NimbFoundation/Internal/ImageDecodePool.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
 
 namespace nimb {
 
