@@ -294,9 +294,14 @@ std::string DefaultEnv::processName() {
 }
 
 std::string DefaultEnv::executablePath() {
-  char buffer[PATH_MAX];
-  const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-  return n <= 0 ? std::string() : std::string(buffer, static_cast<std::size_t>(n));
+  // Read once: a process keeps its executable, and the main bundle asks on
+  // every call.
+  static const std::string path = [] {
+    char buffer[PATH_MAX];
+    const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    return n <= 0 ? std::string() : std::string(buffer, static_cast<std::size_t>(n));
+  }();
+  return path;
 }
 
 Result<Data> DefaultEnv::readFile(const std::string& path, FollowLinks follow) {
