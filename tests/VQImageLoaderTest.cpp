@@ -111,7 +111,8 @@ TEST_F(VQImageLoaderTest, TwoObserversOfOneURLShareOneRequestAndTheCache) {
 }
 
 // Cancelled within the start delay, a load sends nothing; cancelled while
-// it runs, it posts nothing more. Either way observers stay registered.
+// it runs, it posts nothing more and its connection takes none of the
+// answer. Either way observers stay registered.
 TEST_F(VQImageLoaderTest, CancelSendsNothingOrSilencesTheDownload) {
   Heard heard;
   auto observer = heard.observer();
