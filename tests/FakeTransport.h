@@ -1,10 +1,13 @@
 // FakeTransport: a Transport that answers from memory, for the tests of the
 // image loader and view. Like the real one, it reports on the run loop of
 // the thread that started the request, never inside start(), and a
-// cancelled task hears nothing more.
+// cancelled task hears nothing more. LoaderFixture: a loader on it.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -12,8 +15,12 @@
 #include <optional>
 #include <string>
 
+#include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Images/VQImageLoader.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Net/Transport.h>
+
+#include "TestSupport.h"
 
 namespace nimb::test {
 
@@ -116,6 +123,32 @@ class FakeTransport final : public Transport {
   std::mutex mutex_;
   std::map<std::string, int> hits_;
   std::map<Task*, std::shared_ptr<Task>> held_;
+};
+
+// A loader on a cache in a temporary directory, a centre of its own and a
+// FakeTransport that answers with reply(). Tear-down drains the main run
+// loop (the cache's pending save runs there) and removes the directory.
+class LoaderFixture : public ::testing::Test {
+ protected:
+  virtual FakeTransport::Reply reply(const std::string& path, int hit) = 0;
+  void TearDown() override {
+    loader.reset();
+    RunLoop::main().runUntilIdle(5);
+    std::error_code ec;
+    std::filesystem::remove_all(root, ec);
+  }
+  static URL url(const std::string& path) { return *URL::withString("http://images.test/" + path); }
+  void settle() {  // the cache writes on its disk queue
+    cache->diskOperationQueue().waitUntilAllOperationsAreFinished();
+  }
+
+  const std::string root = makeTemporaryDirectory("loader");
+  std::shared_ptr<VQCache> cache = VQCache::open({nullptr, root + "/VQCache", 86400});
+  std::shared_ptr<FakeTransport> transport = std::make_shared<FakeTransport>(
+      [this](const std::string& path, int hit) { return reply(path, hit); });
+  std::atomic<int>& requests = transport->requests;
+  NotificationCenter center;
+  std::shared_ptr<VQImageLoader> loader = VQImageLoader::create({cache, &center, transport});
 };
 
 }  // namespace nimb::test

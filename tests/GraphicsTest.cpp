@@ -56,10 +56,9 @@ TEST(Graphics, ContextsStartClearOrBlackAtTheirOrTheScreensScale) {
     for (int i : {0, 5050, 9999})
       EXPECT_EQ(pixel(out, i % 100, i / 100), (Pixel{0, 0, 0, opaque ? 255 : 0}));
   }
-  ImageContext retina({100, 100}, false, 2);
-  EXPECT_EQ(retina.size(), (Size{100, 100}));
-  EXPECT_EQ(retina.image()->bitmap().width, 200);
-  EXPECT_EQ(retina.image()->size(), (Size{100, 100}));
+  auto retina = ImageContext({100, 100}, false, 2).image();
+  EXPECT_EQ(retina->bitmap().width, 200);
+  EXPECT_EQ(retina->size(), (Size{100, 100}));
   EXPECT_EQ(ImageContext({10.4, 3}, false, 1).size(), (Size{10, 3}));  // whole pixels
 
   for (Size bad : {Size{0, 10}, Size{NAN, 10}, Size{-5, 5}, Size{20000, 20000}, Size{40000, 1}}) {

@@ -237,11 +237,20 @@ TEST_F(URLConnectionTest, AReceiverThatFallsBehindPausesTheTransferAndCancelSile
   auto connection = start(url("/endless"), e);
   ASSERT_TRUE(pumpUntil([&] { return !e->body.empty(); }, 10));
   EXPECT_EQ(e->responses.at(0).expectedContentLength, -1);  // chunked: not announced
-  // The receiving thread stops turning its loop: on purpose, not a wait.
-  std::this_thread::sleep_for(1500ms);
+  // The receiving thread stops turning its loop until the server's count
+  // stays put across a few checks: the transfer has paused.
+  auto stalled = [&, last = std::size_t(0), still = 0]() mutable {
+    const std::size_t now = server.endlessBytes;
+    still = now == last ? still + 1 : 0, last = now;
+    return still >= 4;
+  };
+  bool paused = false;
+  for (const auto guard = Clock::now() + 10s; !(paused = stalled()) && Clock::now() < guard;)
+    std::this_thread::sleep_for(50ms);
+  ASSERT_TRUE(paused) << "the transfer never paused";
   std::size_t sentWhileStalled = server.endlessBytes;
-  // Unbounded, the server would have sent tens of MiB by now; paused, the
-  // undelivered allowance plus the sockets' buffers.
+  // Paused, it has sent at most the undelivered allowance plus the sockets'
+  // buffers (unbounded, it would never have stopped).
   EXPECT_LT(sentWhileStalled, URLConnection::kMaxUndeliveredBytes + 8u * 1024 * 1024);
   ASSERT_TRUE(pumpUntil([&] { return server.endlessBytes > sentWhileStalled + 1024 * 1024; }, 10));
   connection->cancel();
