@@ -2,9 +2,7 @@
 // and the hand-over to a stand-in xdg-open.
 #include <NimbFoundation/Platform/Env/Application.h>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,36 +47,21 @@ class ApplicationTest : public ::testing::Test {
   static std::string entry(const std::string& extra) {
     return "[Desktop Entry]\nType=Application\nName=Handler\nExec=handler %u\n" + extra;
   }
-  // An xdg-open that writes its one argument into the FIFO `received`.
+  // An xdg-open that writes its one argument into `received`, whole (renamed
+  // into place once written).
   std::string received = root + "/received";
-  int receiver = -1;
   void installFakeXdgOpen() {
     const std::string script = bin + "/xdg-open";
-    write(script, "#!/bin/sh\nprintf '%s' \"$1\" > '" + received + "'\n");
+    write(script, "#!/bin/sh\nprintf '%s' \"$1\" > '" + received + ".part' && mv '" + received +
+                      ".part' '" + received + "'\n");
     chmod(script.c_str(), 0755);
-    ASSERT_EQ(mkfifo(received.c_str(), 0600), 0);
-    // Opened first without blocking, so the writer finds a reader.
-    receiver = ::open(received.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(receiver, 0);
   }
-  // What the stand-in wrote, up to its end; nullopt when nothing arrives
-  // (the timeout only keeps a broken launch from hanging the test).
+  // What the stand-in wrote; nullopt when nothing arrives (the 30 s limit
+  // only keeps a broken launch from hanging the test).
   std::optional<std::string> awaitReceived() {
-    std::string text;
-    bool opened = false;
-    for (;;) {
-      pollfd wait{receiver, POLLIN, 0};
-      if (::poll(&wait, 1, 30000) <= 0) return std::nullopt;
-      char buffer[4096];
-      const ssize_t n = ::read(receiver, buffer, sizeof buffer);
-      if (n > 0) {
-        text.append(buffer, static_cast<std::size_t>(n));
-        opened = true;
-      } else if (n == 0 && (opened || (wait.revents & POLLHUP))) {
-        ::close(receiver);
-        return text;
-      }
-    }
+    for (int i = 0; i < 3000 && !std::filesystem::exists(received); ++i) ::usleep(10000);
+    if (!std::filesystem::exists(received)) return std::nullopt;
+    return nimb::test::readFile(received);
   }
 };
 

@@ -55,7 +55,9 @@ TEST(DeviceFacts, LocaleComesFromTheEnvironmentUnlessSet) {
   EXPECT_EQ(Locale::preferredLanguages().front(), "pt-BR");
 }
 
-TEST(DeviceFacts, BundleWithoutInfoFileIsNamedAfterTheProcess) {
+// Without an Info file the bundle is named after the process; the vendor
+// identifier is name-based on the machine, for the bundle's vendor.
+TEST(DeviceFacts, BundleDefaultsAndTheVendorIdentifier) {
   nimb::test::FakeMachine machine;
   machine->bundle = nimb::BundleSettings{"/nonexistent/Info.plist", std::nullopt, std::nullopt};
   const std::string process = nimb::FileManager::processName();
@@ -63,20 +65,15 @@ TEST(DeviceFacts, BundleWithoutInfoFileIsNamedAfterTheProcess) {
   EXPECT_EQ(bundle->bundleIdentifier(), process);
   EXPECT_EQ(*bundle->objectForInfoDictionaryKey("CFBundleIdentifier")->asString(), process);
   EXPECT_EQ(bundle->objectForInfoDictionaryKey("CFBundleVersion"), nullptr);
-  machine->bundle->bundleIdentifier = "com.example.acting";
-  EXPECT_EQ(nimb::Bundle::mainBundle()->bundleIdentifier(), "com.example.acting");
+  machine->bundle->bundleIdentifier = "com.example.chat";
+  EXPECT_EQ(nimb::Bundle::mainBundle()->bundleIdentifier(), "com.example.chat");
   EXPECT_EQ(bundle->bundleIdentifier(), process);  // snapshots never change
-}
 
-TEST(DeviceFacts, TheVendorIdentifierFollowsTheMachineAndTheVendor) {
-  nimb::test::FakeMachine machine;
-  nimb::DeviceFacts device;
-  device.machineId = "0123456789abcdef0123456789abcdef";
-  machine->device = device;
-  machine->bundle = nimb::BundleSettings{"/nonexistent/Info.plist", "com.example.chat", {}};
+  machine->device = nimb::DeviceFacts{};
+  machine->device->machineId = "0123456789abcdef0123456789abcdef";
   const auto chat = nimb::Device::identifierForVendor();
   ASSERT_TRUE(chat);
-  EXPECT_EQ(*chat, UUID::nameBased(*UUID::fromString(*device.machineId), "com.example"));
+  EXPECT_EQ(*chat, UUID::nameBased(*UUID::fromString(*machine->device->machineId), "com.example"));
   machine->device->machineId = "fedcba9876543210fedcba9876543210";
   EXPECT_NE(nimb::Device::identifierForVendor(), chat);
   machine->device->machineId = std::nullopt;

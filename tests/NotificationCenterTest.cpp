@@ -43,34 +43,33 @@ TEST(NotificationCenter, DeliversToMatchingNameAndSenderInRegistrationOrder) {
 
 TEST(NotificationCenter, RemovesByObserverNameAndSender) {
   NotificationCenter center;
-  int a = 0, b = 0;
-  center.addObserver(&observerA, "x", &senderOne, [&](const Notification&) { a += 1; });
-  center.addObserver(&observerA, "x", &senderTwo, [&](const Notification&) { a += 10; });
-  center.addObserver(&observerA, "y", nullptr, [&](const Notification&) { a += 100; });
-  center.addObserver(&observerB, "x", nullptr, [&](const Notification&) { b += 1; });
-  center.addObserver(&observerB, "y", nullptr, [&](const Notification&) { b += 1; });
-
+  std::string got;
+  auto add = [&](const void* observer, const char* name, const void* sender, char label) {
+    center.addObserver(observer, name, sender,
+                       [&got, label](const Notification&) { got += label; });
+  };
+  add(&observerA, "x", &senderOne, '1');
+  add(&observerA, "x", &senderTwo, '2');
+  add(&observerA, "y", nullptr, 'y');
+  add(&observerB, "x", nullptr, 'b');
+  add(&observerB, "y", nullptr, 'B');
+  // Who hears x from one, x from two, then y.
+  auto postAll = [&] {
+    got.clear();
+    center.postNotificationName("x", &senderOne);
+    center.postNotificationName("x", &senderTwo);
+    center.postNotificationName("y", nullptr);
+    return got;
+  };
   center.removeObserver(&observerA, "x", &senderOne);
-  EXPECT_EQ(center.observerCount(), 4u);
-  center.postNotificationName("x", &senderOne);
-  center.postNotificationName("x", &senderTwo);
-  EXPECT_EQ(a, 10);
-  EXPECT_EQ(b, 2);
-
-  // Any name from one sender, then any sender for one name.
-  center.removeObserver(&observerA, "", &senderTwo);
-  center.postNotificationName("x", &senderTwo);
-  EXPECT_EQ(a, 10);
-  center.removeObserver(&observerA, "y", nullptr);
-  center.postNotificationName("y", nullptr);
-  EXPECT_EQ(a, 10);
-  EXPECT_EQ(b, 4);
+  EXPECT_EQ(postAll(), "b2byB");
+  center.removeObserver(&observerA, "", &senderTwo);  // any name, from one sender
+  EXPECT_EQ(postAll(), "bbyB");
+  center.removeObserver(&observerA, "y", nullptr);  // one name, from any sender
+  EXPECT_EQ(postAll(), "bbB");
   EXPECT_EQ(center.observerCount(), 2u);
-
   center.removeObserver(&observerB);
-  center.postNotificationName("x", nullptr);
-  center.postNotificationName("y", nullptr);
-  EXPECT_EQ(b, 4);
+  EXPECT_EQ(postAll(), "");
   EXPECT_EQ(center.observerCount(), 0u);
 }
 

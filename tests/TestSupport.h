@@ -77,11 +77,19 @@ struct ToolResult {
   std::string err;
 };
 
-// A program started by startProgram(), running until finish() waits for it.
+// A program started by startProgram(), running until finish() waits for it:
+// its exit code (128 + signal when killed) and output.
 struct RunningProgram {
   pid_t pid = -1;
   std::string dir;  // its standard input, output and error files
-  ToolResult finish();
+  ToolResult finish() {
+    ToolResult result{pid > 0 ? exitStatus(pid) : -1, readFile(dir + "/out"),
+                      readFile(dir + "/err")};
+    pid = -1;
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    return result;
+  }
 };
 
 // Starts `command` (found on PATH unless it holds a "/"), feeding `input` on
@@ -110,18 +118,6 @@ inline RunningProgram startProgram(const std::vector<std::string>& command,
   return program;
 }
 
-// Waits for the program; its exit code (128 + signal when killed) and output.
-inline ToolResult RunningProgram::finish() {
-  ToolResult result;
-  if (pid > 0) result.exitCode = exitStatus(pid);
-  pid = -1;
-  result.out = readFile(dir + "/out");
-  result.err = readFile(dir + "/err");
-  std::error_code ec;
-  std::filesystem::remove_all(dir, ec);
-  return result;
-}
-
 // Runs `command` to its end (see startProgram).
 inline ToolResult runProgram(const std::vector<std::string>& command,
                              const std::string& input = "") {
@@ -144,19 +140,6 @@ inline std::string captureOutput(int fd, const std::function<void()>& body) {
   std::error_code ec;
   std::filesystem::remove_all(dir, ec);
   return text;
-}
-
-// Lower-case hex of a byte string or buffer.
-template <typename Bytes>
-std::string hexOf(const Bytes& bytes) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (auto b : bytes) {
-    const auto byte = static_cast<unsigned char>(b);
-    out.push_back(kHex[byte >> 4]);
-    out.push_back(kHex[byte & 15]);
-  }
-  return out;
 }
 
 // The PNG of a picture, as a body a test server can send.
@@ -217,6 +200,8 @@ class ScopedHome {
 // is the real machine's unless its field is set; set the fields before the
 // Env is installed, or while no other thread asks it.
 class FakeEnv : public EnvWrapper {
+  using Base = EnvWrapper;
+
  public:
   std::optional<DeviceFacts> device;
   std::optional<std::vector<InterfaceAddress>> interfaces;
@@ -247,40 +232,36 @@ class FakeEnv : public EnvWrapper {
 
   Date now() override { return Date::fromTimeIntervalSince1970(wall_.load()); }
   double monotonicSeconds() override {
-    return realMonotonic ? EnvWrapper::monotonicSeconds() : monotonic_.load();
+    return realMonotonic ? Base::monotonicSeconds() : monotonic_.load();
   }
   std::optional<std::string> environmentVariable(std::string_view name) override {
-    if (auto found = variables.find(name); found != variables.end()) return found->second;
-    return EnvWrapper::environmentVariable(name);
+    auto found = variables.find(name);
+    return found != variables.end() ? found->second : Base::environmentVariable(name);
   }
-  std::string homeDirectory() override { return home ? *home : EnvWrapper::homeDirectory(); }
-  DeviceFacts deviceFacts() override { return device ? *device : EnvWrapper::deviceFacts(); }
+  std::string homeDirectory() override { return home ? *home : Base::homeDirectory(); }
+  DeviceFacts deviceFacts() override { return device ? *device : Base::deviceFacts(); }
   std::optional<std::vector<InterfaceAddress>> interfaceAddresses() override {
     if (interfacesUnreadable) return std::nullopt;
-    return interfaces ? interfaces : EnvWrapper::interfaceAddresses();
+    return interfaces ? interfaces : Base::interfaceAddresses();
   }
   unsigned interfaceIndex(std::string_view name) override {
-    if (!indexes) return EnvWrapper::interfaceIndex(name);
+    if (!indexes) return Base::interfaceIndex(name);
     auto found = indexes->find(std::string(name));
     return found == indexes->end() ? 0 : found->second;
   }
   NetworkInterfaces::HardwareAddress hardwareAddress(unsigned index) override {
-    return hardware ? *hardware : EnvWrapper::hardwareAddress(index);
+    return hardware ? *hardware : Base::hardwareAddress(index);
   }
   std::string pasteboardDirectory() override {
-    return pasteboardDir ? *pasteboardDir : EnvWrapper::pasteboardDirectory();
+    return pasteboardDir ? *pasteboardDir : Base::pasteboardDirectory();
   }
-  BundleSettings bundleSettings() override {
-    return bundle ? *bundle : EnvWrapper::bundleSettings();
-  }
-  std::string localeIdentifier() override {
-    return locale ? *locale : EnvWrapper::localeIdentifier();
-  }
+  BundleSettings bundleSettings() override { return bundle ? *bundle : Base::bundleSettings(); }
+  std::string localeIdentifier() override { return locale ? *locale : Base::localeIdentifier(); }
   std::vector<std::string> preferredLanguages() override {
-    return languages ? *languages : EnvWrapper::preferredLanguages();
+    return languages ? *languages : Base::preferredLanguages();
   }
   std::string systemTimeZoneName() override {
-    return timeZone ? *timeZone : EnvWrapper::systemTimeZoneName();
+    return timeZone ? *timeZone : Base::systemTimeZoneName();
   }
 
  private:
