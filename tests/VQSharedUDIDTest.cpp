@@ -92,7 +92,7 @@ TEST(VQSharedUDID, ApplicationsInSeparateProcessesAgreeAndClaimOneSlotEach) {
   expectRun("com.example.one", 0);
 }
 
-TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
+TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesItUnlessOptedOut) {
   const FirstRun fresh;
   Error error;
   const std::string id = VQSharedUDID::valueWithError(&error);
@@ -100,11 +100,24 @@ TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesIt) {
   EXPECT_EQ(error.domain, "org.SharedUDID");
   EXPECT_EQ(error.code, 0);
   EXPECT_EQ(*error.userInfo.at("description").asString(), "SharedUDID succesfully retrieved");
-  EXPECT_EQ(recordSlot(), slotName(0));
   auto slot = Pasteboard::pasteboardWithName(slotName(0), false);
   ASSERT_NE(slot, nullptr);
   EXPECT_TRUE(slot->isPersistent());
   EXPECT_EQ(*VQSharedUDID::_getDictFromPasteboard(*slot).at("SharedUDID").asString(), id);
+
+  // Opting out answers zeros until opting in again, which takes no second slot.
+  VQSharedUDID::setOptOut(true);
+  EXPECT_EQ(VQSharedUDID::valueWithError(&error), std::string(40, '0'));
+  EXPECT_EQ(error.code, 1);
+  const std::regex message(
+      "Application with unique id [0-9A-F-]{36} is opted-out from SharedUDID as of "
+      "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000");
+  EXPECT_TRUE(std::regex_match(*error.userInfo.at("description").asString(), message))
+      << *error.userInfo.at("description").asString();
+  VQSharedUDID::setOptOut(false);
+  EXPECT_EQ(VQSharedUDID::valueWithError(&error), id);
+  EXPECT_EQ(error.code, 0);
+  EXPECT_EQ(recordSlot(), slotName(0));
 
   // Later calls answer from the cache, whatever the slots say now.
   fillSlot(1, std::string(40, 'b'));
@@ -168,22 +181,4 @@ TEST(VQSharedUDID,
   EXPECT_EQ(recordSlot(), slotName(1));
   auto claimed = Pasteboard::pasteboardWithName(slotName(1), false);
   EXPECT_EQ(*VQSharedUDID::_getDictFromPasteboard(*claimed).at("SharedUDID").asString(), b);
-}
-
-TEST(VQSharedUDID, OptingOutAnswersZerosUntilOptingIn) {
-  const FirstRun fresh;
-  const std::string id = VQSharedUDID::value();
-  VQSharedUDID::setOptOut(true);
-  Error error;
-  EXPECT_EQ(VQSharedUDID::valueWithError(&error), std::string(40, '0'));
-  EXPECT_EQ(error.code, 1);
-  const std::regex message(
-      "Application with unique id [0-9A-F-]{36} is opted-out from SharedUDID as of "
-      "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000");
-  EXPECT_TRUE(std::regex_match(*error.userInfo.at("description").asString(), message))
-      << *error.userInfo.at("description").asString();
-  VQSharedUDID::setOptOut(false);
-  EXPECT_EQ(VQSharedUDID::valueWithError(&error), id);
-  EXPECT_EQ(error.code, 0);
-  EXPECT_EQ(recordSlot(), slotName(0));  // no second slot on the way
 }
