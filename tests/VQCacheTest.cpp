@@ -53,7 +53,7 @@ class VQCacheTest : public ::testing::Test {
     std::filesystem::remove_all(root, ec);
   }
   // Pins "now" so expiry can be tested to the instant.
-  std::shared_ptr<nimb::test::FakeEnv> pinClock(double at = 1.8e9) {
+  std::shared_ptr<nimb::test::FakeEnv> pinClock(double at) {
     auto clock = std::make_shared<nimb::test::FakeEnv>();
     clock->setNow(Date::fromTimeIntervalSince1970(at));
     clock->realMonotonic = true;
@@ -139,15 +139,19 @@ TEST_F(VQCacheTest, DefaultLifetimesAndExpiryAtTheExactInstant) {
   EXPECT_EQ(why.path, root + "/file/VQCache");
   EXPECT_NE(why.code, 0);
 
-  auto clock = pinClock();
-  cache->setData(dataOf("x"), "ttl10", 10);
-  settle(*cache);
+  // An instance opened on an Env of its own dates its entries by that Env's
+  // clock, not the process's.
+  auto clock = std::make_shared<nimb::test::FakeEnv>();
+  clock->setNow(Date::fromTimeIntervalSince1970(1.8e9));
+  auto timed = VQCache::open({clock, directory, 86400});
+  timed->setData(dataOf("x"), "ttl10", 10);
+  settle(*timed);
   clock->advance(9.999);
-  EXPECT_TRUE(cache->hasCacheForKey("ttl10"));
-  EXPECT_EQ(cache->dataForKey("ttl10"), dataOf("x"));
+  EXPECT_TRUE(timed->hasCacheForKey("ttl10"));
+  EXPECT_EQ(timed->dataForKey("ttl10"), dataOf("x"));
   clock->advance(0.001);  // exactly the expiry date
-  EXPECT_FALSE(cache->hasCacheForKey("ttl10"));
-  EXPECT_FALSE(cache->dataForKey("ttl10"));
+  EXPECT_FALSE(timed->hasCacheForKey("ttl10"));
+  EXPECT_FALSE(timed->dataForKey("ttl10"));
 
   // A bare instance's short form stores with lifetime 0: expired at once.
   auto bare = open(0);
