@@ -87,13 +87,38 @@ bool isRegularFile(Env& env, const std::string& path) {
   return info && info->kind == FileInfo::Kind::kRegular;
 }
 
-void writeData(Env& env, const Data& data, const std::string& path) {
+// The failed writes of one instance; disk jobs hold it, never the instance.
+class WriteFailures {
+ public:
+  void record(const Result<void>& result) {
+    if (result) return;
+    std::lock_guard lock(mutex_);
+    ++count_;
+    last_ = result.error();
+  }
+  std::uint64_t count() const {
+    std::lock_guard lock(mutex_);
+    return count_;
+  }
+  std::optional<SystemError> last() const {
+    std::lock_guard lock(mutex_);
+    return last_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::uint64_t count_ = 0;
+  std::optional<SystemError> last_;
+};
+
+Result<void> writeData(Env& env, const Data& data, const std::string& path) {
   auto written = env.writeFileAtomically(path, data);
   // The directory may have been removed behind the cache's back.
   if (!written && written.error().code == ENOENT) {
     const std::string dir = path.substr(0, path.find_last_of('/'));
-    if (env.createDirectory(dir, true)) (void)env.writeFileAtomically(path, data);
+    if (env.createDirectory(dir, true)) return env.writeFileAtomically(path, data);
   }
+  return written;
 }
 
 }  // namespace
@@ -148,6 +173,7 @@ struct VQCache::Impl {
   std::mutex saveMutex;
   std::unique_ptr<OperationQueue> diskOperationQueue = std::make_unique<OperationQueue>();
   std::atomic<double> defaultTimeoutInterval{0.0};
+  const std::shared_ptr<WriteFailures> writeFailures = std::make_shared<WriteFailures>();
 };
 
 const std::string& VQCache::cacheDirectory() {
@@ -275,6 +301,14 @@ const std::shared_ptr<Env>& VQCache::env() const {
   return impl_->env;
 }
 
+std::uint64_t VQCache::writeFailureCount() const {
+  return impl_->writeFailures->count();
+}
+
+std::optional<SystemError> VQCache::lastWriteFailure() const {
+  return impl_->writeFailures->last();
+}
+
 double VQCache::defaultTimeoutInterval() const {
   return impl_->defaultTimeoutInterval.load();
 }
@@ -313,9 +347,8 @@ void VQCache::setData(Data data, const std::string& key) {
 void VQCache::setData(Data data, const std::string& key, double timeoutInterval) {
   if (isReserved(key) || !isUsableKey(key)) return;
   std::string path = impl_->pathForKey(key);
-  impl_->perform([env = impl_->system(), data = std::move(data), path = std::move(path)] {
-    writeData(*env, data, path);
-  });
+  impl_->perform([env = impl_->system(), failures = impl_->writeFailures, data = std::move(data),
+                  path = std::move(path)] { failures->record(writeData(*env, data, path)); });
   recordEntry(key, timeoutInterval);
 }
 
@@ -392,7 +425,7 @@ void VQCache::copyFilePath(const std::string& sourcePath, const std::string& key
   // The index name is not refused here: copying onto it fails because the
   // index file is there, and the entry is recorded all the same.
   if (!isUsableKey(key)) return;
-  (void)impl_->system()->copyFile(sourcePath, impl_->pathForKey(key));
+  impl_->writeFailures->record(impl_->system()->copyFile(sourcePath, impl_->pathForKey(key)));
   recordEntry(key, timeoutInterval);
 }
 
@@ -488,7 +521,11 @@ void VQCache::saveCacheDictionary() {
     Dictionary index;
     for (const auto& [key, expiry] : entries) index.emplace_hint(index.end(), key, expiry);
     auto bytes = PropertyList::serialize(Value(std::move(index)), PropertyListFormat::Xml);
-    written = bytes && env->writeFileAtomically(d.indexPath, *bytes);
+    if (bytes) {
+      auto result = env->writeFileAtomically(d.indexPath, *bytes);
+      d.writeFailures->record(result);
+      written = result.ok();
+    }
     if (written) {
       d.lastSavedFd = ::open(d.indexPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
       if (d.lastSavedFd >= 0) d.lastSaved = std::move(entries);

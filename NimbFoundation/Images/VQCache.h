@@ -9,7 +9,8 @@
 //
 // How it behaves, and why:
 //   - An entry expires when its date is not later than now: a date equal to
-//     now is already expired. "Now" comes from Clock, so tests can pin it.
+//     now is already expired. "Now" comes from the cache's Env, so tests
+//     can pin it.
 //   - Writes and deletes of entry files go to diskOperationQueue() and run
 //     in parallel, in any order; a set returns before its bytes are on disk,
 //     and until they are, the key reads as missing.
@@ -130,6 +131,11 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   std::string filePathForKey(std::string_view key) const;
   // The Env given to open(); null for Env::current().
   const std::shared_ptr<Env>& env() const;
+  // Writes of entry files and of the index that failed since the instance
+  // was made, and the reason of the last one (errno and path). The cache
+  // carries on regardless: an entry that could not land reads as missing.
+  std::uint64_t writeFailureCount() const;
+  std::optional<SystemError> lastWriteFailure() const;
   // Whether `key` is UTF-8 and names exactly one file inside the cache
   // directory. The reserved index name passes this test; the data families
   // refuse it apart.

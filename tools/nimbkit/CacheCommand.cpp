@@ -95,49 +95,30 @@ bool indexLockIsHeld() {
   return probe.state() == nimb::FileLock::State::Busy;
 }
 
-// What went wrong when writing `bytes` bytes in the cache directory: tries
-// what the cache tried, a private temporary file of that size there, and
-// names the error it meets; nullopt when that works.
-std::optional<std::string> probeWrite(std::size_t bytes) {
-  const std::string& dir = VQCache::cacheDirectory();
-  // Shaped like the cache's own temporaries, so a later start-up sweeps it
-  // should this process be killed before it removes it.
-  std::string probe = dir + "/.nimbkit-probe.tmp-XXXXXX";
-  int fd = ::mkostemp(probe.data(), O_CLOEXEC);
-  if (fd < 0) return "cannot write in " + dir + ": " + std::strerror(errno);
-  std::optional<std::string> reason;
-  int error = bytes > 0 ? ::posix_fallocate(fd, 0, static_cast<off_t>(bytes)) : 0;
-  if (error != 0) {
-    reason =
-        "cannot write " + std::to_string(bytes) + " bytes in " + dir + ": " + std::strerror(error);
-  }
-  ::close(fd);
-  ::unlink(probe.c_str());
-  return reason;
-}
-
 // Why the entry for `key` (`bytes` bytes) did not land, when its file
-// (`filed`) or its line in the index did not.
-std::string whyNotStored(const std::string& key, std::size_t bytes, bool filed) {
+// (`filed`) or its line in the index did not: the cache's own record of the
+// write that failed, else what stands in the way.
+std::string whyNotStored(const VQCache& cache, const std::string& key, std::size_t bytes,
+                         bool filed) {
   const std::string& dir = VQCache::cacheDirectory();
   if (!nimb::FileManager::isDirectory(dir)) return "cannot create the directory " + dir;
   if (indexLockIsHeld()) {
     return "another process has held the index lock (" + VQCache::indexLockPath() + ") for " +
            std::to_string(static_cast<int>(kSettleSeconds)) + " s";
   }
-  const std::string path = VQCache::pathForKey(key);
-  struct stat st {};
+  const auto failure = cache.lastWriteFailure();
+  const std::string reason = failure ? std::strerror(failure->code) : "";
   if (!filed) {
+    const std::string path = VQCache::pathForKey(key);
+    struct stat st {};
     if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
       return "something that is no regular file is in the way at " + path;
     }
-    return probeWrite(bytes).value_or("its file did not land in " + dir);
+    if (!failure) return "its file did not land in " + dir;
+    return "cannot write " + std::to_string(bytes) + " bytes in " + dir + ": " + reason;
   }
-  // The index is rewritten whole: probe with its size and some room.
   const std::string index = VQCache::pathForKey(VQCache::kIndexFileName);
-  std::size_t indexBytes = ::stat(index.c_str(), &st) == 0 ? st.st_size : 0;
-  auto problem = probeWrite(indexBytes + 4096);
-  return "the index " + index + " could not be updated" + (problem ? ": " + *problem : "");
+  return "the index " + index + " could not be updated" + (failure ? ": " + reason : "");
 }
 
 // Fails with the reason unless the index on disk holds `key` with the
@@ -165,7 +146,7 @@ void confirmStored(VQCache& cache, const std::string& key, const nimb::Digest::M
   }
   if (indexed && filed) return;
   throw std::runtime_error("\"" + escapeForDisplay(key) + "\" was not stored: " +
-                           whyNotStored(key, static_cast<std::size_t>(expectedSize), filed));
+                           whyNotStored(cache, key, static_cast<std::size_t>(expectedSize), filed));
 }
 
 int set(const CacheOptions& o) {
