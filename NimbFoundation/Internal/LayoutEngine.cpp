@@ -415,6 +415,8 @@ void LayoutEngine::applyPending() {
     } else {
       uninstall(c.get());
       breakConstraint(c);
+      // Constraints left out earlier may hold now.
+      structureDirty_ = true;
     }
   }
   auto frames = std::move(pendingFrames_);

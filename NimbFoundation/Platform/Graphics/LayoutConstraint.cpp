@@ -65,8 +65,11 @@ std::shared_ptr<LayoutConstraint> LayoutConstraint::constraintWithItem(
   if (!std::isfinite(multiplier)) return nullptr;
   if (view2) {
     if (!isKnown(attribute2)) return nullptr;
-    if (isHorizontal(attribute1) != isHorizontal(attribute2)) return nullptr;
     if (isSize(attribute1) != isSize(attribute2)) return nullptr;
+    // Sizes may relate across axes (an aspect ratio); positions may not.
+    if (!isSize(attribute1) && isHorizontal(attribute1) != isHorizontal(attribute2)) {
+      return nullptr;
+    }
     if (!isSize(attribute1) && multiplier == 0) return nullptr;
   } else {
     if (attribute2 != LayoutAttribute::NotAnAttribute || !isSize(attribute1)) return nullptr;
