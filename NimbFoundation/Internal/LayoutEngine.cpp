@@ -158,11 +158,12 @@ double LayoutEngine::strengthForPriority(LayoutPriority priority) {
 
 void LayoutEngine::constantChanged(const LayoutConstraint& constraint) {
   if (structureDirty_) return;  // the next sync compares every constant
-  pendingConstants_.push_back(const_cast<LayoutConstraint&>(constraint).weak_from_this());
+  pendingConstants_.try_emplace(&constraint,
+                                const_cast<LayoutConstraint&>(constraint).weak_from_this());
 }
 
 void LayoutEngine::frameChanged(View& view) {
-  if (!structureDirty_) pendingFrames_.push_back(&view);
+  if (!structureDirty_) pendingFrames_.insert(&view);
 }
 
 void LayoutEngine::needsLayout(View& view) {
@@ -399,7 +400,7 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
 void LayoutEngine::applyPending() {
   auto constants = std::move(pendingConstants_);
   pendingConstants_.clear();
-  for (const auto& weak : constants) {
+  for (const auto& [raw, weak] : constants) {
     auto c = weak.lock();
     if (!c) continue;
     auto it = installed_.find(c.get());

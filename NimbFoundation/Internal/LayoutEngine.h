@@ -26,6 +26,7 @@
 #include <memory>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <NimbFoundation/Platform/Core/Geometry.h>
@@ -80,8 +81,9 @@ class LayoutEngine : public std::enable_shared_from_this<LayoutEngine> {
   std::unordered_map<const LayoutConstraint*, std::unique_ptr<Installed>> installed_;
   // Constraints left out because they could not hold; logged once each.
   std::unordered_map<const LayoutConstraint*, std::weak_ptr<LayoutConstraint>> broken_;
-  std::vector<std::weak_ptr<LayoutConstraint>> pendingConstants_;
-  std::vector<View*> pendingFrames_;
+  // Changes since the last pass, each constraint or view once.
+  std::unordered_map<const LayoutConstraint*, std::weak_ptr<LayoutConstraint>> pendingConstants_;
+  std::unordered_set<View*> pendingFrames_;
   std::vector<std::weak_ptr<View>> pendingLayout_;
   bool structureDirty_ = true;
   std::uint64_t epoch_ = 0;

@@ -186,6 +186,8 @@ void View::setContentCompressionResistancePriority(LayoutPriority priority, Layo
 }
 
 void View::setNeedsLayout() {
+  // Already marked: the tree's engine knows (or finds it when it syncs).
+  if (needsLayout_) return;
   needsLayout_ = true;
   View* top = root();
   if (top->engine_) top->engine_->needsLayout(*this);
