@@ -643,7 +643,12 @@ struct LinearSolver::Tableau {
     }
   }
 
-  // The row to pivot a non-basic marker into, so it can be dropped.
+  // The row to pivot a non-basic marker into, so it can be dropped. A row
+  // whose basic symbol is a dummy comes first: it records a required
+  // equality made redundant by this constraint, which then takes over (its
+  // dummy turns parametric, held at zero) instead of being left unenforced;
+  // such rows hold dummies only, so the pivot moves no value. Otherwise the
+  // ratios keep every restricted row non-negative.
   std::uint32_t markerLeavingRow(std::uint32_t marker) {
     double r1 = std::numeric_limits<double>::infinity(), r2 = r1;
     std::uint32_t first = kNone, second = kNone, third = kNone;
@@ -651,6 +656,7 @@ struct LinearSolver::Tableau {
       const Row& row = rows[slot];
       double c = coefficientOf(row, marker);
       if (c == 0) continue;
+      if (symbols[row.basic].kind == Kind::Dummy) return slot;
       if (symbols[row.basic].kind == Kind::External) {
         third = slot;
       } else if (c < 0) {
