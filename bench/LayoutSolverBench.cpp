@@ -175,7 +175,8 @@ bool runPeer(double& buildSeconds, double& setSeconds) {
     std::fprintf(out, "\n");
   }
   std::fclose(out);
-  std::string command = std::string("/usr/bin/python3 ") + LAYOUT_PEER_PATH + " " + path;
+  std::string command =
+      std::string("/usr/bin/python3 '") + NIMB_BENCH_DIR + "/layout_solver_peer.py' " + path;
   FILE* pipe = popen(command.c_str(), "r");
   bool ok = false;
   if (pipe) {
