@@ -159,6 +159,22 @@ TEST(Layout, FramesComeFromTheSolutionAndFollowEdits) {
   fix(card, A::Width, 100);
   root->layoutIfNeeded();
   EXPECT_EQ(card->frame(), Rect(290, 20, 100, 60));
+
+  // Placed against the root, then moved into the card (which drops the
+  // constraints) and placed the same again: the same spot, now relative to
+  // the card, although none of its variables changed.
+  auto mark = make({1, 2, 3, 4});
+  root->addSubview(mark);
+  std::vector<std::shared_ptr<LayoutConstraint>> place = {
+      pin(root, mark, A::Left, root, 300), pin(root, mark, A::Top, root, 30),
+      fix(mark, A::Width, 0), fix(mark, A::Height, 0)};
+  root->layoutIfNeeded();
+  EXPECT_EQ(mark->frame(), Rect(300, 30, 0, 0));
+  card->addSubview(mark);
+  EXPECT_EQ(mark->constraints().size(), 2u);  // its own sizes stay
+  root->addConstraints({place[0], place[1]});
+  root->layoutIfNeeded();
+  EXPECT_EQ(mark->frame(), Rect(10, 10, 0, 0));
 }
 
 TEST(Layout, IntrinsicSizeHeldByHuggingAndCompressionResistance) {

@@ -325,9 +325,14 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
   std::vector<std::shared_ptr<LayoutConstraint>> held;
   std::unordered_set<const LayoutConstraint*> seenConstraints;
   for (auto [view, parent] : order) {
+    bool known = views_.count(view) != 0;
     ViewState& s = stateFor(*view);
     s.seen = epoch_;
-    s.parent = parent ? views_.at(parent).get() : nullptr;
+    ViewState* parentState = parent ? views_.at(parent).get() : nullptr;
+    // New here or moved to another parent: its frame is computed afresh even
+    // if no variable of it changes.
+    if (!known || s.parent != parentState) reframe_.push_back(&s);
+    s.parent = parentState;
     s.named = false;
     if (view->needsLayout()) flagged.push_back(view);
     for (const auto& c : view->constraints()) {
@@ -367,6 +372,7 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
   });
   for (auto it = views_.begin(); it != views_.end();) {
     if (it->second->seen != epoch_) {
+      std::erase(reframe_, it->second.get());
       forget(*it->second);
       it = views_.erase(it);
     } else {
@@ -437,6 +443,10 @@ void LayoutEngine::applySolution(std::vector<View*>& resized) {
     auto it = owners_.find(v.id());
     if (it != owners_.end() && marked.insert(it->second).second) changed.push_back(it->second);
   });
+  for (ViewState* s : reframe_) {
+    if (marked.insert(s).second) changed.push_back(s);
+  }
+  reframe_.clear();
   // A moved view moves its children's frames relative to it as well.
   std::vector<ViewState*> affected = changed;
   for (ViewState* s : changed) {

@@ -85,6 +85,8 @@ class LayoutEngine : public std::enable_shared_from_this<LayoutEngine> {
   std::unordered_map<const LayoutConstraint*, std::weak_ptr<LayoutConstraint>> pendingConstants_;
   std::unordered_set<View*> pendingFrames_;
   std::vector<std::weak_ptr<View>> pendingLayout_;
+  // Views whose frame the next solution sets even if their variables stay.
+  std::vector<ViewState*> reframe_;
   bool structureDirty_ = true;
   std::uint64_t epoch_ = 0;
 };
