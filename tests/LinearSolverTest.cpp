@@ -211,8 +211,8 @@ TEST(LinearSolver, AgreesWithKiwisolverOnRandomSystems) {
       in >> n;
       ++systems;
       solver = std::make_unique<LinearSolver>();
-      xs.assign(n, SolverVariable());
-      for (auto& x : xs) x = SolverVariable();
+      xs.clear();
+      xs.resize(n);  // n distinct variables
       held.clear();
     } else if (op == "add") {
       int id;
