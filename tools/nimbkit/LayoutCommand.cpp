@@ -49,6 +49,8 @@ constexpr double kMaxMagnitude = 1e6;
 
 const char* const kHelpFooter = R"HELP(Description (JSON):
   {"root": VIEW, "constraints": [CONSTRAINT...], "sizeToSubviews": false}
+  sizeToSubviews: after each layout the root becomes 320 wide, at (0, 0),
+  and as tall as its constraints allow at the least.
   VIEW: {"id": "card", "frame": [x, y, w, h], "color": "#RRGGBB" or "#RRGGBBAA",
          "image": "file.png" (relative to the JSON file; makes an image view),
          "translatesAutoresizingMask": true for the root, false otherwise,
@@ -121,8 +123,8 @@ std::string formatNumber(double value) {
   if (!std::isfinite(value)) return value != value ? "nan" : value > 0 ? "inf" : "-inf";
   double rounded = std::round(value * 1000) / 1000;
   if (rounded == 0) rounded = 0;
-  char buf[64];
-  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, rounded);
+  char buf[400];  // the longest double written out in full fits
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, rounded, std::chars_format::fixed);
   return ec == std::errc() ? std::string(buf, end) : std::string("?");
 }
 
@@ -436,7 +438,10 @@ int runLayout(const LayoutOptions& options) {
 
   auto layOut = [&] {
     root->layoutIfNeeded();
-    if (reader.sizeToSubviews()) nimb::NimbKit::ALView_SizeToSubviews(root);
+    if (reader.sizeToSubviews()) {
+      nimb::NimbKit::ALView_SizeToSubviews(root);
+      root->layoutIfNeeded();  // the subviews of the resized root
+    }
   };
   auto show = [&](const char* name) {
     auto image = nimb::ViewRenderer::imageOfView(*root, options.scale);
