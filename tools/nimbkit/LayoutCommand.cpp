@@ -40,6 +40,7 @@ using nlohmann::json;
 namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxFileBytes = 1 << 20;
+constexpr std::uintmax_t kMaxImageBytes = 32 << 20;
 constexpr int kMaxJsonNesting = 64;
 constexpr int kMaxViewDepth = 24;  // each level of views takes two of JSON
 constexpr std::size_t kMaxViews = 2000;
@@ -236,6 +237,11 @@ class DescriptionReader {
     if (j.contains("image")) {
       const std::string name = text(j["image"], where, "image");
       const fs::path path = fs::path(file_).parent_path() / name;
+      std::error_code ec;
+      const auto bytes = fs::file_size(path, ec);
+      if (!ec && bytes > kMaxImageBytes) {
+        fail(file_, where, "\"image\" " + escapeForDisplay(name) + " is larger than 32 MiB");
+      }
       auto image = nimb::Image::withContentsOfFile(path.string());
       if (!image) {
         fail(file_, where, "\"image\" " + escapeForDisplay(name) + " is missing or not a picture");
