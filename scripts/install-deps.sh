@@ -18,6 +18,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
   # the AES tests compare with the openssl command
   openssl
+  # the linear solver's tests and benchmark compare with kiwisolver
+  python3 python3-kiwisolver
 )
 
 missing=()

@@ -144,7 +144,8 @@ class LinearSolver {
   // differs from what it held before this call.
   void updateVariables(const std::function<void(const SolverVariable&)>& changed = {});
 
-  // Drops every constraint and edit variable.
+  // Drops every constraint and edit variable. (Should memory run out in the
+  // middle of a call, the solver does the same and the call answers BadValue.)
   void reset();
   std::size_t constraintCount() const;
 

@@ -1,0 +1,252 @@
+// LinearSolver: hand-checked systems, then random systems compared with
+// kiwisolver step by step (tests/kiwi_oracle.py).
+#include <NimbFoundation/Platform/Graphics/LinearSolver.h>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using nimb::LinearSolver;
+using nimb::SolverConstraint;
+using nimb::SolverExpression;
+using nimb::SolverRelation;
+using nimb::SolverStatus;
+using nimb::SolverVariable;
+namespace Strength = nimb::SolverStrength;
+
+namespace {
+
+// a*x + b*y + c RELATION 0
+SolverConstraint make(double a, const SolverVariable& x, double b, const SolverVariable& y,
+                      double c, SolverRelation relation, double strength = Strength::required) {
+  return SolverConstraint(SolverExpression{{{x, a}, {y, b}}, c}, relation, strength);
+}
+SolverConstraint make(double a, const SolverVariable& x, double c, SolverRelation relation,
+                      double strength = Strength::required) {
+  return SolverConstraint(SolverExpression{{{x, a}}, c}, relation, strength);
+}
+constexpr auto EQ = SolverRelation::Equal;
+constexpr auto LE = SolverRelation::LessOrEqual;
+constexpr auto GE = SolverRelation::GreaterOrEqual;
+
+TEST(LinearSolver, RequiredConstraintsAndWeightedPreferences) {
+  LinearSolver solver;
+  SolverVariable x("x"), y("y");
+  // x + y = 100, x >= 30, y <= 90; x prefers 10 (weak), y prefers 20 (strong).
+  ASSERT_EQ(solver.addConstraint(make(1, x, 1, y, -100, EQ)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, x, -30, GE)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, y, -90, LE)), SolverStatus::Ok);
+  auto weakX = make(1, x, -10, EQ, Strength::weak);
+  ASSERT_EQ(solver.addConstraint(weakX), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, y, -20, EQ, Strength::strong)), SolverStatus::Ok);
+  std::vector<std::string> changed;
+  solver.updateVariables([&](const SolverVariable& v) { changed.push_back(v.name()); });
+  EXPECT_DOUBLE_EQ(x.value(), 80);  // the strong wish wins
+  EXPECT_DOUBLE_EQ(y.value(), 20);
+  EXPECT_EQ(changed.size(), 2u);
+  // A stronger wish on x flips the outcome, as far as x >= 30 lets it.
+  auto strongX = make(1, x, -10, EQ, 2 * Strength::strong);
+  ASSERT_EQ(solver.addConstraint(strongX), SolverStatus::Ok);
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(x.value(), 30);
+  EXPECT_DOUBLE_EQ(y.value(), 70);
+  // Removing it restores the earlier solution; nothing else changed, so a
+  // second update reports no variable.
+  ASSERT_EQ(solver.removeConstraint(strongX), SolverStatus::Ok);
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(x.value(), 80);
+  changed.clear();
+  solver.updateVariables([&](const SolverVariable& v) { changed.push_back(v.name()); });
+  EXPECT_TRUE(changed.empty());
+  EXPECT_EQ(solver.constraintCount(), 5u);
+}
+
+TEST(LinearSolver, EditVariablesFollowSuggestions) {
+  LinearSolver solver;
+  SolverVariable left("left"), width("width"), right("right");
+  ASSERT_EQ(solver.addConstraint(
+                SolverConstraint(SolverExpression{{{left, 1}, {width, 1}, {right, -1}}, 0}, EQ)),
+            SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, width, -10, GE)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, width, -50, EQ, Strength::weak)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addEditVariable(left, Strength::strong), SolverStatus::Ok);
+  ASSERT_EQ(solver.addEditVariable(right, Strength::medium), SolverStatus::Ok);
+  EXPECT_EQ(solver.addEditVariable(left, Strength::weak), SolverStatus::DuplicateEditVariable);
+  EXPECT_EQ(solver.addEditVariable(width, Strength::required), SolverStatus::BadRequiredStrength);
+  for (double l : {0.0, 100.0, -40.0}) {
+    ASSERT_EQ(solver.suggestValue(left, l), SolverStatus::Ok);
+    ASSERT_EQ(solver.suggestValue(right, l + 30), SolverStatus::Ok);
+    solver.updateVariables();
+    EXPECT_DOUBLE_EQ(left.value(), l);
+    EXPECT_DOUBLE_EQ(width.value(), 30);  // the medium edit beats the weak width
+    EXPECT_DOUBLE_EQ(right.value(), l + 30);
+  }
+  ASSERT_EQ(solver.suggestValue(right, -40 + 5), SolverStatus::Ok);  // width >= 10 holds
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(right.value(), -30);
+  ASSERT_EQ(solver.removeEditVariable(right), SolverStatus::Ok);
+  EXPECT_EQ(solver.suggestValue(right, 1), SolverStatus::UnknownEditVariable);
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(width.value(), 50);
+  EXPECT_EQ(solver.suggestValue(left, std::nan("")), SolverStatus::BadValue);
+}
+
+TEST(LinearSolver, SetConstantMatchesRemoveAndAddAndRejectsContradictions) {
+  // Boxes a, b, c in a row with gaps; b's gap is changed both ways.
+  auto build = [](LinearSolver& solver, std::vector<SolverVariable>& v, double gap) {
+    v = {SolverVariable("a"), SolverVariable("b"), SolverVariable("c")};
+    solver.addConstraint(make(1, v[0], 0, EQ));
+    solver.addConstraint(make(1, v[2], -100, LE));
+    solver.addConstraint(make(1, v[1], -1, v[2], 20, LE, Strength::strong));
+    solver.addConstraint(make(1, v[2], -95, EQ, Strength::medium));
+    auto gapB = make(1, v[1], -1, v[0], -gap, GE);
+    solver.addConstraint(gapB);
+    solver.addConstraint(make(1, v[1], -30, EQ, Strength::weak));
+    return gapB;
+  };
+  LinearSolver edited, rebuilt;
+  std::vector<SolverVariable> ve, vr;
+  auto gap = build(edited, ve, 10);
+  for (double g : {50.0, 5.0, 75.0}) {
+    ASSERT_EQ(edited.setConstant(gap, -g), SolverStatus::Ok);
+    EXPECT_EQ(gap.expression().constant, -g);
+    rebuilt.reset();
+    build(rebuilt, vr, g);
+    edited.updateVariables();
+    rebuilt.updateVariables();
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(ve[i].value(), vr[i].value(), 1e-9) << g << " " << i;
+  }
+  EXPECT_DOUBLE_EQ(ve[1].value(), 75);
+  // With b <= c <= 100 required, b >= 150 cannot hold: rejected, nothing moves.
+  ASSERT_EQ(edited.addConstraint(make(1, ve[1], -1, ve[2], 0, LE)), SolverStatus::Ok);
+  edited.updateVariables();
+  std::vector<double> before{ve[0].value(), ve[1].value(), ve[2].value()};
+  EXPECT_EQ(edited.setConstant(gap, -150), SolverStatus::UnsatisfiableConstraint);
+  EXPECT_EQ(gap.expression().constant, -75);
+  auto tooFar = make(1, ve[1], -150, GE);
+  EXPECT_EQ(edited.addConstraint(tooFar), SolverStatus::UnsatisfiableConstraint);
+  EXPECT_EQ(edited.addConstraint(make(1, ve[0], -1, EQ)), SolverStatus::UnsatisfiableConstraint);
+  EXPECT_FALSE(edited.hasConstraint(tooFar));
+  bool anyChanged = false;
+  edited.updateVariables([&](const SolverVariable&) { anyChanged = true; });
+  EXPECT_FALSE(anyChanged);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(ve[i].value(), before[i]);
+  // The solver still works after the rejections.
+  ASSERT_EQ(edited.setConstant(gap, -80), SolverStatus::Ok);
+  edited.updateVariables();
+  EXPECT_DOUBLE_EQ(ve[1].value(), 80);
+  // Statuses for duplicates, strangers and bad numbers.
+  EXPECT_EQ(edited.addConstraint(gap), SolverStatus::DuplicateConstraint);
+  EXPECT_EQ(edited.removeConstraint(tooFar), SolverStatus::UnknownConstraint);
+  EXPECT_EQ(edited.setConstant(tooFar, 1), SolverStatus::UnknownConstraint);
+  EXPECT_EQ(edited.setConstant(gap, std::numeric_limits<double>::infinity()),
+            SolverStatus::BadValue);
+  EXPECT_EQ(edited.addConstraint(make(std::nan(""), ve[0], 1, EQ)), SolverStatus::BadValue);
+  EXPECT_EQ(edited.addConstraint(make(1, ve[0], 1e308, ve[1], 1e308, EQ)),
+            SolverStatus::BadValue);  // overflows to infinity on substitution
+  EXPECT_EQ(edited.constraintCount(), 7u);
+}
+
+// Replays tests/kiwi_oracle.py's systems and compares every checked step.
+TEST(LinearSolver, AgreesWithKiwisolverOnRandomSystems) {
+  if (access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "/usr/bin/python3 is missing";
+  std::string command = std::string("/usr/bin/python3 ") + KIWI_ORACLE_PATH + " 1 16 2>&1";
+  FILE* pipe = popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::string text;
+  char buffer[65536];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
+  int status = pclose(pipe);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 3) {
+    GTEST_SKIP() << "python3-kiwisolver is not installed (scripts/install-deps.sh installs it)";
+  }
+  ASSERT_EQ(status, 0) << text.substr(0, 2000);
+
+  std::istringstream lines(text);
+  std::string line;
+  int systems = 0, checks = 0;
+  auto solver = std::make_unique<LinearSolver>();
+  std::vector<SolverVariable> xs;
+  std::map<int, SolverConstraint> held;
+  auto relation = [](const std::string& r) { return r == "le" ? LE : r == "ge" ? GE : EQ; };
+  auto readExpression = [&](std::istream& in) {
+    SolverExpression e;
+    size_t k;
+    in >> e.constant >> k;
+    for (size_t i = 0; i < k; ++i) {
+      int v;
+      double c;
+      in >> v >> c;
+      e.terms.push_back({xs.at(v), c});
+    }
+    return e;
+  };
+  while (std::getline(lines, line)) {
+    std::istringstream in(line);
+    std::string op;
+    in >> op;
+    if (op.empty() || op[0] == '#') continue;
+    SCOPED_TRACE("system " + std::to_string(systems) + ": " + line.substr(0, 60));
+    if (op == "vars") {
+      size_t n;
+      in >> n;
+      ++systems;
+      solver = std::make_unique<LinearSolver>();
+      xs.assign(n, SolverVariable());
+      for (auto& x : xs) x = SolverVariable();
+      held.clear();
+    } else if (op == "add") {
+      int id;
+      std::string rel;
+      double strength;
+      in >> id >> rel >> strength;
+      SolverConstraint c(readExpression(in), relation(rel), strength);
+      ASSERT_EQ(solver->addConstraint(c), SolverStatus::Ok);
+      held.emplace(id, c);
+    } else if (op == "unsat") {
+      std::string rel;
+      in >> rel;
+      SolverConstraint c(readExpression(in), relation(rel));
+      ASSERT_EQ(solver->addConstraint(c), SolverStatus::UnsatisfiableConstraint);
+    } else if (op == "remove" || op == "const") {
+      int id;
+      in >> id;
+      if (op == "remove") {
+        ASSERT_EQ(solver->removeConstraint(held.at(id)), SolverStatus::Ok);
+        held.erase(id);
+      } else {
+        double constant;
+        in >> constant;
+        ASSERT_EQ(solver->setConstant(held.at(id), constant), SolverStatus::Ok);
+      }
+    } else if (op == "edit" || op == "suggest") {
+      int v;
+      double number;
+      in >> v >> number;
+      ASSERT_EQ(op == "edit" ? solver->addEditVariable(xs.at(v), number)
+                             : solver->suggestValue(xs.at(v), number),
+                SolverStatus::Ok);
+    } else if (op == "expect") {
+      ++checks;
+      solver->updateVariables();
+      for (size_t i = 0; i < xs.size(); ++i) {
+        double expected;
+        in >> expected;
+        ASSERT_NEAR(xs[i].value(), expected, 1e-6) << "check " << checks << ", variable " << i;
+      }
+    } else {
+      FAIL() << "unknown oracle line";
+    }
+  }
+  EXPECT_EQ(systems, 16);
+  EXPECT_EQ(checks, 16 * 5);
+}
+
+}  // namespace
