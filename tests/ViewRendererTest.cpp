@@ -52,7 +52,7 @@ TEST(ViewRenderer, DrawsBackToFrontAtNestedOffsetsSkippingHiddenAndBlendingAlpha
   ASSERT_TRUE(image);
   const Bitmap& bm = image->bitmap();
   ASSERT_EQ(std::tuple(bm.width, bm.height), std::tuple(40, 40));
-  EXPECT_EQ(pixel(bm, 25, 25), kRed);
+  EXPECT_EQ(pixel(bm, 5, 25), kRed);
   EXPECT_EQ(pixel(bm, 12, 12), kBlue);
   EXPECT_EQ(pixel(bm, 17, 17), kGreen);
   EXPECT_EQ(pixel(bm, 2, 32), kRed);   // hidden, and its subview too

@@ -468,8 +468,10 @@ int runLayout(const LayoutOptions& options) {
     nimb::NimbKit::ALView_hideByHeight(hidden, true);
     layOut();
     show("layout-hidden.png");
-    nimb::NimbKit::ALView_hideByHeight(hidden, false);
-    layOut();
+    if (detached) {
+      nimb::NimbKit::ALView_hideByHeight(hidden, false);
+      layOut();
+    }
   }
   if (detached) {
     nimb::NimbConstraintCacheManager cache;
