@@ -23,12 +23,15 @@
 
 #include <NimbFoundation/Export.h>
 
+// The layout engine is the library's own: declared outside the exported
+// namespace so that it stays hidden in the shared library.
+namespace nimb::detail {
+class LayoutEngine;
+}
+
 namespace NIMB_EXPORT nimb {
 
 class View;
-namespace detail {
-class LayoutEngine;
-}
 
 // The platform's attribute numbers. Leading and trailing are left and right
 // (text runs left to right); the baseline of a view without text is its

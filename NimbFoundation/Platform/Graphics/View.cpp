@@ -231,6 +231,7 @@ void View::appendDescription(std::string& out) const {
   if (hidden_) out += "; hidden = YES";
   if (alpha_ != 1) out += "; alpha = " + formatNumber(alpha_);
   if (!opaque_) out += "; opaque = NO";
+  if (clipsToBounds_) out += "; clipsToBounds = YES";
 }
 
 ImageView::ImageView(std::shared_ptr<const Image> image)

@@ -62,6 +62,10 @@ class View : public std::enable_shared_from_this<View> {
   // Stored as given, even out of [0, 1] or NaN (the layout helpers keep a
   // constraint constant here while a view is collapsed); drawing clamps it.
   void setAlpha(double alpha) { alpha_ = alpha; }
+  // Whether drawing (ViewRenderer) keeps the view's content and subviews
+  // inside its bounds; default false, so subviews may draw outside.
+  bool clipsToBounds() const { return clipsToBounds_; }
+  void setClipsToBounds(bool clips) { clipsToBounds_ = clips; }
   // Filled behind the subviews when drawn; none (clear) by default.
   std::optional<Color> backgroundColor() const { return backgroundColor_; }
   void setBackgroundColor(std::optional<Color> color) { backgroundColor_ = color; }
@@ -170,6 +174,7 @@ class View : public std::enable_shared_from_this<View> {
   bool hidden_ = false;
   bool opaque_ = true;
   double alpha_ = 1;
+  bool clipsToBounds_ = false;
   std::optional<Color> backgroundColor_;
   std::string identifier_;
   std::weak_ptr<View> superview_;
