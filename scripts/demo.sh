@@ -113,7 +113,7 @@ echo "== Views laid out by constraints, drawn to PNG (View, LayoutConstraint, Vi
 step "$nimbkit" layout examples/layout/profile-card.json --out build/demo-output/layout \
   --hide bio --detach avatar
 step "$nimbkit" layout examples/layout/feed-cell.json --out build/demo-output/layout/feed-cell \
-  --hide badge
+  --hide badge --detach thumbnail
 
 echo
 echo "The demo's contact sheet: $(pwd)/build/demo-output/contact-sheet.png"
