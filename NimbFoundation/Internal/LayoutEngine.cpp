@@ -32,6 +32,8 @@ SolverRelation solverRelation(LayoutRelation relation) {
 struct LayoutEngine::ViewState {
   View* view = nullptr;
   ViewState* parent = nullptr;
+  std::vector<ViewState*> children;  // as of the last sync
+  std::uint64_t applied = 0;         // the last solution that set its frame
   SolverVariable left{"left"}, top{"top"}, width{"width"}, height{"height"};
   std::uint64_t seen = 0;
   bool named = false;
@@ -333,6 +335,8 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
     // if no variable of it changes.
     if (!known || s.parent != parentState) reframe_.push_back(&s);
     s.parent = parentState;
+    s.children.clear();
+    if (parentState) parentState->children.push_back(&s);
     s.named = false;
     if (view->needsLayout()) flagged.push_back(view);
     for (const auto& c : view->constraints()) {
@@ -437,25 +441,25 @@ void LayoutEngine::applyPending() {
 }
 
 void LayoutEngine::applySolution(std::vector<View*>& resized) {
-  std::vector<ViewState*> changed;
-  std::unordered_set<ViewState*> marked;
+  // Each view once per solution: a stamp instead of a set, as this runs
+  // after every edit.
+  const std::uint64_t stamp = ++applyStamp_;
+  auto& affected = affectedScratch_;
+  affected.clear();
+  auto mark = [&](ViewState* s) {
+    if (s->applied == stamp) return;
+    s->applied = stamp;
+    affected.push_back(s);
+  };
   solver_.updateVariables([&](const SolverVariable& v) {
     auto it = owners_.find(v.id());
-    if (it != owners_.end() && marked.insert(it->second).second) changed.push_back(it->second);
+    if (it != owners_.end()) mark(it->second);
   });
-  for (ViewState* s : reframe_) {
-    if (marked.insert(s).second) changed.push_back(s);
-  }
+  for (ViewState* s : reframe_) mark(s);
   reframe_.clear();
   // A moved view moves its children's frames relative to it as well.
-  std::vector<ViewState*> affected = changed;
-  for (ViewState* s : changed) {
-    for (const auto& sub : s->view->subviews()) {
-      auto it = views_.find(sub.get());
-      if (it != views_.end() && marked.insert(it->second.get()).second) {
-        affected.push_back(it->second.get());
-      }
-    }
+  for (std::size_t i = 0, moved = affected.size(); i < moved; ++i) {
+    for (ViewState* child : affected[i]->children) mark(child);
   }
   for (ViewState* s : affected) {
     if (s->fixed) continue;  // keeps exactly the frame it was given

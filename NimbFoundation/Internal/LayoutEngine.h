@@ -87,6 +87,8 @@ class LayoutEngine : public std::enable_shared_from_this<LayoutEngine> {
   std::vector<std::weak_ptr<View>> pendingLayout_;
   // Views whose frame the next solution sets even if their variables stay.
   std::vector<ViewState*> reframe_;
+  std::uint64_t applyStamp_ = 0;
+  std::vector<ViewState*> affectedScratch_;
   bool structureDirty_ = true;
   std::uint64_t epoch_ = 0;
 };
