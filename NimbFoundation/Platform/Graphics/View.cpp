@@ -160,9 +160,18 @@ void View::invalidateIntrinsicContentSize() {
 }
 
 namespace {
+
 int axisIndex(LayoutAxis axis) {
   return axis == LayoutAxis::Vertical ? 1 : 0;
 }
+
+// Stores a priority for one axis, clamped to [1, 1000]; false for NaN.
+bool storeAxisPriority(LayoutPriority (&slots)[2], LayoutPriority priority, LayoutAxis axis) {
+  if (std::isnan(priority)) return false;
+  slots[axisIndex(axis)] = std::clamp(priority, LayoutPriority(1), LayoutPriorityRequired);
+  return true;
+}
+
 }  // namespace
 
 LayoutPriority View::contentHuggingPriorityForAxis(LayoutAxis axis) const {
@@ -170,9 +179,7 @@ LayoutPriority View::contentHuggingPriorityForAxis(LayoutAxis axis) const {
 }
 
 void View::setContentHuggingPriority(LayoutPriority priority, LayoutAxis axis) {
-  if (std::isnan(priority)) return;
-  hugging_[axisIndex(axis)] = std::clamp(priority, LayoutPriority(1), LayoutPriorityRequired);
-  layoutStructureChanged();
+  if (storeAxisPriority(hugging_, priority, axis)) layoutStructureChanged();
 }
 
 LayoutPriority View::contentCompressionResistancePriorityForAxis(LayoutAxis axis) const {
@@ -180,9 +187,7 @@ LayoutPriority View::contentCompressionResistancePriorityForAxis(LayoutAxis axis
 }
 
 void View::setContentCompressionResistancePriority(LayoutPriority priority, LayoutAxis axis) {
-  if (std::isnan(priority)) return;
-  compression_[axisIndex(axis)] = std::clamp(priority, LayoutPriority(1), LayoutPriorityRequired);
-  layoutStructureChanged();
+  if (storeAxisPriority(compression_, priority, axis)) layoutStructureChanged();
 }
 
 void View::setNeedsLayout() {
