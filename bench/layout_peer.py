@@ -25,8 +25,8 @@ def terms(view, attribute):
     }[attribute]
 
 
-def constraint(views, spec, constant=None):
-    first, a1, rel, second, a2, mult, const, priority = spec
+def constraint(views, row, constant=None):
+    first, a1, rel, second, a2, mult, const, priority = row
     if constant is not None:
         const = constant
     lhs = terms(views[first], a1)
@@ -38,15 +38,15 @@ def constraint(views, spec, constant=None):
 def main():
     with open(sys.argv[1]) as feed:
         count = int(feed.readline())
-        specs, edited = [], None
+        rows, edited = [], None
         for line in feed:
             marked = line.startswith("*")
             f = line.lstrip("*").split()
-            spec = (int(f[0]), int(f[1]), int(f[2]), int(f[3]), int(f[4]),
+            row = (int(f[0]), int(f[1]), int(f[2]), int(f[3]), int(f[4]),
                     float(f[5]), float(f[6]), float(f[7]))
             if marked:
-                edited = len(specs)
-            specs.append(spec)
+                edited = len(rows)
+            rows.append(row)
     views = [tuple(kiwi.Variable("v%d%s" % (i, k)) for k in "ltwh") for i in range(count)]
     root = views[0]
     # The root keeps its frame, as a view that is not laid out by constraints.
@@ -54,7 +54,7 @@ def main():
 
     scratch = []
     for _ in range(5):
-        built = fixed + [constraint(views, s) for s in specs]
+        built = fixed + [constraint(views, s) for s in rows]
         start = time.perf_counter()
         solver = kiwi.Solver()
         for c in built:
@@ -63,11 +63,11 @@ def main():
         scratch.append(time.perf_counter() - start)
 
     current = built[len(fixed) + edited]
-    value = specs[edited][6]
+    value = rows[edited][6]
     edits = []
     for i in range(400):
         value = 90.0 if value == 60.0 else 60.0
-        replacement = constraint(views, specs[edited], value)
+        replacement = constraint(views, rows[edited], value)
         start = time.perf_counter()
         solver.removeConstraint(current)
         solver.addConstraint(replacement)

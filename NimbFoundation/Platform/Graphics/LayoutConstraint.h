@@ -76,7 +76,8 @@ class LayoutConstraint : public std::enable_shared_from_this<LayoutConstraint> {
   // without a second attribute, or a second attribute without a second
   // item; a position (left, top, center, ...) related to a constant alone;
   // a horizontal position related to a vertical one, or a size to a
-  // position (a width may relate to a height: an aspect ratio); a multiplier that is NaN, infinite or (between positions) 0.
+  // position (a width may relate to a height: an aspect ratio); a
+  // multiplier that is NaN, infinite or (between positions) 0.
   // The constant is kept as given; a NaN or infinite one makes the layout
   // pass leave the constraint out (see View::layoutIfNeeded).
   static std::shared_ptr<LayoutConstraint> constraintWithItem(const std::shared_ptr<View>& view1,
