@@ -175,6 +175,18 @@ TEST(Layout, FramesComeFromTheSolutionAndFollowEdits) {
   root->addConstraints({place[0], place[1]});
   root->layoutIfNeeded();
   EXPECT_EQ(mark->frame(), Rect(10, 10, 0, 0));
+
+  // Laid out in another tree and brought back: a constant it carries still
+  // reaches this tree's layout.
+  auto elsewhere = make({0, 0, 50, 50}, false);
+  elsewhere->addSubview(mark);
+  elsewhere->layoutIfNeeded();
+  card->addSubview(mark);
+  root->addConstraints({place[0], place[1]});
+  root->layoutIfNeeded();
+  place[2]->setConstant(5);
+  root->layoutIfNeeded();
+  EXPECT_EQ(mark->frame(), Rect(10, 10, 5, 0));
 }
 
 TEST(Layout, IntrinsicSizeHeldByHuggingAndCompressionResistance) {
@@ -227,6 +239,22 @@ TEST(Layout, ContradictionsLeaveOutTheLastMadeAndAreLoggedOnce) {
   root->layoutIfNeeded();
   testing::internal::GetCapturedStderr();
   EXPECT_EQ(view->frame(), Rect(0, 0, 10, 80));  // the other one holds now
+
+  // Left out from its first pass, it is tried again once its constant lets
+  // it hold.
+  auto other = make();
+  root->addSubview(other);
+  pin(root, other, A::Left, root);
+  pin(root, other, A::Top, root);
+  fix(other, A::Height, 5);
+  fix(other, A::Width, 50, R::LessThanOrEqual);
+  auto wide = fix(other, A::Width, 70);
+  testing::internal::CaptureStderr();
+  root->layoutIfNeeded();
+  wide->setConstant(20);
+  root->layoutIfNeeded();
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(other->frame(), Rect(0, 0, 20, 5));
 }
 
 TEST(Layout, FittingSizesFromTheSubtree) {

@@ -202,6 +202,8 @@ bool LayoutEngine::isBroken(const LayoutConstraint* constraint) const {
 }
 
 void LayoutEngine::breakConstraint(const std::shared_ptr<LayoutConstraint>& constraint) {
+  // A new constant may let it hold: this engine must hear of it.
+  constraint->engine_ = weak_from_this();
   if (isBroken(constraint.get())) return;
   broken_[constraint.get()] = constraint;
   SystemLog::log(
@@ -389,7 +391,12 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
     auto it = installed_.find(c.get());
     if (it == installed_.end()) {
       install(c);
-    } else if (it->second->constant != c->constant()) {
+      continue;
+    }
+    // Another tree's engine may have installed it meanwhile (its views went
+    // there and came back): changes of its constant must reach this one.
+    c->engine_ = weak_from_this();
+    if (it->second->constant != c->constant()) {
       if (solver_.setConstant(it->second->solved, -c->constant()) == SolverStatus::Ok) {
         it->second->constant = c->constant();
       } else {
