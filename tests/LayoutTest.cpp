@@ -176,14 +176,15 @@ TEST(Layout, FramesComeFromTheSolutionAndFollowEdits) {
   root->layoutIfNeeded();
   EXPECT_EQ(mark->frame(), Rect(10, 10, 0, 0));
 
-  // Laid out in another tree and brought back: a constant it carries still
-  // reaches this tree's layout.
+  // Laid out in another tree and brought back: it gets its place here again,
+  // and a constant it carries still reaches this tree's layout.
   auto elsewhere = make({0, 0, 50, 50}, false);
   elsewhere->addSubview(mark);
   elsewhere->layoutIfNeeded();
   card->addSubview(mark);
   root->addConstraints({place[0], place[1]});
   root->layoutIfNeeded();
+  EXPECT_EQ(mark->frame(), Rect(10, 10, 0, 0));  // not the frame it had there
   place[2]->setConstant(5);
   root->layoutIfNeeded();
   EXPECT_EQ(mark->frame(), Rect(10, 10, 5, 0));

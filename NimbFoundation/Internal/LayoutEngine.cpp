@@ -327,13 +327,13 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
   std::vector<std::shared_ptr<LayoutConstraint>> held;
   std::unordered_set<const LayoutConstraint*> seenConstraints;
   for (auto [view, parent] : order) {
-    bool known = views_.count(view) != 0;
     ViewState& s = stateFor(*view);
     s.seen = epoch_;
     ViewState* parentState = parent ? views_.at(parent).get() : nullptr;
-    // New here or moved to another parent: its frame is computed afresh even
-    // if no variable of it changes.
-    if (!known || s.parent != parentState) reframe_.push_back(&s);
+    // Its frame is computed afresh even if no variable of it changes: it may
+    // be new here, moved, or back from a tree whose layout set its frame
+    // since (a view is known by its address, which a new view may reuse).
+    reframe_.push_back(&s);
     s.parent = parentState;
     s.named = false;
     if (view->needsLayout()) flagged.push_back(view);
