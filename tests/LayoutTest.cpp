@@ -101,6 +101,13 @@ TEST(LayoutConstraint, ActivationAndLeavingTheTreeDropConstraintsThatCrossIt) {
   auto outward = pin(child, child, A::Width, sibling);
   auto rootHeld = pin(root, view, A::Top, root);
 
+  // A new place in the same superview's order is no departure.
+  box->addSubview(view);
+  box->insertSubview(view, 0);
+  EXPECT_EQ(box->subviews().front(), view);
+  EXPECT_EQ(box->constraints().size(), 2u);
+  EXPECT_TRUE(across->isActive() && outward->isActive() && rootHeld->isActive());
+
   view->removeFromSuperview();
   // Ancestors drop whatever names the subtree; the subtree drops what names
   // a view outside it; the rest stays.
