@@ -265,6 +265,28 @@ TEST(Layout, ContradictionsLeaveOutTheLastMadeAndAreLoggedOnce) {
   EXPECT_EQ(other->frame(), Rect(0, 0, 20, 5));
 }
 
+TEST(Layout, DeepSubtreesOfFixedFramesCostTheSolverNothing) {
+  // 10,000 levels of views keeping their frames under a view placed by
+  // constraints: laid out and measured at once, without room in the solver
+  // for every level. The box is as wide as five of its first level.
+  auto root = make({0, 0, 100, 100}, false), box = make();
+  root->addSubview(box);
+  Ptr leaf = box;
+  for (int i = 0; i < 10000; ++i) {
+    auto level = make({1, 1, 10, 10}, false);
+    leaf->addSubview(level);
+    leaf = level;
+  }
+  pin(root, box, A::Left, root, 5);
+  pin(root, box, A::Top, root, 6);
+  hold(box, box, A::Width, R::Equal, box->subviews()[0], A::Width, 5, 0);
+  fix(box, A::Height, 40);
+  root->layoutIfNeeded();
+  EXPECT_EQ(box->frame(), Rect(5, 6, 50, 40));
+  EXPECT_EQ(leaf->frame(), Rect(1, 1, 10, 10));
+  EXPECT_EQ(box->systemLayoutSizeFittingSize(LayoutFittingExpandedSize), Size(50, 40));
+}
+
 TEST(Layout, FittingSizesFromTheSubtree) {
   auto cell = make({0, 0, 999, 999}, false);
   auto thumb = make(), title = make();

@@ -35,6 +35,9 @@ struct LayoutEngine::ViewState {
   SolverVariable left{"left"}, top{"top"}, width{"width"}, height{"height"};
   std::uint64_t seen = 0;
   bool named = false;
+  // Named by a constraint, or above a view that is: the solver needs its
+  // variables. A fixed view that is not needed stays out of the solver.
+  bool needed = false;
   // Held at its frame: four required equalities (left, top, width, height).
   bool fixed = false;
   const ViewState* fixedParent = nullptr;
@@ -142,6 +145,17 @@ void collectSubtree(View& view, std::vector<std::pair<View*, View*>>& out) {
   }
 }
 
+// Children before parents: a view is needed when it is named or has a
+// needed subview.
+template <typename States>
+void markNeeded(const std::vector<std::pair<View*, View*>>& order, States& states) {
+  for (auto it = order.rbegin(); it != order.rend(); ++it) {
+    auto& s = *states.at(it->first);
+    if (s.named) s.needed = true;
+    if (s.needed && it->second) states.at(it->second)->needed = true;
+  }
+}
+
 bool finite(const LayoutConstraint& c) {
   return std::isfinite(c.constant());
 }
@@ -244,6 +258,18 @@ void LayoutEngine::updateImplicit(ViewState& s) {
       if (c) solver_.removeConstraint(*c);
       c.reset();
     }
+    if (!s.needed) {
+      // Its frame is kept as given and no place depends on its variables.
+      for (auto& c : s.frame) {
+        if (c) solver_.removeConstraint(*c);
+        c.reset();
+      }
+      s.fixed = true;
+      s.fixedParent = nullptr;
+      s.heldFrame = view.frame();
+      s.frameBroken = false;
+      return;
+    }
     double values[4];
     frameValues(view.frame(), values);
     bool present = s.fixed && s.frame[0] && s.fixedParent == s.parent;
@@ -336,6 +362,7 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
     reframe_.push_back(&s);
     s.parent = parentState;
     s.named = false;
+    s.needed = false;
     if (view->needsLayout()) flagged.push_back(view);
     for (const auto& c : view->constraints()) {
       if (seenConstraints.insert(c.get()).second) held.push_back(c);
@@ -359,6 +386,7 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
   }
   std::unordered_set<const LayoutConstraint*> wantedSet;
   for (const auto& c : wanted) wantedSet.insert(c.get());
+  markNeeded(order, views_);
 
   // Out first: constraints no longer held, views no longer in the tree.
   std::vector<const LayoutConstraint*> gone;
@@ -553,6 +581,7 @@ Size LayoutEngine::fittingSize(View& view, Size target) {
   };
   for (auto up = view.superview(); up; up = up->superview()) consider(*up);
   for (auto [v, parent] : order) consider(*v);
+  markNeeded(order, states);
 
   ViewState& self = *states.at(&view);
   solver.addConstraint(frameConstraint(self.left, nullptr, 0));
@@ -560,6 +589,7 @@ Size LayoutEngine::fittingSize(View& view, Size target) {
   for (auto [v, parent] : order) {
     ViewState& s = *states.at(v);
     bool fixed = v != &view && (v->translatesAutoresizingMaskIntoConstraints() || !s.named);
+    if (fixed && !s.needed) continue;
     if (fixed) {
       double values[4];
       frameValues(v->frame(), values);
