@@ -46,6 +46,9 @@ bool NimbConstraintCacheManager::restoreViewConstraintsToSuperView(
   auto superView = record ? record->superView() : nullptr;
   if (!recordView || !superView) return false;
   superView->addSubview(recordView);
+  // Refused when the superview has gone inside the view meanwhile (a cycle):
+  // then nothing is put back.
+  if (recordView->superview() != superView) return false;
   recordView->addConstraints(record->constraints());
   // superConstraints starts with the view's own constraints, so the
   // superview holds those as well from now on.

@@ -69,12 +69,14 @@ class NimbConstraintCacheManager {
                             const std::optional<std::string>& key);
   // Puts the view recorded under `key` back: true at once, doing nothing,
   // when `view` still has a superview. false when there is no record, or it
-  // has no view or no superview. Otherwise the recorded view becomes the
-  // last subview of the recorded superview, its constraints are added back
-  // to it, the recorded superConstraints to the superview (the view's own
-  // among them, which the superview then holds as well), and each recorded
-  // descendant gets its constraints back; with alwaysCache off the record is
-  // then removed. The view re-attached is the record's, not `view`.
+  // has no view or no superview, or the recorded superview cannot take the
+  // view back (it is now inside the view); nothing is put back then.
+  // Otherwise the recorded view becomes the last subview of the recorded
+  // superview, its constraints are added back to it, the recorded
+  // superConstraints to the superview (the view's own among them, which the
+  // superview then holds as well), and each recorded descendant gets its
+  // constraints back; with alwaysCache off the record is then removed. The
+  // view re-attached is the record's, not `view`.
   bool restoreViewConstraintsToSuperView(const std::shared_ptr<View>& view,
                                          const std::optional<std::string>& key);
 

@@ -101,6 +101,13 @@ TEST(LayoutConstraint, ActivationAndLeavingTheTreeDropConstraintsThatCrossIt) {
   auto outward = pin(child, child, A::Width, sibling);
   auto rootHeld = pin(root, view, A::Top, root);
 
+  // A new place in the same superview's order is no departure.
+  box->addSubview(view);
+  box->insertSubview(view, 0);
+  EXPECT_EQ(box->subviews().front(), view);
+  EXPECT_EQ(box->constraints().size(), 2u);
+  EXPECT_TRUE(across->isActive() && outward->isActive() && rootHeld->isActive());
+
   view->removeFromSuperview();
   // Ancestors drop whatever names the subtree; the subtree drops what names
   // a view outside it; the rest stays.
@@ -175,6 +182,19 @@ TEST(Layout, FramesComeFromTheSolutionAndFollowEdits) {
   root->addConstraints({place[0], place[1]});
   root->layoutIfNeeded();
   EXPECT_EQ(mark->frame(), Rect(10, 10, 0, 0));
+
+  // Laid out in another tree and brought back: it gets its place here again,
+  // and a constant it carries still reaches this tree's layout.
+  auto elsewhere = make({0, 0, 50, 50}, false);
+  elsewhere->addSubview(mark);
+  elsewhere->layoutIfNeeded();
+  card->addSubview(mark);
+  root->addConstraints({place[0], place[1]});
+  root->layoutIfNeeded();
+  EXPECT_EQ(mark->frame(), Rect(10, 10, 0, 0));  // not the frame it had there
+  place[2]->setConstant(5);
+  root->layoutIfNeeded();
+  EXPECT_EQ(mark->frame(), Rect(10, 10, 5, 0));
 }
 
 TEST(Layout, IntrinsicSizeHeldByHuggingAndCompressionResistance) {
@@ -227,6 +247,44 @@ TEST(Layout, ContradictionsLeaveOutTheLastMadeAndAreLoggedOnce) {
   root->layoutIfNeeded();
   testing::internal::GetCapturedStderr();
   EXPECT_EQ(view->frame(), Rect(0, 0, 10, 80));  // the other one holds now
+
+  // Left out from its first pass, it is tried again once its constant lets
+  // it hold.
+  auto other = make();
+  root->addSubview(other);
+  pin(root, other, A::Left, root);
+  pin(root, other, A::Top, root);
+  fix(other, A::Height, 5);
+  fix(other, A::Width, 50, R::LessThanOrEqual);
+  auto wide = fix(other, A::Width, 70);
+  testing::internal::CaptureStderr();
+  root->layoutIfNeeded();
+  wide->setConstant(20);
+  root->layoutIfNeeded();
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(other->frame(), Rect(0, 0, 20, 5));
+}
+
+TEST(Layout, DeepSubtreesOfFixedFramesCostTheSolverNothing) {
+  // 10,000 levels of views keeping their frames under a view placed by
+  // constraints: laid out and measured at once, without room in the solver
+  // for every level. The box is as wide as five of its first level.
+  auto root = make({0, 0, 100, 100}, false), box = make();
+  root->addSubview(box);
+  Ptr leaf = box;
+  for (int i = 0; i < 10000; ++i) {
+    auto level = make({1, 1, 10, 10}, false);
+    leaf->addSubview(level);
+    leaf = level;
+  }
+  pin(root, box, A::Left, root, 5);
+  pin(root, box, A::Top, root, 6);
+  hold(box, box, A::Width, R::Equal, box->subviews()[0], A::Width, 5, 0);
+  fix(box, A::Height, 40);
+  root->layoutIfNeeded();
+  EXPECT_EQ(box->frame(), Rect(5, 6, 50, 40));
+  EXPECT_EQ(leaf->frame(), Rect(1, 1, 10, 10));
+  EXPECT_EQ(box->systemLayoutSizeFittingSize(LayoutFittingExpandedSize), Size(50, 40));
 }
 
 TEST(Layout, FittingSizesFromTheSubtree) {

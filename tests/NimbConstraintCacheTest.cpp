@@ -119,4 +119,15 @@ TEST(NimbConstraintCache, KeysRecordsAndTheAlwaysCacheSwitch) {
   EXPECT_TRUE(manager.cacheContainer().empty());  // removed once used
   t.other->removeFromSuperview();
   EXPECT_FALSE(manager.restoreViewConstraintsToSuperView(t.other, "k"));
+
+  // The recorded superview has gone inside the view meanwhile: it cannot
+  // take the view back, so false and no constraint is added anywhere.
+  ASSERT_TRUE(manager.cacheViewConstraints(t.panel, "cycle"));
+  t.panel->removeFromSuperview();
+  t.dot->addSubview(t.root);
+  auto rootHeld = t.root->constraints(), panelHeld = t.panel->constraints();
+  EXPECT_FALSE(manager.restoreViewConstraintsToSuperView(t.panel, "cycle"));
+  EXPECT_EQ(t.panel->superview(), nullptr);
+  EXPECT_EQ(t.root->constraints(), rootHeld);
+  EXPECT_EQ(t.panel->constraints(), panelHeld);
 }

@@ -37,6 +37,9 @@ struct LayoutEngine::ViewState {
   SolverVariable left{"left"}, top{"top"}, width{"width"}, height{"height"};
   std::uint64_t seen = 0;
   bool named = false;
+  // Named by a constraint, or above a view that is: the solver needs its
+  // variables. A fixed view that is not needed stays out of the solver.
+  bool needed = false;
   // Held at its frame: four required equalities (left, top, width, height).
   bool fixed = false;
   const ViewState* fixedParent = nullptr;
@@ -144,6 +147,17 @@ void collectSubtree(View& view, std::vector<std::pair<View*, View*>>& out) {
   }
 }
 
+// Children before parents: a view is needed when it is named or has a
+// needed subview.
+template <typename States>
+void markNeeded(const std::vector<std::pair<View*, View*>>& order, States& states) {
+  for (auto it = order.rbegin(); it != order.rend(); ++it) {
+    auto& s = *states.at(it->first);
+    if (s.named) s.needed = true;
+    if (s.needed && it->second) states.at(it->second)->needed = true;
+  }
+}
+
 bool finite(const LayoutConstraint& c) {
   return std::isfinite(c.constant());
 }
@@ -204,6 +218,8 @@ bool LayoutEngine::isBroken(const LayoutConstraint* constraint) const {
 }
 
 void LayoutEngine::breakConstraint(const std::shared_ptr<LayoutConstraint>& constraint) {
+  // A new constant may let it hold: this engine must hear of it.
+  constraint->engine_ = weak_from_this();
   if (isBroken(constraint.get())) return;
   broken_[constraint.get()] = constraint;
   SystemLog::log(
@@ -243,6 +259,18 @@ void LayoutEngine::updateImplicit(ViewState& s) {
     for (auto& c : s.intrinsic) {
       if (c) solver_.removeConstraint(*c);
       c.reset();
+    }
+    if (!s.needed) {
+      // Its frame is kept as given and no place depends on its variables.
+      for (auto& c : s.frame) {
+        if (c) solver_.removeConstraint(*c);
+        c.reset();
+      }
+      s.fixed = true;
+      s.fixedParent = nullptr;
+      s.heldFrame = view.frame();
+      s.frameBroken = false;
+      return;
     }
     double values[4];
     frameValues(view.frame(), values);
@@ -327,17 +355,18 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
   std::vector<std::shared_ptr<LayoutConstraint>> held;
   std::unordered_set<const LayoutConstraint*> seenConstraints;
   for (auto [view, parent] : order) {
-    bool known = views_.count(view) != 0;
     ViewState& s = stateFor(*view);
     s.seen = epoch_;
     ViewState* parentState = parent ? views_.at(parent).get() : nullptr;
-    // New here or moved to another parent: its frame is computed afresh even
-    // if no variable of it changes.
-    if (!known || s.parent != parentState) reframe_.push_back(&s);
+    // Its frame is computed afresh even if no variable of it changes: it may
+    // be new here, moved, or back from a tree whose layout set its frame
+    // since (a view is known by its address, which a new view may reuse).
+    reframe_.push_back(&s);
     s.parent = parentState;
     s.children.clear();
     if (parentState) parentState->children.push_back(&s);
     s.named = false;
+    s.needed = false;
     if (view->needsLayout()) flagged.push_back(view);
     for (const auto& c : view->constraints()) {
       if (seenConstraints.insert(c.get()).second) held.push_back(c);
@@ -361,6 +390,7 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
   }
   std::unordered_set<const LayoutConstraint*> wantedSet;
   for (const auto& c : wanted) wantedSet.insert(c.get());
+  markNeeded(order, views_);
 
   // Out first: constraints no longer held, views no longer in the tree.
   std::vector<const LayoutConstraint*> gone;
@@ -393,7 +423,12 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
     auto it = installed_.find(c.get());
     if (it == installed_.end()) {
       install(c);
-    } else if (it->second->constant != c->constant()) {
+      continue;
+    }
+    // Another tree's engine may have installed it meanwhile (its views went
+    // there and came back): changes of its constant must reach this one.
+    c->engine_ = weak_from_this();
+    if (it->second->constant != c->constant()) {
       if (solver_.setConstant(it->second->solved, -c->constant()) == SolverStatus::Ok) {
         it->second->constant = c->constant();
       } else {
@@ -550,6 +585,7 @@ Size LayoutEngine::fittingSize(View& view, Size target) {
   };
   for (auto up = view.superview(); up; up = up->superview()) consider(*up);
   for (auto [v, parent] : order) consider(*v);
+  markNeeded(order, states);
 
   ViewState& self = *states.at(&view);
   solver.addConstraint(frameConstraint(self.left, nullptr, 0));
@@ -557,6 +593,7 @@ Size LayoutEngine::fittingSize(View& view, Size target) {
   for (auto [v, parent] : order) {
     ViewState& s = *states.at(v);
     bool fixed = v != &view && (v->translatesAutoresizingMaskIntoConstraints() || !s.named);
+    if (fixed && !s.needed) continue;
     if (fixed) {
       double values[4];
       frameValues(v->frame(), values);

@@ -7,7 +7,9 @@
 //   root's coordinates;
 // - a view with a fixed frame (translatesAutoresizingMaskIntoConstraints, or
 //   named by no constraint) is held at its frame relative to its superview by
-//   four required equalities; a view laid out by constraints has its
+//   four required equalities, unless no view of its subtree is named by a
+//   constraint (nothing then reads its variables and it stays out of the
+//   solver); a view laid out by constraints has its
 //   intrinsic size held by its hugging (<=) and compression-resistance (>=)
 //   priorities;
 // - every constraint held in the tree whose items are in the tree and whose

@@ -53,6 +53,14 @@ void View::attach(const std::shared_ptr<View>& view, std::size_t index) {
   if (self.expired()) return;
   // `view` may refer into the old superview's list, which is about to change.
   std::shared_ptr<View> moving = view;
+  if (moving->superview_.lock().get() == this) {
+    // Only the order changes: the view stays in the tree with its constraints.
+    auto it = std::find(subviews_.begin(), subviews_.end(), moving);
+    subviews_.erase(it);
+    index = std::min(index, subviews_.size());
+    subviews_.insert(subviews_.begin() + static_cast<std::ptrdiff_t>(index), moving);
+    return;
+  }
   moving->removeFromSuperview();
   index = std::min(index, subviews_.size());
   subviews_.insert(subviews_.begin() + static_cast<std::ptrdiff_t>(index), moving);

@@ -79,7 +79,8 @@ class View : public std::enable_shared_from_this<View> {
   const std::vector<std::shared_ptr<View>>& subviews() const { return subviews_; }
 
   // Adds `view` in front of the other subviews, taking it from its previous
-  // superview (an existing subview of this one moves to the front). Refused,
+  // superview (an existing subview of this one moves to the front, keeping
+  // its constraints: only the order changes). Refused,
   // doing nothing: a null view, this view itself or one of its ancestors (a
   // cycle), or when this view is not owned by a std::shared_ptr.
   void addSubview(const std::shared_ptr<View>& view);
