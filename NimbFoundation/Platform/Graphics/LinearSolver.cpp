@@ -134,6 +134,11 @@ struct LinearSolver::Tableau {
     std::uint32_t marker;
     std::uint32_t other;  // second error symbol, or kNone
     double markerCoefficient;
+    // The row is the expression divided by this, its largest coefficient,
+    // so that constraints written in very different units meet the pivot
+    // tolerance on equal terms; the error weights are multiplied by it, so
+    // the objective still counts errors in the caller's units.
+    double scale;
   };
   struct Edit {
     SolverConstraint constraint;
@@ -489,15 +494,19 @@ struct LinearSolver::Tableau {
       if (!std::isfinite(t.coefficient)) return SolverStatus::BadValue;
     }
     std::size_t varsBefore = vars.size();
+    double scale = 0;
+    for (const SolverTerm& t : data.expression.terms)
+      scale = std::max(scale, std::fabs(t.coefficient));
+    if (!(scale > 0)) scale = 1;
     Row row;
-    row.constant = data.expression.constant;
+    row.constant = data.expression.constant / scale;
     for (const SolverTerm& t : data.expression.terms) {
       std::uint32_t symbol = symbolFor(t.variable);
       std::uint32_t slot = symbols[symbol].row;
       if (slot != kNone) {
-        addRow(row, kNone, rows[slot], t.coefficient);
+        addRow(row, kNone, rows[slot], t.coefficient / scale);
       } else {
-        addTerm(row, kNone, symbol, t.coefficient);
+        addTerm(row, kNone, symbol, t.coefficient / scale);
       }
     }
     bool finite = std::isfinite(row.constant);
@@ -507,7 +516,7 @@ struct LinearSolver::Tableau {
       return SolverStatus::BadValue;
     }
     bool required = data.strength >= SolverStrength::required;
-    Held info{constraint, kNone, kNone, 1.0};
+    Held info{constraint, kNone, kNone, 1.0, scale};
     std::uint32_t error1 = kNone, error2 = kNone;
     double errorCoefficient1 = 0, errorCoefficient2 = 0;
     if (data.relation != SolverRelation::Equal) {
@@ -565,8 +574,8 @@ struct LinearSolver::Tableau {
     }
     if (!required) {
       touchObjective();
-      addTerm(objective, kNone, error1, data.strength);
-      if (error2 != kNone) addTerm(objective, kNone, error2, data.strength);
+      addTerm(objective, kNone, error1, data.strength * scale);
+      if (error2 != kNone) addTerm(objective, kNone, error2, data.strength * scale);
     }
     if (subject != kNone) {
       double c = coefficientOf(row, subject);
@@ -677,6 +686,7 @@ struct LinearSolver::Tableau {
     held.erase(found);
     double strength = info.constraint.data_->strength;
     if (strength < SolverStrength::required) {
+      strength *= info.scale;
       for (std::uint32_t symbol : {info.marker, info.other}) {
         if (symbol == kNone || symbols[symbol].kind != Kind::Error) continue;
         std::uint32_t slot = symbols[symbol].row;
@@ -710,7 +720,7 @@ struct LinearSolver::Tableau {
     if (delta == 0) return SolverStatus::Ok;
     const Held& info = found->second;
     // The new row is the old one with marker = marker' + delta / coefficient.
-    double shift = delta / info.markerCoefficient;
+    double shift = delta / info.scale / info.markerCoefficient;
     bool required = data.strength >= SolverStrength::required;
     if (required) beginJournal();
     bool ok = true;
