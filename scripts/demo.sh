@@ -109,4 +109,12 @@ step "$nimbkit" query-parse "z=last&a=%20x&flag&d=1=2&z=3"
 step "$nimbkit" query-build "q=50% off" "lang=中文"
 
 echo
+echo "== Views laid out by constraints, drawn to PNG (View, LayoutConstraint, ViewRenderer) =="
+step "$nimbkit" layout examples/layout/profile-card.json --out build/demo-output/layout \
+  --hide bio --detach avatar
+step "$nimbkit" layout examples/layout/feed-cell.json --out build/demo-output/layout/feed-cell \
+  --hide badge --detach thumbnail
+
+echo
 echo "The demo's contact sheet: $(pwd)/build/demo-output/contact-sheet.png"
+echo "The laid-out views: $(pwd)/build/demo-output/layout/*.png"

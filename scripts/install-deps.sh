@@ -12,10 +12,14 @@ packages=(
   # libraries
   libplist-dev libpng-dev libturbojpeg0-dev libicu-dev libcli11-dev libcurl4-openssl-dev
   libssl-dev libcairo2-dev libgif-dev libwebp-dev
+  # nimbkit layout reads JSON
+  nlohmann-json3-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
   # the AES tests compare with the openssl command
   openssl
+  # the linear solver's tests and benchmark compare with kiwisolver
+  python3 python3-kiwisolver
 )
 
 missing=()

@@ -68,5 +68,7 @@ void addDeviceCommands(CLI::App& app, Action& selected);
 // Registers `nimbkit md5`, `aes`, `url-encode`, `url-decode`, `query-parse`
 // and `query-build`.
 void addUtilsCommands(CLI::App& app, Action& selected);
+// Registers `nimbkit layout FILE.json [--out DIR] [--hide ID] [--detach ID]`.
+void addLayoutCommand(CLI::App& app, Action& selected);
 
 }  // namespace nimbkit

@@ -51,6 +51,7 @@ int main(int argc, char** argv) {
   nimbkit::addEncodeCommand(app, selected);
   nimbkit::addDeviceCommands(app, selected);
   nimbkit::addUtilsCommands(app, selected);
+  nimbkit::addLayoutCommand(app, selected);
 
   if (auto unknown = unknownSubcommand(app, argc, argv)) {
     std::fprintf(stderr, "%s\n", oneLine(*unknown).c_str());

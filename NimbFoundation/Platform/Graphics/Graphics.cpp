@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <vector>
 
 #include <NimbFoundation/Platform/Env/Device.h>
 
@@ -21,6 +22,10 @@ constexpr int kMaxCairoSide = 32767;
 // Text further out than this many device pixels is not drawn: Cairo keeps
 // device coordinates in 24.8 fixed point, and values beyond its range wrap.
 constexpr double kMaxTextReach = 65536;
+
+// Transparency layers open at once beyond which drawing goes to the layer
+// under them: each one is a surface the size of the context.
+constexpr int kMaxOpenLayers = 32;
 
 // A rectangle as its four edges, so that overflowing sums become infinities
 // instead of being added back to an origin.
@@ -238,8 +243,14 @@ std::shared_ptr<const Image> Graphics::imageWithCroppedBitmap(const Image& image
 // ---- ImageContext --------------------------------------------------------------
 
 struct ImageContext::Surface {
-  Surface(cairo_surface_t* s, int w, int h) : surface(s), width(w), height(h) {}
-  ~Surface() { cairo_surface_destroy(surface); }
+  Surface(cairo_surface_t* s, int w, int h, double scale)
+      : surface(s), width(w), height(h), clip(workArea(scale)) {}
+  ~Surface() {
+    cairo_surface_destroy(surface);
+    for (auto& saved : stack) {
+      if (saved.layer) cairo_surface_destroy(saved.layer);
+    }
+  }
   Surface(const Surface&) = delete;
   Surface& operator=(const Surface&) = delete;
 
@@ -250,10 +261,36 @@ struct ImageContext::Surface {
     const double margin = 2 / scale;
     return {-margin, -margin, width / scale + margin, height / scale + margin};
   }
+  // `e`, given in the current coordinates, in the surface's points.
+  Edges toSurface(Edges e) const { return {e.x0 + ox, e.y0 + oy, e.x1 + ox, e.y1 + oy}; }
+  // Where drawing goes: the innermost open layer that has a surface.
+  cairo_surface_t* target() const {
+    for (auto it = stack.rbegin(); it != stack.rend(); ++it) {
+      if (it->layer) return it->layer;
+    }
+    return surface;
+  }
+
+  // What saveState and beginTransparencyLayer push.
+  struct Saved {
+    double ox = 0;
+    double oy = 0;
+    Edges clip;
+    bool isLayer = false;
+    cairo_surface_t* layer = nullptr;  // owned; null for a plain save or a refused layer
+    double opacity = 1;
+  };
 
   cairo_surface_t* surface;
   int width;
   int height;
+  // The drawing state: the origin in the surface's points, and the clip
+  // there, always inside the work area.
+  double ox = 0;
+  double oy = 0;
+  Edges clip;
+  std::vector<Saved> stack;
+  int openLayers = 0;
 };
 
 ImageContext::ImageContext(Size size, bool opaque, double scale) {
@@ -267,7 +304,7 @@ ImageContext::ImageContext(Size size, bool opaque, double scale) {
     cairo_surface_destroy(s);
     return;
   }
-  surface_.reset(new (std::nothrow) Surface(s, int(width), int(height)));
+  surface_.reset(new (std::nothrow) Surface(s, int(width), int(height), scale_));
   if (!surface_) {
     cairo_surface_destroy(s);
     return;
@@ -289,8 +326,8 @@ Size ImageContext::size() const {
 
 void ImageContext::drawImage(const Image& image, Rect rect) {
   if (!surface_ || !isFinite(rect)) return;
-  const Edges dest = edgesOf(rect);
-  const Edges area = clipped(dest, surface_->workArea(scale_));
+  const Edges dest = surface_->toSurface(edgesOf(rect));
+  const Edges area = clipped(dest, surface_->clip);
   if (dest.isEmpty() || area.isEmpty()) return;
   const Bitmap& bitmap = image.bitmap();
   if (!isConsistent(bitmap) || bitmap.width > kMaxCairoSide || bitmap.height > kMaxCairoSide)
@@ -316,7 +353,7 @@ void ImageContext::drawImage(const Image& image, Rect rect) {
   // into transparency under the filter.
   cairo_pattern_set_extend(pattern, CAIRO_EXTEND_PAD);
 
-  Painter p(surface_->surface, scale_);
+  Painter p(surface_->target(), scale_);
   cairo_set_source(p.cr(), pattern);
   cairo_pattern_destroy(pattern);
   p.addRectangle(area);
@@ -325,9 +362,9 @@ void ImageContext::drawImage(const Image& image, Rect rect) {
 
 void ImageContext::fillRect(Rect rect, Color color) {
   if (!surface_ || !isFinite(rect)) return;
-  const Edges area = clipped(edgesOf(rect), surface_->workArea(scale_));
+  const Edges area = clipped(surface_->toSurface(edgesOf(rect)), surface_->clip);
   if (area.isEmpty()) return;
-  Painter p(surface_->surface, scale_);
+  Painter p(surface_->target(), scale_);
   p.setColor(color);
   p.addRectangle(area);
   cairo_fill(p.cr());
@@ -338,11 +375,11 @@ void ImageContext::strokeRect(Rect rect, Color color, double lineWidth) {
   // With square (mitred) corners the stroke is exactly the rectangle grown by
   // half the line width less the rectangle shrunk by it. Filling that
   // difference lets both be clipped like any fill, whatever their size.
-  const Edges r = edgesOf(rect), work = surface_->workArea(scale_);
+  const Edges r = surface_->toSurface(edgesOf(rect)), work = surface_->clip;
   const double half = lineWidth / 2;
   const Edges outer = clipped({r.x0 - half, r.y0 - half, r.x1 + half, r.y1 + half}, work);
   if (outer.isEmpty()) return;
-  Painter p(surface_->surface, scale_);
+  Painter p(surface_->target(), scale_);
   p.setColor(color);
   p.addRectangle(outer);
   const Edges inner = clipped({r.x0 + half, r.y0 + half, r.x1 - half, r.y1 - half}, work);
@@ -352,12 +389,15 @@ void ImageContext::strokeRect(Rect rect, Color color, double lineWidth) {
 }
 
 void ImageContext::drawText(std::string_view utf8, Point origin, double fontSize, Color color) {
-  if (!surface_ || utf8.empty() || !(fontSize > 0)) return;
+  if (!surface_ || utf8.empty() || !(fontSize > 0) || surface_->clip.isEmpty()) return;
+  origin = {origin.x + surface_->ox, origin.y + surface_->oy};
   const double reach = kMaxTextReach / scale_;
   if (!(std::abs(origin.x) < reach && std::abs(origin.y) < reach && fontSize < reach)) return;
   try {
     const std::string text(utf8);  // Cairo wants a NUL-terminated string
-    Painter p(surface_->surface, scale_);
+    Painter p(surface_->target(), scale_);
+    p.addRectangle(surface_->clip);
+    cairo_clip(p.cr());
     cairo_select_font_face(p.cr(), "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
     cairo_set_font_size(p.cr(), fontSize);
     p.setColor(color);
@@ -365,6 +405,67 @@ void ImageContext::drawText(std::string_view utf8, Point origin, double fontSize
     cairo_show_text(p.cr(), text.c_str());  // refuses invalid UTF-8 before drawing anything
   } catch (...) {
     // Out of memory for the copy: the label is not drawn.
+  }
+}
+
+void ImageContext::saveState() {
+  if (!surface_) return;
+  try {
+    surface_->stack.push_back({surface_->ox, surface_->oy, surface_->clip});
+  } catch (...) {
+    // Out of memory: the matching restoreState finds nothing to pop.
+  }
+}
+
+void ImageContext::restoreState() {
+  if (!surface_ || surface_->stack.empty()) return;
+  const Surface::Saved saved = surface_->stack.back();
+  surface_->stack.pop_back();
+  surface_->ox = saved.ox;
+  surface_->oy = saved.oy;
+  surface_->clip = saved.clip;
+  if (!saved.isLayer) return;
+  --surface_->openLayers;
+  if (!saved.layer) return;
+  cairo_surface_flush(saved.layer);
+  {
+    Painter p(surface_->target(), 1);
+    cairo_set_source_surface(p.cr(), saved.layer, 0, 0);
+    cairo_paint_with_alpha(p.cr(), saved.opacity);
+  }
+  cairo_surface_destroy(saved.layer);
+}
+
+void ImageContext::translate(double dx, double dy) {
+  if (!surface_) return;
+  const double x = surface_->ox + dx, y = surface_->oy + dy;
+  if (!std::isfinite(x) || !std::isfinite(y)) return;
+  surface_->ox = x;
+  surface_->oy = y;
+}
+
+void ImageContext::clipToRect(Rect rect) {
+  if (!surface_ || !isFinite(rect)) return;
+  surface_->clip = clipped(surface_->clip, surface_->toSurface(edgesOf(rect)));
+}
+
+void ImageContext::beginTransparencyLayer(double opacity) {
+  if (!surface_) return;
+  Surface::Saved saved{surface_->ox, surface_->oy, surface_->clip, true, nullptr, unit(opacity)};
+  if (surface_->openLayers < kMaxOpenLayers) {
+    cairo_surface_t* layer =
+        cairo_image_surface_create(CAIRO_FORMAT_ARGB32, surface_->width, surface_->height);
+    if (cairo_surface_status(layer) == CAIRO_STATUS_SUCCESS) {
+      saved.layer = layer;
+    } else {
+      cairo_surface_destroy(layer);
+    }
+  }
+  try {
+    surface_->stack.push_back(saved);
+    ++surface_->openLayers;
+  } catch (...) {
+    if (saved.layer) cairo_surface_destroy(saved.layer);
   }
 }
 

@@ -55,6 +55,13 @@ class Graphics {
 // Drawing calls with a NaN or infinite argument, an empty rectangle or a
 // non-positive line width or font size draw nothing. A rectangle with a
 // negative width or height covers the same area as its positive form.
+//
+// The drawing state is an origin (where drawing calls put (0, 0)) and a
+// clip rectangle; it starts as the context's own origin and the whole
+// surface. translate and clipToRect change it; saveState and restoreState
+// keep and bring it back, and beginTransparencyLayer opens a layer that is
+// composited, at an opacity, when its restoreState comes. View drawing
+// (ViewRenderer) nests these per view.
 class ImageContext {
  public:
   // scale <= 0 or NaN means the main screen's scale (Device::mainScreen(),
@@ -91,9 +98,30 @@ class ImageContext {
   // valid UTF-8 is not drawn; it stops at an embedded NUL.
   void drawText(std::string_view utf8, Point origin, double fontSize, Color color);
 
+  // --- Drawing state ------------------------------------------------------
+  // Pushes the origin and clip; restoreState() brings them back.
+  void saveState();
+  // Pops what the latest saveState() or beginTransparencyLayer() pushed; for
+  // a layer, composites it onto what lies under it first. Without anything
+  // pushed it does nothing.
+  void restoreState();
+  // Moves the origin by (dx, dy) points. A NaN or infinite move is ignored.
+  void translate(double dx, double dy);
+  // Narrows the clip to `rect` (in the current coordinates): later drawing
+  // lands only inside both. A NaN or infinite rectangle is ignored, an empty
+  // one clips everything away.
+  void clipToRect(Rect rect);
+  // saveState(), then sends the drawing to a fresh transparent layer until
+  // the matching restoreState(), which composites the layer with `opacity`
+  // (clamped to [0, 1], NaN as 0) source over. Each layer takes a surface
+  // the size of the context: beyond 32 open layers, or should the memory be
+  // refused, drawing goes straight to what lies under it at full opacity.
+  void beginTransparencyLayer(double opacity);
+
   // A snapshot of what has been drawn: an image with this context's scale and
   // orientation Up, so its size() equals size(). Drawing may go on after it.
-  // nullptr when the context is invalid or memory runs out.
+  // nullptr when the context is invalid or memory runs out. Layers still
+  // open are not in it.
   std::shared_ptr<const Image> image() const;
 
  private:

@@ -5,17 +5,38 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <unordered_set>
+
+#include <NimbFoundation/Internal/LayoutEngine.h>
 
 namespace nimb {
 
 View::View(Rect frame) : frame_(frame) {}
 
-// The subviews' weak links to this view expire by themselves.
-View::~View() = default;
+// The subviews' weak links to this view expire by themselves; the
+// constraints it holds forget it.
+View::~View() {
+  for (const auto& c : constraints_) std::erase(c->holders_, this);
+}
 
-void View::setAlpha(double alpha) {
-  if (std::isnan(alpha)) return;
-  alpha_ = std::clamp(alpha, 0.0, 1.0);
+void View::setFrame(Rect frame) {
+  if (frame == frame_) return;
+  bool resized = frame.size != frame_.size;
+  frame_ = frame;
+  View* top = root();
+  if (top->engine_) top->engine_->frameChanged(*this);
+  if (resized) setNeedsLayout();
+}
+
+View* View::root() {
+  View* top = this;
+  for (auto up = superview_.lock(); up; up = up->superview_.lock()) top = up.get();
+  return top;
+}
+
+void View::layoutStructureChanged() {
+  View* top = root();
+  if (top->engine_) top->engine_->structureChanged();
 }
 
 bool View::hasAncestor(const View* view) const {
@@ -32,10 +53,21 @@ void View::attach(const std::shared_ptr<View>& view, std::size_t index) {
   if (self.expired()) return;
   // `view` may refer into the old superview's list, which is about to change.
   std::shared_ptr<View> moving = view;
+  if (moving->superview_.lock().get() == this) {
+    // Only the order changes: the view stays in the tree with its constraints.
+    auto it = std::find(subviews_.begin(), subviews_.end(), moving);
+    subviews_.erase(it);
+    index = std::min(index, subviews_.size());
+    subviews_.insert(subviews_.begin() + static_cast<std::ptrdiff_t>(index), moving);
+    return;
+  }
   moving->removeFromSuperview();
   index = std::min(index, subviews_.size());
   subviews_.insert(subviews_.begin() + static_cast<std::ptrdiff_t>(index), moving);
   moving->superview_ = std::move(self);
+  // It is no longer the root of a tree of its own.
+  moving->engine_.reset();
+  layoutStructureChanged();
 }
 
 void View::addSubview(const std::shared_ptr<View>& view) {
@@ -46,10 +78,46 @@ void View::insertSubview(const std::shared_ptr<View>& view, std::size_t index) {
   attach(view, index);
 }
 
+void View::dropConstraintsLeavingTree() {
+  std::unordered_set<const View*> subtree;
+  std::vector<View*> stack{this};
+  while (!stack.empty()) {
+    View* v = stack.back();
+    stack.pop_back();
+    subtree.insert(v);
+    for (const auto& sub : v->subviews_) stack.push_back(sub.get());
+  }
+  auto inside = [&](const View* v) { return v && subtree.count(v) != 0; };
+  auto dropWhere = [](View& holder, auto&& drop) {
+    std::vector<std::shared_ptr<LayoutConstraint>> dropped;
+    std::erase_if(holder.constraints_, [&](const std::shared_ptr<LayoutConstraint>& c) {
+      if (!drop(*c)) return false;
+      dropped.push_back(c);
+      return true;
+    });
+    for (const auto& c : dropped) std::erase(c->holders_, &holder);
+  };
+  for (auto up = superview_.lock(); up; up = up->superview_.lock()) {
+    dropWhere(*up, [&](const LayoutConstraint& c) {
+      return inside(c.firstRaw_) || inside(c.secondRaw_);
+    });
+  }
+  for (const View* v : subtree) {
+    dropWhere(*const_cast<View*>(v), [&](const LayoutConstraint& c) {
+      return (c.firstRaw_ && !inside(c.firstRaw_)) || (c.secondRaw_ && !inside(c.secondRaw_));
+    });
+  }
+}
+
 void View::removeFromSuperview() {
   std::shared_ptr<View> parent = superview_.lock();
+  if (!parent) {
+    superview_.reset();
+    return;
+  }
+  dropConstraintsLeavingTree();
+  parent->layoutStructureChanged();
   superview_.reset();
-  if (!parent) return;
   auto& siblings = parent->subviews_;
   auto it = std::find_if(siblings.begin(), siblings.end(),
                          [this](const std::shared_ptr<View>& v) { return v.get() == this; });
@@ -58,6 +126,101 @@ void View::removeFromSuperview() {
   // when `leaving` goes, so nothing of it is touched afterwards.
   std::shared_ptr<View> leaving = std::move(*it);
   siblings.erase(it);
+}
+
+void View::addConstraint(const std::shared_ptr<LayoutConstraint>& constraint) {
+  if (!constraint) return;
+  if (std::find(constraints_.begin(), constraints_.end(), constraint) != constraints_.end()) return;
+  constraints_.push_back(constraint);
+  constraint->holders_.push_back(this);
+  layoutStructureChanged();
+}
+
+void View::addConstraints(const std::vector<std::shared_ptr<LayoutConstraint>>& constraints) {
+  for (const auto& c : constraints) addConstraint(c);
+}
+
+void View::removeConstraint(const std::shared_ptr<LayoutConstraint>& constraint) {
+  auto it = std::find(constraints_.begin(), constraints_.end(), constraint);
+  if (it == constraints_.end()) return;
+  std::shared_ptr<LayoutConstraint> leaving = std::move(*it);
+  constraints_.erase(it);
+  std::erase(leaving->holders_, this);
+  layoutStructureChanged();
+}
+
+void View::removeConstraints(const std::vector<std::shared_ptr<LayoutConstraint>>& constraints) {
+  for (const auto& c : constraints) removeConstraint(c);
+}
+
+void View::setTranslatesAutoresizingMaskIntoConstraints(bool translates) {
+  if (translates == translatesMask_) return;
+  translatesMask_ = translates;
+  layoutStructureChanged();
+}
+
+Size View::intrinsicContentSize() const {
+  return {ViewNoIntrinsicMetric, ViewNoIntrinsicMetric};
+}
+
+void View::invalidateIntrinsicContentSize() {
+  layoutStructureChanged();
+}
+
+namespace {
+
+int axisIndex(LayoutAxis axis) {
+  return axis == LayoutAxis::Vertical ? 1 : 0;
+}
+
+// Stores a priority for one axis, clamped to [1, 1000]; false for NaN.
+bool storeAxisPriority(LayoutPriority (&slots)[2], LayoutPriority priority, LayoutAxis axis) {
+  if (std::isnan(priority)) return false;
+  slots[axisIndex(axis)] = std::clamp(priority, LayoutPriority(1), LayoutPriorityRequired);
+  return true;
+}
+
+}  // namespace
+
+LayoutPriority View::contentHuggingPriorityForAxis(LayoutAxis axis) const {
+  return hugging_[axisIndex(axis)];
+}
+
+void View::setContentHuggingPriority(LayoutPriority priority, LayoutAxis axis) {
+  if (storeAxisPriority(hugging_, priority, axis)) layoutStructureChanged();
+}
+
+LayoutPriority View::contentCompressionResistancePriorityForAxis(LayoutAxis axis) const {
+  return compression_[axisIndex(axis)];
+}
+
+void View::setContentCompressionResistancePriority(LayoutPriority priority, LayoutAxis axis) {
+  if (storeAxisPriority(compression_, priority, axis)) layoutStructureChanged();
+}
+
+void View::setNeedsLayout() {
+  // Already marked: the tree's engine knows (or finds it when it syncs).
+  if (needsLayout_) return;
+  needsLayout_ = true;
+  View* top = root();
+  if (top->engine_) top->engine_->needsLayout(*this);
+}
+
+void View::layoutIfNeeded() {
+  View* top = root();
+  if (!top->engine_) {
+    top->engine_ = std::make_shared<detail::LayoutEngine>();
+  }
+  // The pass may run layoutSubviews overrides that re-parent views; hold the
+  // engine so it outlives the pass.
+  std::shared_ptr<detail::LayoutEngine> engine = top->engine_;
+  engine->layout(*top, *this);
+}
+
+void View::layoutSubviews() {}
+
+Size View::systemLayoutSizeFittingSize(Size targetSize) {
+  return detail::LayoutEngine::fittingSize(*this, targetSize);
 }
 
 std::string View::formatNumber(double value) {
@@ -81,6 +244,7 @@ void View::appendDescription(std::string& out) const {
   if (hidden_) out += "; hidden = YES";
   if (alpha_ != 1) out += "; alpha = " + formatNumber(alpha_);
   if (!opaque_) out += "; opaque = NO";
+  if (clipsToBounds_) out += "; clipsToBounds = YES";
 }
 
 ImageView::ImageView(std::shared_ptr<const Image> image)
@@ -89,7 +253,14 @@ ImageView::ImageView(std::shared_ptr<const Image> image)
 ImageView::ImageView(Rect frame) : View(frame) {}
 
 void ImageView::setImage(std::shared_ptr<const Image> image) {
+  Size before = intrinsicContentSize();
   image_ = std::move(image);
+  if (intrinsicContentSize() != before) invalidateIntrinsicContentSize();
+}
+
+Size ImageView::intrinsicContentSize() const {
+  if (!image_) return View::intrinsicContentSize();
+  return image_->size();
 }
 
 void ImageView::startAnimating() {

@@ -1,7 +1,17 @@
 // View and ImageView: the view toolkit's view objects, the counterparts of
 // the platform's view and image view. They keep the state the kit's
-// components read and set (frame, visibility, the view tree, an image); they
-// draw nothing themselves. VQImageView derives from ImageView.
+// components read and set (frame, visibility, opacity, colour, the view
+// tree, an image) and the layout constraints of the tree, which the layout
+// pass (layoutIfNeeded) solves to set frames. ViewRenderer draws a tree.
+// VQImageView derives from ImageView; the kit's layout helpers (NimbKit's
+// Autolayout extension) and NimbConstraintCache work on these.
+//
+// Layout: a view whose translatesAutoresizingMaskIntoConstraints is true
+// (the default) keeps the frame it is given, relative to its superview, as
+// if required constraints held it there. A view that has it false and is
+// named by at least one constraint of its tree gets its frame from the
+// solution, with its intrinsic content size held by its hugging and
+// compression-resistance priorities. Any other view keeps its frame too.
 //
 // Views are owned through std::shared_ptr (make them with std::make_shared):
 // a superview owns its subviews, a subview refers back to its superview
@@ -13,14 +23,24 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/Platform/Core/Geometry.h>
+#include <NimbFoundation/Platform/Graphics/Graphics.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
+#include <NimbFoundation/Platform/Graphics/LayoutConstraint.h>
 
 namespace NIMB_EXPORT nimb {
+
+// No intrinsic size along an axis.
+inline constexpr double ViewNoIntrinsicMetric = -1;
+// Targets for View::systemLayoutSizeFittingSize: the smallest size the
+// constraints allow, and the largest (capped at this value per axis).
+inline constexpr Size LayoutFittingCompressedSize{0, 0};
+inline constexpr Size LayoutFittingExpandedSize{10000000, 10000000};
 
 class View : public std::enable_shared_from_this<View> {
  public:
@@ -30,7 +50,7 @@ class View : public std::enable_shared_from_this<View> {
   View& operator=(const View&) = delete;
 
   Rect frame() const { return frame_; }
-  void setFrame(Rect frame) { frame_ = frame; }
+  void setFrame(Rect frame);
   // Origin (0,0), the frame's size.
   Rect bounds() const { return Rect({0, 0}, frame_.size); }
 
@@ -39,8 +59,19 @@ class View : public std::enable_shared_from_this<View> {
   bool isOpaque() const { return opaque_; }  // default true
   void setOpaque(bool opaque) { opaque_ = opaque; }
   double alpha() const { return alpha_; }  // default 1
-  // Clamped to [0, 1]; NaN leaves the alpha as it was.
-  void setAlpha(double alpha);
+  // Stored as given, even out of [0, 1] or NaN (the layout helpers keep a
+  // constraint constant here while a view is collapsed); drawing clamps it.
+  void setAlpha(double alpha) { alpha_ = alpha; }
+  // Whether drawing (ViewRenderer) keeps the view's content and subviews
+  // inside its bounds; default false, so subviews may draw outside.
+  bool clipsToBounds() const { return clipsToBounds_; }
+  void setClipsToBounds(bool clips) { clipsToBounds_ = clips; }
+  // Filled behind the subviews when drawn; none (clear) by default.
+  std::optional<Color> backgroundColor() const { return backgroundColor_; }
+  void setBackgroundColor(std::optional<Color> color) { backgroundColor_ = color; }
+  // A name for tests, logs and constraint descriptions; empty by default.
+  const std::string& accessibilityIdentifier() const { return identifier_; }
+  void setAccessibilityIdentifier(std::string identifier) { identifier_ = std::move(identifier); }
 
   // The view this one is a subview of; nullptr when none (or when it is gone).
   std::shared_ptr<View> superview() const { return superview_.lock(); }
@@ -48,23 +79,79 @@ class View : public std::enable_shared_from_this<View> {
   const std::vector<std::shared_ptr<View>>& subviews() const { return subviews_; }
 
   // Adds `view` in front of the other subviews, taking it from its previous
-  // superview (an existing subview of this one moves to the front). Refused,
+  // superview (an existing subview of this one moves to the front, keeping
+  // its constraints: only the order changes). Refused,
   // doing nothing: a null view, this view itself or one of its ancestors (a
   // cycle), or when this view is not owned by a std::shared_ptr.
   void addSubview(const std::shared_ptr<View>& view);
   // As addSubview, at position `index` of subviews() (past the end = front).
   void insertSubview(const std::shared_ptr<View>& view, std::size_t index);
-  // Leaves the superview, if any.
+  // Leaves the superview, if any. Every constraint that relates this view
+  // or one of its subviews to a view outside that subtree goes with it: the
+  // ancestors drop each constraint they hold that names a view of the
+  // subtree, and the views of the subtree drop each one that names a view
+  // outside it.
   void removeFromSuperview();
+
+  // --- Constraints -------------------------------------------------------
+  // The constraints this view holds, in the order they were added.
+  const std::vector<std::shared_ptr<LayoutConstraint>>& constraints() const { return constraints_; }
+  // A constraint already held, or null, is ignored. A view may hold
+  // constraints between any views of its tree; the layout pass leaves out
+  // those naming a view outside the tree.
+  void addConstraint(const std::shared_ptr<LayoutConstraint>& constraint);
+  void addConstraints(const std::vector<std::shared_ptr<LayoutConstraint>>& constraints);
+  void removeConstraint(const std::shared_ptr<LayoutConstraint>& constraint);
+  void removeConstraints(const std::vector<std::shared_ptr<LayoutConstraint>>& constraints);
+
+  bool translatesAutoresizingMaskIntoConstraints() const { return translatesMask_; }
+  void setTranslatesAutoresizingMaskIntoConstraints(bool translates);
+
+  // The size the content wants, ViewNoIntrinsicMetric on an axis without
+  // one. A plain view has none; an image view, its image's size in points.
+  virtual Size intrinsicContentSize() const;
+  // Call when what intrinsicContentSize() answers has changed.
+  void invalidateIntrinsicContentSize();
+  LayoutPriority contentHuggingPriorityForAxis(LayoutAxis axis) const;  // default 250
+  void setContentHuggingPriority(LayoutPriority priority, LayoutAxis axis);
+  // Default 750.
+  LayoutPriority contentCompressionResistancePriorityForAxis(LayoutAxis axis) const;
+  void setContentCompressionResistancePriority(LayoutPriority priority, LayoutAxis axis);
+
+  // --- Layout ------------------------------------------------------------
+  // Marks the view for layoutSubviews at the next layout pass.
+  void setNeedsLayout();
+  bool needsLayout() const { return needsLayout_; }
+  // The layout pass of the whole tree this view belongs to: brings the
+  // tree's solver up to date with every constraint change since the last
+  // pass (incrementally), solves, sets the frame of every view whose place
+  // changed, then calls layoutSubviews, parents before children, on each
+  // view that was marked or whose size changed. Constraints that cannot
+  // hold together with the required ones already in are left out one at a
+  // time, the most recently made first, each with one line on the system
+  // log naming it; the rest is laid out.
+  void layoutIfNeeded();
+  // Called by the layout pass; the base does nothing. Overrides may change
+  // frames and constraints (a change of constraints is solved by one more
+  // pass).
+  virtual void layoutSubviews();
+  // The size this view would take to come as close to `targetSize` as its
+  // subtree's constraints allow with the target held at the fitting
+  // priority (50): LayoutFittingCompressedSize gives the smallest size
+  // allowed, LayoutFittingExpandedSize the largest. Measured from the
+  // constraints among the view and its subviews alone; the view's own frame
+  // size does not count. Frames are left as they are.
+  Size systemLayoutSizeFittingSize(Size targetSize);
 
   // One line, e.g. "<View: 0x55d0c2a1e2b0; frame = (10 20; 100 50);
   // hidden = YES; alpha = 0.5; opaque = NO>": the class name, the address,
   // the frame as (x y; width height) with numbers in shortest form, then
   // only the properties that differ from their defaults.
   virtual std::string description() const;
+  // The class's name as descriptions show it ("View", "ImageView", ...).
+  virtual std::string className() const { return "View"; }
 
  protected:
-  virtual std::string className() const { return "View"; }
   // Appends the "; key = value" parts; an override calls its base first,
   // then appends its own.
   virtual void appendDescription(std::string& out) const;
@@ -72,16 +159,35 @@ class View : public std::enable_shared_from_this<View> {
   static std::string formatNumber(double value);
 
  private:
+  friend class LayoutConstraint;
+  friend class detail::LayoutEngine;
   // Whether `view` is this view or one of its superviews.
   bool hasAncestor(const View* view) const;
   void attach(const std::shared_ptr<View>& view, std::size_t index);
+  // The topmost ancestor (this view when it has no superview).
+  View* root();
+  // Tells the tree's layout engine, if it has one, that constraints, the
+  // tree or a fixed frame changed.
+  void layoutStructureChanged();
+  void dropConstraintsLeavingTree();
 
   Rect frame_;
   bool hidden_ = false;
   bool opaque_ = true;
   double alpha_ = 1;
+  bool clipsToBounds_ = false;
+  std::optional<Color> backgroundColor_;
+  std::string identifier_;
   std::weak_ptr<View> superview_;
   std::vector<std::shared_ptr<View>> subviews_;
+
+  std::vector<std::shared_ptr<LayoutConstraint>> constraints_;
+  bool translatesMask_ = true;
+  bool needsLayout_ = false;
+  LayoutPriority hugging_[2] = {LayoutPriorityDefaultLow, LayoutPriorityDefaultLow};
+  LayoutPriority compression_[2] = {LayoutPriorityDefaultHigh, LayoutPriorityDefaultHigh};
+  // Held by the root of a tree once it has been laid out.
+  std::shared_ptr<detail::LayoutEngine> engine_;
 };
 
 class ImageView : public View {
@@ -91,8 +197,10 @@ class ImageView : public View {
   explicit ImageView(Rect frame);
 
   std::shared_ptr<const Image> image() const { return image_; }
-  // Does not change the frame.
+  // Does not change the frame; the intrinsic content size follows.
   virtual void setImage(std::shared_ptr<const Image> image);
+  // The image's size in points; none without an image.
+  Size intrinsicContentSize() const override;
 
   // The platform cycles through a list of animation images; this kit has no
   // such list, so there is nothing to cycle: startAnimating only marks the

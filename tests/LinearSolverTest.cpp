@@ -1,0 +1,326 @@
+// LinearSolver: hand-checked systems, then random systems compared with
+// kiwisolver step by step (tests/kiwi_oracle.py).
+#include <NimbFoundation/Platform/Graphics/LinearSolver.h>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using nimb::LinearSolver;
+using nimb::SolverConstraint;
+using nimb::SolverExpression;
+using nimb::SolverRelation;
+using nimb::SolverStatus;
+using nimb::SolverVariable;
+namespace Strength = nimb::SolverStrength;
+
+namespace {
+
+// a*x + b*y + c RELATION 0
+SolverConstraint make(double a, const SolverVariable& x, double b, const SolverVariable& y,
+                      double c, SolverRelation relation, double strength = Strength::required) {
+  return SolverConstraint(SolverExpression{{{x, a}, {y, b}}, c}, relation, strength);
+}
+SolverConstraint make(double a, const SolverVariable& x, double c, SolverRelation relation,
+                      double strength = Strength::required) {
+  return SolverConstraint(SolverExpression{{{x, a}}, c}, relation, strength);
+}
+constexpr auto EQ = SolverRelation::Equal;
+constexpr auto LE = SolverRelation::LessOrEqual;
+constexpr auto GE = SolverRelation::GreaterOrEqual;
+
+TEST(LinearSolver, RequiredConstraintsAndWeightedPreferences) {
+  LinearSolver solver;
+  SolverVariable x("x"), y("y");
+  // x + y = 100, x >= 30, y <= 90; x prefers 10 (weak), y prefers 20 (strong).
+  ASSERT_EQ(solver.addConstraint(make(1, x, 1, y, -100, EQ)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, x, -30, GE)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, y, -90, LE)), SolverStatus::Ok);
+  auto weakX = make(1, x, -10, EQ, Strength::weak);
+  ASSERT_EQ(solver.addConstraint(weakX), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, y, -20, EQ, Strength::strong)), SolverStatus::Ok);
+  std::vector<std::string> changed;
+  solver.updateVariables([&](const SolverVariable& v) { changed.push_back(v.name()); });
+  EXPECT_DOUBLE_EQ(x.value(), 80);  // the strong wish wins
+  EXPECT_DOUBLE_EQ(y.value(), 20);
+  EXPECT_EQ(changed.size(), 2u);
+  // A stronger wish on x flips the outcome, as far as x >= 30 lets it.
+  auto strongX = make(1, x, -10, EQ, 2 * Strength::strong);
+  ASSERT_EQ(solver.addConstraint(strongX), SolverStatus::Ok);
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(x.value(), 30);
+  EXPECT_DOUBLE_EQ(y.value(), 70);
+  // Removing it restores the earlier solution; nothing else changed, so a
+  // second update reports no variable.
+  ASSERT_EQ(solver.removeConstraint(strongX), SolverStatus::Ok);
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(x.value(), 80);
+  changed.clear();
+  solver.updateVariables([&](const SolverVariable& v) { changed.push_back(v.name()); });
+  EXPECT_TRUE(changed.empty());
+  // z = 10 and w = z make w = 10 redundant; when w = z goes, w = 10 takes
+  // over and still beats a strong wish for w = -50.
+  SolverVariable z("z"), w("w");
+  auto wIsZ = make(1, w, -1, z, 0, EQ);
+  ASSERT_EQ(solver.addConstraint(make(1, z, -10, EQ)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(wIsZ), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, w, -10, EQ)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, w, 50, EQ, Strength::strong)), SolverStatus::Ok);
+  ASSERT_EQ(solver.removeConstraint(wIsZ), SolverStatus::Ok);
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(w.value(), 10);
+  EXPECT_DOUBLE_EQ(z.value(), 10);
+  EXPECT_EQ(solver.constraintCount(), 8u);
+}
+
+TEST(LinearSolver, EditVariablesFollowSuggestions) {
+  LinearSolver solver;
+  SolverVariable left("left"), width("width"), right("right");
+  ASSERT_EQ(solver.addConstraint(
+                SolverConstraint(SolverExpression{{{left, 1}, {width, 1}, {right, -1}}, 0}, EQ)),
+            SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, width, -10, GE)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addConstraint(make(1, width, -50, EQ, Strength::weak)), SolverStatus::Ok);
+  ASSERT_EQ(solver.addEditVariable(left, Strength::strong), SolverStatus::Ok);
+  ASSERT_EQ(solver.addEditVariable(right, Strength::medium), SolverStatus::Ok);
+  EXPECT_EQ(solver.addEditVariable(left, Strength::weak), SolverStatus::DuplicateEditVariable);
+  EXPECT_EQ(solver.addEditVariable(width, Strength::required), SolverStatus::BadRequiredStrength);
+  for (double l : {0.0, 100.0, -40.0}) {
+    ASSERT_EQ(solver.suggestValue(left, l), SolverStatus::Ok);
+    ASSERT_EQ(solver.suggestValue(right, l + 30), SolverStatus::Ok);
+    solver.updateVariables();
+    EXPECT_DOUBLE_EQ(left.value(), l);
+    EXPECT_DOUBLE_EQ(width.value(), 30);  // the medium edit beats the weak width
+    EXPECT_DOUBLE_EQ(right.value(), l + 30);
+  }
+  ASSERT_EQ(solver.suggestValue(right, -40 + 5), SolverStatus::Ok);  // width >= 10 holds
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(right.value(), -30);
+  ASSERT_EQ(solver.removeEditVariable(right), SolverStatus::Ok);
+  EXPECT_EQ(solver.suggestValue(right, 1), SolverStatus::UnknownEditVariable);
+  solver.updateVariables();
+  EXPECT_DOUBLE_EQ(width.value(), 50);
+  EXPECT_EQ(solver.suggestValue(left, std::nan("")), SolverStatus::BadValue);
+}
+
+// Random adds, removals, constant changes and edits, with coefficients in
+// units up to 100 apart: after every step each held required constraint
+// holds, within 1e-3 of its largest variable (rounding drifts over long
+// edit sequences), whatever was accepted or refused.
+TEST(LinearSolver, RequiredConstraintsHoldThroughRandomChangesAcrossUnits) {
+  for (double unit : {1.0, 100.0}) {
+    for (unsigned seed = 1; seed <= 600; ++seed) {
+      std::mt19937 rng(seed);
+      auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+      std::vector<SolverVariable> vars(6);
+      std::vector<SolverConstraint> held;
+      LinearSolver solver;
+      for (int step = 0; step < 60; ++step) {
+        int op = pick(0, 9);
+        if (op <= 4) {
+          SolverExpression e;
+          for (int t = pick(1, 3); t > 0; --t) {
+            e.terms.push_back({vars[pick(0, 5)], pick(-3, 3) * (pick(0, 4) == 0 ? unit : 1.0)});
+          }
+          e.constant = pick(-100, 100) * (pick(0, 3) == 0 ? unit : 1.0);
+          double strength = pick(0, 2) == 0 ? Strength::required : pick(1, 1000);
+          SolverConstraint c(e, SolverRelation(pick(0, 2)), strength);
+          if (solver.addConstraint(c) == SolverStatus::Ok) held.push_back(c);
+        } else if (op == 5 && !held.empty()) {
+          auto it = held.begin() + pick(0, int(held.size()) - 1);
+          ASSERT_EQ(solver.removeConstraint(*it), SolverStatus::Ok);
+          held.erase(it);
+        } else if (op <= 7 && !held.empty()) {
+          solver.setConstant(held[pick(0, int(held.size()) - 1)], pick(-100, 100));
+        } else if (op == 8) {
+          auto& v = vars[pick(0, 5)];
+          if (!solver.hasEditVariable(v)) solver.addEditVariable(v, pick(1, 1000));
+          solver.suggestValue(v, pick(-50, 50));
+        } else if (op == 9) {
+          solver.removeEditVariable(vars[pick(0, 5)]);
+        }
+        solver.updateVariables();
+        ASSERT_EQ(solver.constraintCount(), held.size());
+        for (const auto& c : held) {
+          if (!c.isRequired()) continue;
+          double value = c.expression().constant, largest = 0, coefficient = 0;
+          for (const auto& t : c.expression().terms) {
+            value += t.coefficient * t.variable.value();
+            largest = std::max(largest, std::fabs(t.variable.value()));
+            coefficient = std::max(coefficient, std::fabs(t.coefficient));
+          }
+          value /= coefficient > 0 ? coefficient : 1;
+          double tolerance = 1e-3 * (1 + largest);
+          bool holds = c.relation() == SolverRelation::Equal         ? std::fabs(value) <= tolerance
+                       : c.relation() == SolverRelation::LessOrEqual ? value <= tolerance
+                                                                     : value >= -tolerance;
+          ASSERT_TRUE(holds) << "unit " << unit << " seed " << seed << " step " << step << ": "
+                             << value;
+        }
+      }
+    }
+  }
+}
+
+TEST(LinearSolver, SetConstantMatchesRemoveAndAddAndRejectsContradictions) {
+  // Boxes a, b, c in a row with gaps; b's gap is changed both ways.
+  auto build = [](LinearSolver& solver, std::vector<SolverVariable>& v, double gap) {
+    v = {SolverVariable("a"), SolverVariable("b"), SolverVariable("c")};
+    solver.addConstraint(make(1, v[0], 0, EQ));
+    solver.addConstraint(make(1, v[2], -100, LE));
+    solver.addConstraint(make(1, v[1], -1, v[2], 20, LE, Strength::strong));
+    solver.addConstraint(make(1, v[2], -95, EQ, Strength::medium));
+    auto gapB = make(1, v[1], -1, v[0], -gap, GE);
+    solver.addConstraint(gapB);
+    solver.addConstraint(make(1, v[1], -30, EQ, Strength::weak));
+    return gapB;
+  };
+  LinearSolver edited, rebuilt;
+  std::vector<SolverVariable> ve, vr;
+  auto gap = build(edited, ve, 10);
+  for (double g : {50.0, 5.0, 75.0}) {
+    ASSERT_EQ(edited.setConstant(gap, -g), SolverStatus::Ok);
+    EXPECT_EQ(gap.expression().constant, -g);
+    rebuilt.reset();
+    build(rebuilt, vr, g);
+    edited.updateVariables();
+    rebuilt.updateVariables();
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(ve[i].value(), vr[i].value(), 1e-9) << g << " " << i;
+  }
+  EXPECT_DOUBLE_EQ(ve[1].value(), 75);
+  // With b <= c <= 100 required, b >= 150 cannot hold: rejected, nothing moves.
+  ASSERT_EQ(edited.addConstraint(make(1, ve[1], -1, ve[2], 0, LE)), SolverStatus::Ok);
+  edited.updateVariables();
+  std::vector<double> before{ve[0].value(), ve[1].value(), ve[2].value()};
+  EXPECT_EQ(edited.setConstant(gap, -150), SolverStatus::UnsatisfiableConstraint);
+  EXPECT_EQ(gap.expression().constant, -75);
+  auto tooFar = make(1, ve[1], -150, GE);
+  EXPECT_EQ(edited.addConstraint(tooFar), SolverStatus::UnsatisfiableConstraint);
+  EXPECT_EQ(edited.addConstraint(make(1, ve[0], -1, EQ)), SolverStatus::UnsatisfiableConstraint);
+  EXPECT_FALSE(edited.hasConstraint(tooFar));
+  bool anyChanged = false;
+  edited.updateVariables([&](const SolverVariable&) { anyChanged = true; });
+  EXPECT_FALSE(anyChanged);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(ve[i].value(), before[i]);
+  // The solver still works after the rejections.
+  ASSERT_EQ(edited.setConstant(gap, -80), SolverStatus::Ok);
+  edited.updateVariables();
+  EXPECT_DOUBLE_EQ(ve[1].value(), 80);
+  // Statuses for duplicates, strangers and bad numbers.
+  EXPECT_EQ(edited.addConstraint(gap), SolverStatus::DuplicateConstraint);
+  EXPECT_EQ(edited.removeConstraint(tooFar), SolverStatus::UnknownConstraint);
+  EXPECT_EQ(edited.setConstant(tooFar, 1), SolverStatus::UnknownConstraint);
+  EXPECT_EQ(edited.setConstant(gap, std::numeric_limits<double>::infinity()),
+            SolverStatus::BadValue);
+  EXPECT_EQ(edited.addConstraint(make(std::nan(""), ve[0], 1, EQ)), SolverStatus::BadValue);
+  // Coefficients near the largest double are taken in the constraint's own
+  // scale, without overflow: a + b = -1e-308 contradicts a = 0, b >= 80.
+  EXPECT_EQ(edited.addConstraint(make(1, ve[0], 1e308, ve[1], 1e308, EQ)),
+            SolverStatus::UnsatisfiableConstraint);
+  EXPECT_EQ(edited.constraintCount(), 7u);
+}
+
+// Replays tests/kiwi_oracle.py's systems and compares every checked step.
+TEST(LinearSolver, AgreesWithKiwisolverOnRandomSystems) {
+  if (access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "/usr/bin/python3 is missing";
+  std::string command = std::string("/usr/bin/python3 ") + KIWI_ORACLE_PATH + " 1 20 2>&1";
+  FILE* pipe = popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::string text;
+  char buffer[65536];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
+  int status = pclose(pipe);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 3) {
+    GTEST_SKIP() << "python3-kiwisolver is not installed (scripts/install-deps.sh installs it)";
+  }
+  ASSERT_EQ(status, 0) << text.substr(0, 2000);
+
+  std::istringstream lines(text);
+  std::string line;
+  int systems = 0, checks = 0;
+  auto solver = std::make_unique<LinearSolver>();
+  std::vector<SolverVariable> xs;
+  std::map<int, SolverConstraint> held;
+  auto relation = [](const std::string& r) { return r == "le" ? LE : r == "ge" ? GE : EQ; };
+  auto readExpression = [&](std::istream& in) {
+    SolverExpression e;
+    size_t k;
+    in >> e.constant >> k;
+    for (size_t i = 0; i < k; ++i) {
+      int v;
+      double c;
+      in >> v >> c;
+      e.terms.push_back({xs.at(v), c});
+    }
+    return e;
+  };
+  while (std::getline(lines, line)) {
+    std::istringstream in(line);
+    std::string op;
+    in >> op;
+    if (op.empty() || op[0] == '#') continue;
+    SCOPED_TRACE("system " + std::to_string(systems) + ": " + line.substr(0, 60));
+    if (op == "vars") {
+      size_t n;
+      in >> n;
+      ++systems;
+      solver = std::make_unique<LinearSolver>();
+      xs.clear();
+      xs.resize(n);  // n distinct variables
+      held.clear();
+    } else if (op == "add") {
+      int id;
+      std::string rel;
+      double strength;
+      in >> id >> rel >> strength;
+      SolverConstraint c(readExpression(in), relation(rel), strength);
+      ASSERT_EQ(solver->addConstraint(c), SolverStatus::Ok);
+      held.emplace(id, c);
+    } else if (op == "unsat") {
+      std::string rel;
+      in >> rel;
+      SolverConstraint c(readExpression(in), relation(rel));
+      ASSERT_EQ(solver->addConstraint(c), SolverStatus::UnsatisfiableConstraint);
+    } else if (op == "remove" || op == "const") {
+      int id;
+      in >> id;
+      if (op == "remove") {
+        ASSERT_EQ(solver->removeConstraint(held.at(id)), SolverStatus::Ok);
+        held.erase(id);
+      } else {
+        double constant;
+        in >> constant;
+        ASSERT_EQ(solver->setConstant(held.at(id), constant), SolverStatus::Ok);
+      }
+    } else if (op == "edit" || op == "suggest") {
+      int v;
+      double number;
+      in >> v >> number;
+      ASSERT_EQ(op == "edit" ? solver->addEditVariable(xs.at(v), number)
+                             : solver->suggestValue(xs.at(v), number),
+                SolverStatus::Ok);
+    } else if (op == "expect") {
+      ++checks;
+      solver->updateVariables();
+      for (size_t i = 0; i < xs.size(); ++i) {
+        double expected;
+        in >> expected;
+        ASSERT_NEAR(xs[i].value(), expected, 1e-6) << "check " << checks << ", variable " << i;
+      }
+    } else {
+      FAIL() << "unknown oracle line";
+    }
+  }
+  EXPECT_EQ(systems, 20);
+  EXPECT_EQ(checks, 20 * 5);
+}
+
+}  // namespace
