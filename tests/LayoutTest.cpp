@@ -271,12 +271,15 @@ TEST(Layout, DeepSubtreesOfFixedFramesCostTheSolverNothing) {
   // for every level. The box is as wide as five of its first level.
   auto root = make({0, 0, 100, 100}, false), box = make();
   root->addSubview(box);
-  Ptr leaf = box;
-  for (int i = 0; i < 10000; ++i) {
+  // Built from the bottom up, so that each addSubview's cycle check is short;
+  // freed at the end without running out of stack.
+  Ptr leaf = make({1, 1, 10, 10}, false), top = leaf;
+  for (int i = 1; i < 10000; ++i) {
     auto level = make({1, 1, 10, 10}, false);
-    leaf->addSubview(level);
-    leaf = level;
+    level->addSubview(top);
+    top = level;
   }
+  box->addSubview(top);
   pin(root, box, A::Left, root, 5);
   pin(root, box, A::Top, root, 6);
   hold(box, box, A::Width, R::Equal, box->subviews()[0], A::Width, 5, 0);

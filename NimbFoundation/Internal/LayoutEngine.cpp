@@ -1,6 +1,7 @@
 #include <NimbFoundation/Internal/LayoutEngine.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <unordered_set>
 
@@ -164,8 +165,21 @@ bool finite(const LayoutConstraint& c) {
 
 }  // namespace
 
-LayoutEngine::LayoutEngine() = default;
-LayoutEngine::~LayoutEngine() = default;
+namespace {
+std::atomic<long> liveEngines{0};
+}  // namespace
+
+LayoutEngine::LayoutEngine() {
+  liveEngines.fetch_add(1, std::memory_order_relaxed);
+}
+
+LayoutEngine::~LayoutEngine() {
+  liveEngines.fetch_sub(1, std::memory_order_relaxed);
+}
+
+bool LayoutEngine::anyExists() {
+  return liveEngines.load(std::memory_order_relaxed) != 0;
+}
 
 double LayoutEngine::strengthForPriority(LayoutPriority priority) {
   if (!(priority < LayoutPriorityRequired)) return SolverStrength::required;

@@ -45,6 +45,9 @@ class LayoutEngine : public std::enable_shared_from_this<LayoutEngine> {
  public:
   LayoutEngine();
   ~LayoutEngine();
+  // Whether any tree in the process has been laid out: until then, changes
+  // to views need not look for their tree's engine.
+  static bool anyExists();
   LayoutEngine(const LayoutEngine&) = delete;
   LayoutEngine& operator=(const LayoutEngine&) = delete;
 

@@ -17,14 +17,29 @@ View::View(Rect frame) : frame_(frame) {}
 // constraints it holds forget it.
 View::~View() {
   for (const auto& c : constraints_) std::erase(c->holders_, this);
+  // A deep tree is freed level by level rather than by destructors calling
+  // destructors, which would run out of stack thousands of levels down: a
+  // subview held by nothing else gives up its own subviews to this list
+  // before it goes.
+  std::vector<std::shared_ptr<View>> pending = std::move(subviews_);
+  while (!pending.empty()) {
+    std::shared_ptr<View> view = std::move(pending.back());
+    pending.pop_back();
+    if (view.use_count() == 1) {
+      for (auto& sub : view->subviews_) pending.push_back(std::move(sub));
+      view->subviews_.clear();
+    }
+  }
 }
 
 void View::setFrame(Rect frame) {
   if (frame == frame_) return;
   bool resized = frame.size != frame_.size;
   frame_ = frame;
-  View* top = root();
-  if (top->engine_) top->engine_->frameChanged(*this);
+  if (detail::LayoutEngine::anyExists()) {
+    View* top = root();
+    if (top->engine_) top->engine_->frameChanged(*this);
+  }
   if (resized) setNeedsLayout();
 }
 
@@ -35,6 +50,7 @@ View* View::root() {
 }
 
 void View::layoutStructureChanged() {
+  if (!detail::LayoutEngine::anyExists()) return;
   View* top = root();
   if (top->engine_) top->engine_->structureChanged();
 }
@@ -202,6 +218,7 @@ void View::setNeedsLayout() {
   // Already marked: the tree's engine knows (or finds it when it syncs).
   if (needsLayout_) return;
   needsLayout_ = true;
+  if (!detail::LayoutEngine::anyExists()) return;
   View* top = root();
   if (top->engine_) top->engine_->needsLayout(*this);
 }
