@@ -1,6 +1,7 @@
 #include <NimbFoundation/Internal/LayoutEngine.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <unordered_set>
@@ -130,12 +131,83 @@ SolverConstraint sizeConstraint(const SolverVariable& v, double size, SolverRela
   return SolverConstraint(std::move(e), relation, LayoutEngine::strengthForPriority(priority));
 }
 
-// The four fixed-frame values in constraint order.
-void frameValues(Rect frame, double out[4]) {
-  out[0] = frame.origin.x;
-  out[1] = frame.origin.y;
-  out[2] = frame.size.width;
-  out[3] = frame.size.height;
+// The four required equalities that hold `s` at `frame` (left and top
+// relative to its parent's, when it has one), in the order left, top,
+// width, height; none for a number that is not finite.
+template <typename State>
+std::array<std::optional<SolverConstraint>, 4> frameConstraints(const State& s, Rect frame) {
+  const double values[4] = {frame.origin.x, frame.origin.y, frame.size.width, frame.size.height};
+  const SolverVariable* own[4] = {&s.left, &s.top, &s.width, &s.height};
+  const SolverVariable* parentVars[4] = {s.parent ? &s.parent->left : nullptr,
+                                         s.parent ? &s.parent->top : nullptr, nullptr, nullptr};
+  std::array<std::optional<SolverConstraint>, 4> out;
+  for (int i = 0; i < 4; ++i) {
+    if (std::isfinite(values[i])) out[i] = frameConstraint(*own[i], parentVars[i], values[i]);
+  }
+  return out;
+}
+
+// What a view's content asks of one axis (0 horizontal, 1 vertical): its
+// intrinsic size, held by hugging (<=) and compression resistance (>=).
+struct AxisWish {
+  bool has;
+  double size;
+  LayoutPriority priority[2];  // hugging, compression resistance
+};
+
+AxisWish intrinsicWish(const View& view, int axis) {
+  Size size = view.intrinsicContentSize();
+  double value = axis == 0 ? size.width : size.height;
+  LayoutAxis a = axis == 0 ? LayoutAxis::Horizontal : LayoutAxis::Vertical;
+  return {
+      std::isfinite(value) && value >= 0,
+      value,
+      {view.contentHuggingPriorityForAxis(a), view.contentCompressionResistancePriorityForAxis(a)}};
+}
+
+// Constraint k (0 hugging, 1 compression resistance) of `wish` on `size`.
+SolverConstraint intrinsicConstraint(const SolverVariable& size, const AxisWish& wish, int k) {
+  return sizeConstraint(size, wish.size,
+                        k == 0 ? SolverRelation::LessOrEqual : SolverRelation::GreaterOrEqual,
+                        wish.priority[k]);
+}
+
+// Removes each held constraint of `list` from `solver` and forgets it.
+template <std::size_t N>
+void dropAll(LinearSolver& solver, std::optional<SolverConstraint> (&list)[N]) {
+  for (auto& c : list) {
+    if (c) solver.removeConstraint(*c);
+    c.reset();
+  }
+}
+
+// The constraints held by `holders` whose items are all views of `states`
+// (`inTree` tells), each once, in the order they were made, so that among
+// contradicting ones the last made is the one left out. Their items are
+// marked as named.
+template <typename States, typename InTree>
+std::vector<std::shared_ptr<LayoutConstraint>> constraintsAmong(
+    const std::vector<const View*>& holders, States& states, InTree&& inTree) {
+  std::vector<std::shared_ptr<LayoutConstraint>> wanted;
+  std::unordered_set<const LayoutConstraint*> seen;
+  for (const View* holder : holders) {
+    for (const auto& c : holder->constraints()) {
+      if (!seen.insert(c.get()).second) continue;
+      auto first = c->firstItem();
+      auto second = c->secondItem();
+      if (!first || !inTree(first.get())) continue;
+      if (c->secondAttribute() != LayoutAttribute::NotAnAttribute &&
+          (!second || !inTree(second.get()))) {
+        continue;
+      }
+      states.at(first.get())->named = true;
+      if (second) states.at(second.get())->named = true;
+      wanted.push_back(c);
+    }
+  }
+  std::sort(wanted.begin(), wanted.end(),
+            [](const auto& a, const auto& b) { return a->sequence() < b->sequence(); });
+  return wanted;
 }
 
 // Every view of `view`'s subtree, parents before children.
@@ -213,14 +285,8 @@ LayoutEngine::ViewState& LayoutEngine::stateFor(View& view) {
 }
 
 void LayoutEngine::forget(ViewState& state) {
-  for (auto& c : state.frame) {
-    if (c) solver_.removeConstraint(*c);
-    c.reset();
-  }
-  for (auto& c : state.intrinsic) {
-    if (c) solver_.removeConstraint(*c);
-    c.reset();
-  }
+  dropAll(solver_, state.frame);
+  dropAll(solver_, state.intrinsic);
   for (const SolverVariable* v : {&state.left, &state.top, &state.width, &state.height}) {
     owners_.erase(v->id());
   }
@@ -270,47 +336,34 @@ void LayoutEngine::updateImplicit(ViewState& s) {
   View& view = *s.view;
   bool wantFixed = view.translatesAutoresizingMaskIntoConstraints() || !s.named;
   if (wantFixed) {
-    for (auto& c : s.intrinsic) {
-      if (c) solver_.removeConstraint(*c);
-      c.reset();
-    }
-    if (!s.needed) {
-      // Its frame is kept as given and no place depends on its variables.
-      for (auto& c : s.frame) {
-        if (c) solver_.removeConstraint(*c);
-        c.reset();
-      }
-      s.fixed = true;
-      s.fixedParent = nullptr;
-      s.heldFrame = view.frame();
-      s.frameBroken = false;
-      return;
-    }
-    double values[4];
-    frameValues(view.frame(), values);
-    bool present = s.fixed && s.frame[0] && s.fixedParent == s.parent;
+    dropAll(solver_, s.intrinsic);
+    auto fresh = frameConstraints(s, view.frame());
+    // Held already, all four, under the same parent: only the numbers move.
+    bool present = s.needed && s.fixed && s.fixedParent == s.parent;
+    for (int i = 0; i < 4; ++i) present = present && s.frame[i] && fresh[i];
     if (present) {
       if (view.frame() != s.heldFrame) {
-        for (int i = 0; i < 4; ++i) solver_.setConstant(*s.frame[i], -values[i]);
+        for (int i = 0; i < 4; ++i) {
+          solver_.setConstant(*s.frame[i], fresh[i]->expression().constant);
+        }
         s.heldFrame = view.frame();
       }
       return;
     }
-    for (auto& c : s.frame) {
-      if (c) solver_.removeConstraint(*c);
-      c.reset();
-    }
+    dropAll(solver_, s.frame);
     s.fixed = true;
-    s.fixedParent = s.parent;
     s.heldFrame = view.frame();
-    const SolverVariable* own[4] = {&s.left, &s.top, &s.width, &s.height};
-    const SolverVariable* parentVars[4] = {s.parent ? &s.parent->left : nullptr,
-                                           s.parent ? &s.parent->top : nullptr, nullptr, nullptr};
+    if (!s.needed) {
+      // Its frame is kept as given and no place depends on its variables.
+      s.fixedParent = nullptr;
+      s.frameBroken = false;
+      return;
+    }
+    s.fixedParent = s.parent;
     for (int i = 0; i < 4; ++i) {
-      if (!std::isfinite(values[i])) continue;
-      SolverConstraint c = frameConstraint(*own[i], parentVars[i], values[i]);
-      if (solver_.addConstraint(c) == SolverStatus::Ok) {
-        s.frame[i] = std::move(c);
+      if (!fresh[i]) continue;
+      if (solver_.addConstraint(*fresh[i]) == SolverStatus::Ok) {
+        s.frame[i] = std::move(fresh[i]);
       } else if (!s.frameBroken) {
         s.frameBroken = true;
         SystemLog::log(
@@ -322,27 +375,19 @@ void LayoutEngine::updateImplicit(ViewState& s) {
     return;
   }
 
-  for (auto& c : s.frame) {
-    if (c) solver_.removeConstraint(*c);
-    c.reset();
-  }
+  dropAll(solver_, s.frame);
   s.fixed = false;
   s.frameBroken = false;
-  Size size = view.intrinsicContentSize();
-  double sizes[2] = {size.width, size.height};
   const SolverVariable* vars[2] = {&s.width, &s.height};
   for (int axis = 0; axis < 2; ++axis) {
-    LayoutAxis a = axis == 0 ? LayoutAxis::Horizontal : LayoutAxis::Vertical;
-    LayoutPriority want[2] = {view.contentHuggingPriorityForAxis(a),
-                              view.contentCompressionResistancePriorityForAxis(a)};
-    bool has = std::isfinite(sizes[axis]) && sizes[axis] >= 0;
+    AxisWish wish = intrinsicWish(view, axis);
     std::optional<SolverConstraint>* pair = &s.intrinsic[axis * 2];
-    bool samePriorities = pair[0] && s.intrinsicPriority[axis * 2] == want[0] &&
-                          s.intrinsicPriority[axis * 2 + 1] == want[1];
-    if (has && samePriorities) {
-      if (s.intrinsicSize[axis] != sizes[axis]) {
-        for (int k = 0; k < 2; ++k) solver_.setConstant(*pair[k], -sizes[axis]);
-        s.intrinsicSize[axis] = sizes[axis];
+    bool samePriorities = pair[0] && s.intrinsicPriority[axis * 2] == wish.priority[0] &&
+                          s.intrinsicPriority[axis * 2 + 1] == wish.priority[1];
+    if (wish.has && samePriorities) {
+      if (s.intrinsicSize[axis] != wish.size) {
+        for (int k = 0; k < 2; ++k) solver_.setConstant(*pair[k], -wish.size);
+        s.intrinsicSize[axis] = wish.size;
       }
       continue;
     }
@@ -350,13 +395,11 @@ void LayoutEngine::updateImplicit(ViewState& s) {
       if (pair[k]) solver_.removeConstraint(*pair[k]);
       pair[k].reset();
     }
-    if (!has) continue;
-    s.intrinsicSize[axis] = sizes[axis];
-    const SolverRelation relations[2] = {SolverRelation::LessOrEqual,
-                                         SolverRelation::GreaterOrEqual};
+    if (!wish.has) continue;
+    s.intrinsicSize[axis] = wish.size;
     for (int k = 0; k < 2; ++k) {
-      s.intrinsicPriority[axis * 2 + k] = want[k];
-      SolverConstraint c = sizeConstraint(*vars[axis], sizes[axis], relations[k], want[k]);
+      s.intrinsicPriority[axis * 2 + k] = wish.priority[k];
+      SolverConstraint c = intrinsicConstraint(*vars[axis], wish, k);
       if (solver_.addConstraint(c) == SolverStatus::Ok) pair[k] = std::move(c);
     }
   }
@@ -366,8 +409,7 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
   ++epoch_;
   std::vector<std::pair<View*, View*>> order;
   collectSubtree(root, order);
-  std::vector<std::shared_ptr<LayoutConstraint>> held;
-  std::unordered_set<const LayoutConstraint*> seenConstraints;
+  std::vector<const View*> holders;
   for (auto [view, parent] : order) {
     ViewState& s = stateFor(*view);
     s.seen = epoch_;
@@ -382,26 +424,14 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
     s.named = false;
     s.needed = false;
     if (view->needsLayout()) flagged.push_back(view);
-    for (const auto& c : view->constraints()) {
-      if (seenConstraints.insert(c.get()).second) held.push_back(c);
-    }
+    holders.push_back(view);
   }
-  auto inTree = [&](const View* v) {
-    auto it = views_.find(v);
-    return it != views_.end() && it->second->seen == epoch_;
-  };
   // The constraints the solver should hold: both items alive and in this
   // tree. Their items are laid out by constraints.
-  std::vector<std::shared_ptr<LayoutConstraint>> wanted;
-  for (auto& c : held) {
-    auto first = c->firstItem();
-    auto second = c->secondItem();
-    if (!first || !inTree(first.get())) continue;
-    if (c->secondRaw_ && (!second || !inTree(second.get()))) continue;
-    views_.at(first.get())->named = true;
-    if (second) views_.at(second.get())->named = true;
-    wanted.push_back(std::move(c));
-  }
+  auto wanted = constraintsAmong(holders, views_, [&](const View* v) {
+    auto it = views_.find(v);
+    return it != views_.end() && it->second->seen == epoch_;
+  });
   std::unordered_set<const LayoutConstraint*> wantedSet;
   for (const auto& c : wanted) wantedSet.insert(c.get());
   markNeeded(order, views_);
@@ -428,11 +458,8 @@ void LayoutEngine::sync(View& root, std::vector<View*>& flagged) {
     }
   }
 
-  // Frames and intrinsic sizes, then the constraints in the order they were
-  // made, so that among contradicting ones the last made is left out.
+  // Frames and intrinsic sizes first, then the constraints.
   for (auto [view, parent] : order) updateImplicit(*views_.at(view));
-  std::sort(wanted.begin(), wanted.end(),
-            [](const auto& a, const auto& b) { return a->sequence() < b->sequence(); });
   for (const auto& c : wanted) {
     auto it = installed_.find(c.get());
     if (it == installed_.end()) {
@@ -575,30 +602,18 @@ Size LayoutEngine::fittingSize(View& view, Size target) {
   std::unordered_map<const View*, std::unique_ptr<ViewState>> states;
   std::vector<std::pair<View*, View*>> order;
   collectSubtree(view, order);
+  std::vector<const View*> holders;
+  for (auto up = view.superview(); up; up = up->superview()) holders.push_back(up.get());
   for (auto [v, parent] : order) {
     auto s = std::make_unique<ViewState>();
     s->view = v;
     s->parent = parent ? states.at(parent).get() : nullptr;
     states[v] = std::move(s);
+    holders.push_back(v);
   }
-  auto inside = [&](const View* v) { return v && states.count(v) != 0; };
-
   // Constraints among the subtree's views, wherever in the tree they are held.
-  std::vector<std::shared_ptr<LayoutConstraint>> wanted;
-  std::unordered_set<const LayoutConstraint*> seen;
-  auto consider = [&](const View& holder) {
-    for (const auto& c : holder.constraints()) {
-      if (!seen.insert(c.get()).second || !finite(*c)) continue;
-      auto first = c->firstItem();
-      auto second = c->secondItem();
-      if (!inside(first.get()) || (c->secondRaw_ && !inside(second.get()))) continue;
-      states.at(first.get())->named = true;
-      if (second) states.at(second.get())->named = true;
-      wanted.push_back(c);
-    }
-  };
-  for (auto up = view.superview(); up; up = up->superview()) consider(*up);
-  for (auto [v, parent] : order) consider(*v);
+  auto wanted =
+      constraintsAmong(holders, states, [&](const View* v) { return states.count(v) != 0; });
   markNeeded(order, states);
 
   ViewState& self = *states.at(&view);
@@ -607,35 +622,24 @@ Size LayoutEngine::fittingSize(View& view, Size target) {
   for (auto [v, parent] : order) {
     ViewState& s = *states.at(v);
     bool fixed = v != &view && (v->translatesAutoresizingMaskIntoConstraints() || !s.named);
-    if (fixed && !s.needed) continue;
     if (fixed) {
-      double values[4];
-      frameValues(v->frame(), values);
-      const SolverVariable* own[4] = {&s.left, &s.top, &s.width, &s.height};
-      const SolverVariable* parentVars[4] = {&s.parent->left, &s.parent->top, nullptr, nullptr};
-      for (int i = 0; i < 4; ++i) {
-        if (std::isfinite(values[i])) {
-          solver.addConstraint(frameConstraint(*own[i], parentVars[i], values[i]));
-        }
+      if (!s.needed) continue;
+      for (auto& c : frameConstraints(s, v->frame())) {
+        if (c) solver.addConstraint(*c);
       }
       continue;
     }
-    Size size = v->intrinsicContentSize();
-    double sizes[2] = {size.width, size.height};
     const SolverVariable* vars[2] = {&s.width, &s.height};
     for (int axis = 0; axis < 2; ++axis) {
-      if (!std::isfinite(sizes[axis]) || sizes[axis] < 0) continue;
-      LayoutAxis a = axis == 0 ? LayoutAxis::Horizontal : LayoutAxis::Vertical;
-      solver.addConstraint(sizeConstraint(*vars[axis], sizes[axis], SolverRelation::LessOrEqual,
-                                          v->contentHuggingPriorityForAxis(a)));
-      solver.addConstraint(sizeConstraint(*vars[axis], sizes[axis], SolverRelation::GreaterOrEqual,
-                                          v->contentCompressionResistancePriorityForAxis(a)));
+      AxisWish wish = intrinsicWish(*v, axis);
+      if (!wish.has) continue;
+      for (int k = 0; k < 2; ++k) solver.addConstraint(intrinsicConstraint(*vars[axis], wish, k));
     }
   }
-  std::sort(wanted.begin(), wanted.end(),
-            [](const auto& a, const auto& b) { return a->sequence() < b->sequence(); });
   for (const auto& c : wanted) {
-    solver.addConstraint(toSolver(*c, [&](const View* v) { return states.at(v).get(); }));
+    if (finite(*c)) {
+      solver.addConstraint(toSolver(*c, [&](const View* v) { return states.at(v).get(); }));
+    }
   }
   double fitting = strengthForPriority(LayoutPriorityFittingSizeLevel);
   auto clampTarget = [](double v) { return std::isfinite(v) ? v : 0.0; };
