@@ -37,14 +37,6 @@ bool isHorizontal(LayoutAttribute a) {
   }
 }
 
-std::string itemName(const std::shared_ptr<View>& view, const View* raw) {
-  if (!view) return "(gone)";
-  if (!view->accessibilityIdentifier().empty()) return view->accessibilityIdentifier();
-  char address[2 + 2 * sizeof(void*) + 1];
-  std::snprintf(address, sizeof address, "%p", static_cast<const void*>(raw));
-  return view->className() + ":" + address;
-}
-
 }  // namespace
 
 const char* layoutAttributeName(LayoutAttribute attribute) {
@@ -151,9 +143,12 @@ void LayoutConstraint::deactivateConstraints(
 }
 
 std::string LayoutConstraint::description() const {
-  char address[2 + 2 * sizeof(void*) + 1];
-  std::snprintf(address, sizeof address, "%p", static_cast<const void*>(this));
-  std::string out = std::string("<LayoutConstraint: ") + address;
+  auto itemName = [](const std::shared_ptr<View>& view, const View* raw) -> std::string {
+    if (!view) return "(gone)";
+    if (!view->accessibilityIdentifier().empty()) return view->accessibilityIdentifier();
+    return view->className() + ":" + View::formatAddress(raw);
+  };
+  std::string out = "<LayoutConstraint: " + View::formatAddress(this);
   if (!identifier_.empty()) out += " '" + identifier_ + "'";
   out += " " + itemName(first_.lock(), firstRaw_) + "." + layoutAttributeName(firstAttribute_);
   out += relation_ == LayoutRelation::Equal             ? " == "

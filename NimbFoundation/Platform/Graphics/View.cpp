@@ -246,10 +246,14 @@ std::string View::formatNumber(double value) {
   return std::string(buffer, result.ptr);
 }
 
+std::string View::formatAddress(const void* address) {
+  char text[2 + 2 * sizeof(void*) + 1];
+  std::snprintf(text, sizeof text, "%p", address);
+  return text;
+}
+
 std::string View::description() const {
-  char address[2 + 2 * sizeof(void*) + 1];
-  std::snprintf(address, sizeof address, "%p", static_cast<const void*>(this));
-  std::string out = "<" + className() + ": " + address;
+  std::string out = "<" + className() + ": " + formatAddress(this);
   appendDescription(out);
   out += '>';
   return out;

@@ -157,6 +157,8 @@ class View : public std::enable_shared_from_this<View> {
   virtual void appendDescription(std::string& out) const;
   // The shortest text that reads back as `value` ("10", "0.5").
   static std::string formatNumber(double value);
+  // An address as descriptions show it ("0x55d0c2a1e2b0").
+  static std::string formatAddress(const void* address);
 
  private:
   friend class LayoutConstraint;
