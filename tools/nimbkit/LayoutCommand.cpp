@@ -25,6 +25,7 @@
 
 #include <NimbFoundation/NimbConstraintCache.h>
 #include <NimbFoundation/NimbKit.h>
+#include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Graphics/LayoutConstraint.h>
 #include <NimbFoundation/Platform/Graphics/View.h>
 #include <NimbFoundation/Platform/Graphics/ViewRenderer.h>
@@ -386,18 +387,6 @@ void printTree(const nimb::View& view, int depth) {
   for (const auto& subview : view.subviews()) printTree(*subview, depth + 1);
 }
 
-void writeFile(const fs::path& path, const nimb::Data& bytes) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) throw std::runtime_error(escapeForDisplay(path.string()) + ": cannot open for writing");
-  const bool written = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-  const bool closed = std::fclose(f) == 0;
-  if (!written || !closed) {
-    std::error_code ec;
-    fs::remove(path, ec);
-    throw std::runtime_error(escapeForDisplay(path.string()) + ": cannot write");
-  }
-}
-
 struct LayoutOptions {
   std::string file;
   std::string out = ".";
@@ -457,7 +446,11 @@ int runLayout(const LayoutOptions& options) {
     }
     auto png = image->pngRepresentation();
     if (!png) throw std::runtime_error(std::string(name) + ": cannot encode the picture");
-    writeFile(fs::path(options.out) / name, *png);
+    const std::string path = (fs::path(options.out) / name).string();
+    if (auto written = nimb::FileManager::writeAtomically(path, *png); !written) {
+      throw std::runtime_error(escapeForDisplay(path) + ": cannot write (" +
+                               written.error().message() + ")");
+    }
     std::printf("[%s]\n", name);
     printTree(*root, 0);
   };
