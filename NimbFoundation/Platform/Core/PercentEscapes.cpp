@@ -1,5 +1,7 @@
 #include <NimbFoundation/Platform/Core/PercentEscapes.h>
 
+#include <NimbFoundation/Internal/HexDigit.h>
+
 #include <array>
 
 #include <NimbFoundation/Platform/Core/Text.h>
@@ -28,13 +30,6 @@ bool isLegalInURL(unsigned char byte) {
     return set;
   }();
   return byte < 128 && legal[byte];
-}
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
 }
 
 }  // namespace
@@ -74,8 +69,8 @@ std::optional<std::string> PercentEscapes::replacingPercentEscapes(std::string_v
       continue;
     }
     if (text.size() - i < 3) return std::nullopt;
-    const int high = hexValue(text[i + 1]);
-    const int low = hexValue(text[i + 2]);
+    const int high = detail::hexDigitValue(text[i + 1]);
+    const int low = detail::hexDigitValue(text[i + 2]);
     if (high < 0 || low < 0) return std::nullopt;
     const auto byte = static_cast<unsigned char>(high * 16 + low);
     if (byte < 128 && keep[byte]) {

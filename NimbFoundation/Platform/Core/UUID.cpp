@@ -1,5 +1,7 @@
 #include <NimbFoundation/Platform/Core/UUID.h>
 
+#include <NimbFoundation/Internal/HexDigit.h>
+
 #include <openssl/evp.h>
 #include <sys/random.h>
 
@@ -28,13 +30,6 @@ void randomBytes(std::uint8_t* out, std::size_t n) {
       for (; done < n; ++done) out[done] = static_cast<std::uint8_t>(fallback());
     }
   }
-}
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
 }
 
 }  // namespace
@@ -73,7 +68,7 @@ std::optional<UUID> UUID::fromString(std::string_view text) {
       if (text[i] != '-') return std::nullopt;
       continue;
     }
-    const int v = hexValue(text[i]);
+    const int v = detail::hexDigitValue(text[i]);
     if (v < 0) return std::nullopt;
     b[nibble / 2] = static_cast<std::uint8_t>(b[nibble / 2] | (nibble % 2 ? v : v << 4));
     ++nibble;
