@@ -100,8 +100,7 @@ Data animatedWebP(std::uint32_t width, std::uint32_t height,
 // A GIF whose logical screen claims `width` x `height`.
 Data gifClaiming(std::uint32_t width, std::uint32_t height) {
   Data gif = *Image::withBitmap(pattern(2, 2))->gifRepresentation();
-  put(gif, 6, width, 2, true);
-  put(gif, 8, height, 2, true);
+  put(gif, 6, height << 16 | width, 4, true);  // two little-endian 16-bit fields
   return gif;
 }
 
@@ -166,8 +165,8 @@ TEST(ImageJpeg, DecodesColoursAndExifOrientationInBothByteOrders) {
     auto image = Image::withData(withApp1(redBlue(), exif(little, value)));
     ASSERT_TRUE(image);
     EXPECT_EQ(image->orientation(), want);
-    EXPECT_EQ(image->bitmap().width, 32);  // stored as decoded, not rotated
-    EXPECT_EQ(image->bitmap().height, 16);
+    // Stored as decoded, not rotated.
+    EXPECT_EQ(std::tuple(image->bitmap().width, image->bitmap().height), std::tuple(32, 16));
     EXPECT_LE(test::farthest(pixel(image->bitmap(), 4, 8), test::kRed), 10);
     EXPECT_LE(test::farthest(pixel(image->bitmap(), 27, 8), test::kBlue), 10);
   }
@@ -237,8 +236,7 @@ TEST(ImageCodecs, EachFormatRoundTrips) {
     EXPECT_LE(maxDifference(back->bitmap().rgba, smooth->bitmap().rgba), tolerance);
   }
   // JPEG drops alpha by weighting colours with it: white under alpha 0 comes out black.
-  Bitmap veiled{16, 16, Data(16 * 16 * 4, 255)};
-  for (std::size_t i = 3; i < veiled.rgba.size(); i += 4) veiled.rgba[i] = 0;
+  const Bitmap veiled = filled(16, 16, [](int, int) { return Pixel{255, 255, 255, 0}; });
   auto dark = Image::withData(*Image::withBitmap(veiled)->jpegRepresentation(90));
   ASSERT_TRUE(dark);
   for (std::size_t i = 0; i < dark->bitmap().rgba.size(); ++i)
@@ -277,10 +275,8 @@ TEST(ImageGif, InterlacedFrameAtAnOffsetOnATransparentCanvas) {
   const std::size_t desc = 13 + 768 + 8;  // past the screen, the palette, the control block
   ASSERT_EQ(gif[desc - 8], 0x21);
   ASSERT_EQ(gif[desc], 0x2C);
-  put(gif, 6, 16, 2, true);  // a 16x14 canvas
-  put(gif, 8, 14, 2, true);
-  put(gif, desc + 1, 5, 2, true);  // the frame at (5, 3)
-  put(gif, desc + 3, 3, 2, true);
+  put(gif, 6, 14 << 16 | 16, 4, true);       // a 16x14 canvas
+  put(gif, desc + 1, 3 << 16 | 5, 4, true);  // the frame at (5, 3)
   gif[desc + 9] |= 0x40;  // interlaced: the rows as stored land on 0, 8, 4, 2, 6, 1, 3, 5, 7, 9
   const int kLandsOn[] = {0, 8, 4, 2, 6, 1, 3, 5, 7, 9};
   Data want(16 * 14 * 4);

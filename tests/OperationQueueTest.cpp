@@ -13,19 +13,18 @@
 using namespace std::chrono_literals;
 using nimb::OperationQueue;
 
+// Queues `n` operations that each wait for `gate` and then count themselves in `done`.
+void addGated(OperationQueue& queue, int n, std::shared_future<void> gate, std::atomic<int>& done) {
+  for (int i = 0; i < n; ++i) queue.addOperation([&done, gate] { gate.wait(), ++done; });
+}
+
 TEST(OperationQueue, AddNeverBlocksWaitSeesEverythingFinishAndThrowingOnesAreDropped) {
   OperationQueue queue;
   std::promise<void> release;
-  std::shared_future<void> gate = release.get_future().share();
   std::atomic<int> done{0};
   // More blocked operations than workers: adding must still return (were it
   // to wait for a worker, the test would never get to the release).
-  for (int i = 0; i < 50; ++i) {
-    queue.addOperation([&, gate] {
-      gate.wait();
-      ++done;
-    });
-  }
+  addGated(queue, 50, release.get_future().share(), done);
   EXPECT_EQ(queue.operationCount(), 50u);
   // A throwing operation is dropped; one may queue more, which wait also sees.
   queue.addOperation([] { throw std::runtime_error("boom"); });
@@ -63,16 +62,10 @@ TEST(OperationQueue, RunsOperationsConcurrently) {
 TEST(OperationQueue, DestructorLetsQueuedWorkFinish) {
   std::atomic<int> done{0};
   std::promise<void> release;
-  std::shared_future<void> gate = release.get_future().share();
   std::thread releaser;
   {
     OperationQueue queue;
-    for (int i = 0; i < 20; ++i) {
-      queue.addOperation([&, gate] {
-        gate.wait();
-        ++done;
-      });
-    }
+    addGated(queue, 20, release.get_future().share(), done);
     // Opens the gate while the queue is being destroyed with all 20 queued.
     releaser = std::thread([&] { release.set_value(); });
   }

@@ -149,9 +149,8 @@ TEST(URL, ParsesAbsoluteURLsKeepingTheirTextAndComparesByIt) {
     EXPECT_EQ(url->scheme(), scheme);
     EXPECT_EQ(url->host(), host);
   }
-  for (const char* bad : {"not a url", "", "http://exa mple.com/x", "/relative/path"}) {
+  for (const char* bad : {"not a url", "", "http://exa mple.com/x", "/relative/path"})
     EXPECT_FALSE(URL::withString(bad)) << '"' << bad << '"';
-  }
   EXPECT_EQ(*URL::withString("http://a.test/x"), *URL::withString("http://a.test/x"));
   EXPECT_NE(*URL::withString("http://a.test/x"), *URL::withString("http://a.test/x/"));
   EXPECT_NE(*URL::withString("http://a.test/x"), *URL::withString("http://A.test/x"));

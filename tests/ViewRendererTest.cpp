@@ -52,12 +52,10 @@ TEST(ViewRenderer, DrawsBackToFrontAtNestedOffsetsSkippingHiddenAndBlendingAlpha
   ASSERT_TRUE(image);
   const Bitmap& bm = image->bitmap();
   ASSERT_EQ(std::tuple(bm.width, bm.height), std::tuple(40, 40));
-  EXPECT_EQ(pixel(bm, 5, 25), kRed);
-  EXPECT_EQ(pixel(bm, 12, 12), kBlue);
-  EXPECT_EQ(pixel(bm, 17, 17), kGreen);
-  EXPECT_EQ(pixel(bm, 2, 32), kRed);   // hidden, and its subview too
-  EXPECT_EQ(pixel(bm, 35, 35), kRed);  // NaN alpha draws nothing
-  EXPECT_EQ(pixel(bm, 35, 20), kGreen);
+  // (2, 32): hidden, and its subview too; (35, 35): NaN alpha draws nothing.
+  const std::tuple<int, int, Pixel> exact[] = {{5, 25, kRed}, {12, 12, kBlue}, {17, 17, kGreen},
+                                               {2, 32, kRed}, {35, 35, kRed},  {35, 20, kGreen}};
+  for (auto [x, y, want] : exact) EXPECT_EQ(pixel(bm, x, y), want) << x << "," << y;
   EXPECT_LE(farthest(pixel(bm, 35, 5), {255, 128, 128, 255}), 1);
   EXPECT_LE(farthest(pixel(bm, 1, 5), kGreen), 2);
   EXPECT_LE(farthest(pixel(bm, 8, 5), kBlue), 2);
@@ -80,11 +78,10 @@ TEST(ViewRenderer, ClipsOnlyViewsThatAskAndAppliesAlphaToTheGroup) {
   group->addSubview(box({5, 0, 10, 10}, kBlueColor));
   root->addSubview(group);
 
-  auto drawn = ViewRenderer::imageOfView(*root, 1);
-  EXPECT_EQ(pixel(drawn->bitmap(), 12, 12), kGreen);
-  EXPECT_EQ(pixel(drawn->bitmap(), 18, 18), kClear);
-  EXPECT_LE(farthest(pixel(drawn->bitmap(), 22, 5), {0, 0, 255, 128}), 1);
-  EXPECT_EQ(pixel(drawn->bitmap(), 27, 5), pixel(drawn->bitmap(), 22, 5));
+  const Bitmap drawn = ViewRenderer::imageOfView(*root, 1)->bitmap();
+  EXPECT_EQ(std::tuple(pixel(drawn, 12, 12), pixel(drawn, 18, 18)), std::tuple(kGreen, kClear));
+  EXPECT_LE(farthest(pixel(drawn, 22, 5), {0, 0, 255, 128}), 1);
+  EXPECT_EQ(pixel(drawn, 27, 5), pixel(drawn, 22, 5));
 
   parent->setClipsToBounds(true);
   auto clipped = ViewRenderer::imageOfView(*root, 1);
