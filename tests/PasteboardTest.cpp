@@ -45,7 +45,6 @@ TEST_F(PasteboardTest, CreateReadWriteAndRemove) {
   EXPECT_EQ(Pasteboard::pasteboardWithName(kSlot, false), nullptr);
   auto board = Pasteboard::pasteboardWithName(kSlot, true);
   ASSERT_NE(board, nullptr);
-  EXPECT_FALSE(board->isPersistent());
   EXPECT_FALSE(board->dataForPasteboardType(kType));
 
   ASSERT_TRUE(board->setData(dataOf("first"), kType));

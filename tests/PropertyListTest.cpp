@@ -191,9 +191,7 @@ TEST(PropertyListFile, ReadsOnlyDictionariesAndWritesXmlAtomically) {
   EXPECT_EQ(PropertyList::dictionaryWithContentsOfFile(path).optional(), first);
   ASSERT_TRUE(PropertyList::writeToFile(second, path));  // replaces the file
   EXPECT_EQ(PropertyList::dictionaryWithContentsOfFile(path).optional(), second);
-  auto bytes = FileManager::contentsAtPath(path);
-  ASSERT_TRUE(bytes);
-  const std::string text(bytes->begin(), bytes->end());
+  const std::string text = test::readFile(path);
   EXPECT_EQ(text.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist", 0), 0u);
   EXPECT_NE(text.find("<date>2001-01-01T00:00:00Z</date>"), std::string::npos);
   auto unfit = PropertyList::writeToFile({{"bad", Null{}}}, dir + "/null.plist");

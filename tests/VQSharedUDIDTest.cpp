@@ -120,8 +120,7 @@ TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesItUnlessOptedOut) {
   EXPECT_EQ(recordSlot(), slotName(0));
 
   // Later calls answer from the cache, whatever the slots say now.
-  fillSlot(1, std::string(40, 'b'));
-  fillSlot(2, std::string(40, 'b'));
+  for (int other : {1, 2}) fillSlot(other, std::string(40, 'b'));
   EXPECT_EQ(VQSharedUDID::valueWithError(&error), id);
   EXPECT_EQ(error.code, 0);
   EXPECT_EQ(*error.userInfo.at("description").asString(), "SharedUDID in cache from first call");

@@ -147,17 +147,15 @@ TEST(VQUtilsText, SubStringCutsWholeCharactersByEncodedBytes) {
 }
 
 TEST(VQUtilsNumbers, PureNumbersFollowTheScannerRules) {
-  for (const char* yes : {"12", " 12\n", "+5", "-0", "\t-2147483648 ", "99999999999", "\u00A07"}) {
-    EXPECT_TRUE(VQUtils::isPureInt(yes)) << yes;
-  }
-  for (const char* no : {"", "  ", "12a", "1.5", "+", "- 1", "1 2", "\xEF\xBC\x91"}) {
-    EXPECT_FALSE(VQUtils::isPureInt(no)) << no;
-  }
-  for (const char* yes : {"1.5", ".5", "5.", "-1e3", "2E-2 ", "7"}) {
-    EXPECT_TRUE(VQUtils::isPureFloat(yes)) << yes;
-  }
-  for (const char* no : {".", "1e", "1.5.2", "e5", "0x10", "nan", "1,5"}) {
-    EXPECT_FALSE(VQUtils::isPureFloat(no)) << no;
+  const std::tuple<bool (*)(std::string_view), bool, std::vector<const char*>> rows[] = {
+      {&VQUtils::isPureInt,
+       true,
+       {"12", " 12\n", "+5", "-0", "\t-2147483648 ", "99999999999", "\u00A07"}},
+      {&VQUtils::isPureInt, false, {"", "  ", "12a", "1.5", "+", "- 1", "1 2", "\xEF\xBC\x91"}},
+      {&VQUtils::isPureFloat, true, {"1.5", ".5", "5.", "-1e3", "2E-2 ", "7"}},
+      {&VQUtils::isPureFloat, false, {".", "1e", "1.5.2", "e5", "0x10", "nan", "1,5"}}};
+  for (const auto& [pure, expected, texts] : rows) {
+    for (const char* text : texts) EXPECT_EQ(pure(text), expected) << text;
   }
 }
 
@@ -291,8 +289,7 @@ TEST(VQUtilsLog, LinesFromManyThreadsNeverMix) {
 }
 
 TEST(VQUtilsRandom, StaysWithinTheBounds) {
-  EXPECT_EQ(VQUtils::getRand(7, 7), 7);
-  EXPECT_EQ(VQUtils::getRand(-3, -3), -3);
+  for (int only : {7, -3}) EXPECT_EQ(VQUtils::getRand(only, only), only);
   std::set<std::int32_t> seen;
   for (int i = 0; i < 2000; ++i) {
     const auto r = VQUtils::getRand(-2, 2);
