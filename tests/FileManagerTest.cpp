@@ -116,9 +116,8 @@ TEST_F(FileManagerTest, SpecialFilesAndLinksReadAsMissing) {
   }
   ::alarm(0);
 
-  EXPECT_TRUE(FileManager::isTemporaryFileName(".entry.tmp-aZ09xY"));
-  for (const char* name :
-       {"entry.tmp-aZ09xY", ".entry.tmp-aZ09x", ".entry.tmp-aZ09x-", ".tmp-aZ09xY"}) {
-    EXPECT_FALSE(FileManager::isTemporaryFileName(name)) << name;
+  for (const char* name : {".entry.tmp-aZ09xY", "entry.tmp-aZ09xY", ".entry.tmp-aZ09x",
+                           ".entry.tmp-aZ09x-", ".tmp-aZ09xY"}) {
+    EXPECT_EQ(FileManager::isTemporaryFileName(name), name == ".entry.tmp-aZ09xY"sv) << name;
   }
 }

@@ -14,63 +14,61 @@ using nimb::NotificationCenter;
 namespace {
 // Identities for observers and senders.
 int observerA, observerB, senderOne, senderTwo;
+
+// A center whose observers each append their one-letter label to `got`.
+struct Recorder {
+  NotificationCenter center;
+  std::string got;
+  void add(const void* observer, const char* name, const void* sender, char label) {
+    center.addObserver(observer, name, sender,
+                       [this, label](const Notification&) { got += label; });
+  }
+  // Who hears one post, in order.
+  std::string post(const char* name, const void* sender) {
+    got.clear();
+    center.postNotificationName(name, sender);
+    return got;
+  }
+};
 }  // namespace
 
 TEST(NotificationCenter, DeliversToMatchingNameAndSenderInRegistrationOrder) {
-  NotificationCenter center;
-  std::vector<std::string> got;
-  auto record = [&](std::string label) {
-    return [&got, label](const Notification&) { got.push_back(label); };
-  };
-  // Named and any-name registrations interleaved, to see the global order kept.
-  center.addObserver(&observerA, "", nullptr, record("any"));
-  center.addObserver(&observerA, "x", nullptr, record("x"));
-  center.addObserver(&observerA, "", &senderTwo, record("any from two"));
-  center.addObserver(&observerA, "x", &senderOne, record("x from one"));
-  center.addObserver(&observerA, "y", nullptr, record("y"));
-  center.addObserver(&observerA, "x", nullptr, record("x again"));
-  EXPECT_EQ(center.observerCount(), 6u);
-
-  center.postNotificationName("x", &senderOne);
-  EXPECT_EQ(got, (std::vector<std::string>{"any", "x", "x from one", "x again"}));
-  got.clear();
-  center.postNotificationName("x", &senderTwo);
-  EXPECT_EQ(got, (std::vector<std::string>{"any", "x", "any from two", "x again"}));
-  got.clear();
-  center.postNotificationName("z", nullptr);
-  EXPECT_EQ(got, (std::vector<std::string>{"any"}));
+  // Named and any-name registrations interleaved, to see the global order kept:
+  // a: any, x: "x", t: any from two, o: "x" from one, y: "y", X: "x" again.
+  Recorder r;
+  r.add(&observerA, "", nullptr, 'a');
+  r.add(&observerA, "x", nullptr, 'x');
+  r.add(&observerA, "", &senderTwo, 't');
+  r.add(&observerA, "x", &senderOne, 'o');
+  r.add(&observerA, "y", nullptr, 'y');
+  r.add(&observerA, "x", nullptr, 'X');
+  EXPECT_EQ(r.center.observerCount(), 6u);
+  EXPECT_EQ(r.post("x", &senderOne), "axoX");
+  EXPECT_EQ(r.post("x", &senderTwo), "axtX");
+  EXPECT_EQ(r.post("z", nullptr), "a");
 }
 
 TEST(NotificationCenter, RemovesByObserverNameAndSender) {
-  NotificationCenter center;
-  std::string got;
-  auto add = [&](const void* observer, const char* name, const void* sender, char label) {
-    center.addObserver(observer, name, sender,
-                       [&got, label](const Notification&) { got += label; });
-  };
-  add(&observerA, "x", &senderOne, '1');
-  add(&observerA, "x", &senderTwo, '2');
-  add(&observerA, "y", nullptr, 'y');
-  add(&observerB, "x", nullptr, 'b');
-  add(&observerB, "y", nullptr, 'B');
+  Recorder r;
+  r.add(&observerA, "x", &senderOne, '1');
+  r.add(&observerA, "x", &senderTwo, '2');
+  r.add(&observerA, "y", nullptr, 'y');
+  r.add(&observerB, "x", nullptr, 'b');
+  r.add(&observerB, "y", nullptr, 'B');
   // Who hears x from one, x from two, then y.
   auto postAll = [&] {
-    got.clear();
-    center.postNotificationName("x", &senderOne);
-    center.postNotificationName("x", &senderTwo);
-    center.postNotificationName("y", nullptr);
-    return got;
+    return r.post("x", &senderOne) + r.post("x", &senderTwo) + r.post("y", nullptr);
   };
-  center.removeObserver(&observerA, "x", &senderOne);
+  r.center.removeObserver(&observerA, "x", &senderOne);
   EXPECT_EQ(postAll(), "b2byB");
-  center.removeObserver(&observerA, "", &senderTwo);  // any name, from one sender
+  r.center.removeObserver(&observerA, "", &senderTwo);  // any name, from one sender
   EXPECT_EQ(postAll(), "bbyB");
-  center.removeObserver(&observerA, "y", nullptr);  // one name, from any sender
+  r.center.removeObserver(&observerA, "y", nullptr);  // one name, from any sender
   EXPECT_EQ(postAll(), "bbB");
-  EXPECT_EQ(center.observerCount(), 2u);
-  center.removeObserver(&observerB);
+  EXPECT_EQ(r.center.observerCount(), 2u);
+  r.center.removeObserver(&observerB);
   EXPECT_EQ(postAll(), "");
-  EXPECT_EQ(center.observerCount(), 0u);
+  EXPECT_EQ(r.center.observerCount(), 0u);
 }
 
 TEST(NotificationCenter, RemovalsAndAdditionsDuringDelivery) {

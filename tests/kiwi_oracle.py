@@ -19,6 +19,7 @@ Every system has a unique optimum: each variable is also pulled toward a
 random value at weak strength with a weight of its own, and the required
 constraints hold at a known point. Exit status 3 when kiwisolver is missing.
 """
+import itertools
 import random
 import sys
 
@@ -39,13 +40,10 @@ def main(seed):
     out = ["vars %d" % n]
     held = {}  # id -> (kiwi constraint, rel, strength, terms, constant)
     edits = {}  # var -> [strength, suggested value]
-    next_id = [0]
-
-    def expression(terms, constant):
-        return sum((c * xs[v] for v, c in terms), kiwi.Expression([], constant))
+    ids = itertools.count()
 
     def kiwi_constraint(rel, strength, terms, constant):
-        e = expression(terms, constant)
+        e = sum((c * xs[v] for v, c in terms), kiwi.Expression([], constant))
         c = {"le": e <= 0, "eq": e == 0, "ge": e >= 0}[rel]
         return c if strength >= REQUIRED else c | strength
 
@@ -53,10 +51,8 @@ def main(seed):
         return "%d %s" % (len(terms), " ".join("%d %r" % (v, c) for v, c in terms))
 
     def add(rel, strength, terms, constant):
-        cid = next_id[0]
-        next_id[0] += 1
-        c = kiwi_constraint(rel, strength, terms, constant)
-        held[cid] = (c, rel, strength, terms, constant)
+        cid = next(ids)
+        held[cid] = (kiwi_constraint(rel, strength, terms, constant), rel, strength, terms, constant)
         out.append("add %d %s %r %r %s" % (cid, rel, strength, constant, fmt_terms(terms)))
 
     def random_terms():
@@ -65,7 +61,6 @@ def main(seed):
 
     def at_point(terms):
         return sum(c * point[v] for v, c in terms)
-
     def objective(values):
         total = 0.0
         for _, rel, strength, terms, constant in held.values():
@@ -133,13 +128,12 @@ def main(seed):
     expect()
     changeable = sorted(k for k in held if k >= pulls and (held[k][2] < REQUIRED or held[k][1] != "eq"))
     for cid in rng.sample(changeable, 8):
-        c, rel, strength, terms, constant = held[cid]
+        _, rel, strength, terms, constant = held[cid]
         if strength >= REQUIRED:  # loosen, so it still holds
             constant += rng.uniform(0, 10) * (-1 if rel == "le" else 1)
         else:
             constant += rng.uniform(-30, 30)
-        c = kiwi_constraint(rel, strength, terms, constant)
-        held[cid] = (c, rel, strength, terms, constant)
+        held[cid] = (kiwi_constraint(rel, strength, terms, constant), rel, strength, terms, constant)
         out.append("const %d %r" % (cid, constant))
     expect()
     edited = rng.sample(range(n), 4)
