@@ -4,6 +4,9 @@
 //   NimbKit+Autolayout  constraint helpers: find, read and set a view's
 //                       constraint constants, collapse and restore views,
 //                       measure and size views (NimbKitAutolayout).
+//   NimbKit+String      a character count, pattern tests, a lower-case MD5
+//                       and request parameters (NimbKitString).
+//   NimbKit+Color       a colour from "#RRGGBB" text (NimbKitColor).
 // The kit keeps one shared instance, made on first use under a once-only
 // guard and never destroyed.
 //
@@ -13,10 +16,12 @@
 
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/NimbKit+Autolayout.h>
+#include <NimbFoundation/NimbKit+Color.h>
+#include <NimbFoundation/NimbKit+String.h>
 
 namespace NIMB_EXPORT nimb {
 
-class NimbKit : public NimbKitAutolayout {
+class NimbKit : public NimbKitAutolayout, public NimbKitString, public NimbKitColor {
  public:
   static NimbKit& sharedInstance();
 

@@ -18,18 +18,10 @@
 
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/Platform/Core/Geometry.h>
+#include <NimbFoundation/Platform/Graphics/Color.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 
 namespace NIMB_EXPORT nimb {
-
-// Components from 0 to 1, straight (not premultiplied) alpha; values out of
-// range are clamped, NaN counts as 0.
-struct Color {
-  double red = 0;
-  double green = 0;
-  double blue = 0;
-  double alpha = 1;
-};
 
 class Graphics {
  public:
