@@ -2,7 +2,32 @@
 
 #include <new>
 
+#include <NimbFoundation/Internal/RuntimeMethods.h>
+
 namespace nimb {
+
+Class* NimbKit::classObject() {
+  static Class* const cls = [] {
+    Class* c = objc_registerClass("NimbKit", Object::classObject());
+    Class* meta = object_getClass(c);
+    detail::addClassMethod(meta, sel_registerName("sharedInstance"),
+                           []() -> Object* { return &sharedInstance(); });
+    detail::addClassMethod(
+        meta, sel_registerName("swizzleClassMethod:originalSelector:swizzledSelector:"),
+        [](Object* object, Selector original, Selector swizzled) {
+          return NimbKit_swizzleClassMethod(object, original, swizzled);
+        });
+    detail::addClassMethod(
+        meta, sel_registerName("swizzleInstanceMethod:originalSelector:swizzledSelector:"),
+        [](Class* cls, Selector original, Selector swizzled) {
+          return NimbKit_swizzleInstanceMethod(cls, original, swizzled);
+        });
+    return c;
+  }();
+  return cls;
+}
+
+NimbKit::NimbKit() : Object(classObject()) {}
 
 NimbKit& NimbKit::sharedInstance() {
   // Made once (a function-local static is guarded) and never destroyed, so

@@ -7,6 +7,11 @@
 //   NimbKit+String      a character count, pattern tests, a lower-case MD5
 //                       and request parameters (NimbKitString).
 //   NimbKit+Color       a colour from "#RRGGBB" text (NimbKitColor).
+//   NimbKit+Runtime     exchanging method implementations (NimbKitRuntime).
+// NimbKit is a class of the object runtime ("NimbKit", under "Object"). The
+// String, Color and Runtime operations are its class methods there, and the
+// static functions send them through the runtime, so an exchange of one
+// (swizzleClassMethod) changes what the kit runs.
 // The kit keeps one shared instance, made on first use under a once-only
 // guard and never destroyed.
 //
@@ -17,19 +22,27 @@
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/NimbKit+Autolayout.h>
 #include <NimbFoundation/NimbKit+Color.h>
+#include <NimbFoundation/NimbKit+Runtime.h>
 #include <NimbFoundation/NimbKit+String.h>
+#include <NimbFoundation/Platform/Runtime/Object.h>
 
 namespace NIMB_EXPORT nimb {
 
-class NimbKit : public NimbKitAutolayout, public NimbKitString, public NimbKitColor {
+class NimbKit : public Object,
+                public NimbKitAutolayout,
+                public NimbKitString,
+                public NimbKitColor,
+                public NimbKitRuntime {
  public:
+  // The runtime class "NimbKit", with the extensions' class methods.
+  static Class* classObject();
   static NimbKit& sharedInstance();
 
   NimbKit(const NimbKit&) = delete;
   NimbKit& operator=(const NimbKit&) = delete;
 
  private:
-  NimbKit() = default;
+  NimbKit();
   ~NimbKit() = default;
 };
 

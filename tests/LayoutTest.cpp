@@ -46,7 +46,7 @@ std::shared_ptr<LayoutConstraint> fix(const Ptr& a, A attr, double c, R rel = R:
 
 class CountingView : public View {
  public:
-  void layoutSubviews() override { ++calls; }
+  void layoutSubviewsImplementation() override { ++calls; }
   int calls = 0;
 };
 

@@ -1,8 +1,10 @@
 #include <NimbFoundation/Images/VQImageView.h>
 
 #include <NimbFoundation/Images/VQCache.h>
+#include <NimbFoundation/Internal/RuntimeMethods.h>
 #include <NimbFoundation/Platform/Env/SystemLog.h>
 #include <NimbFoundation/Platform/Graphics/Graphics.h>
+#include <NimbFoundation/Platform/Runtime/MessageSend.h>
 #include <NimbFoundation/Utils/VQUtils.h>
 
 namespace nimb {
@@ -37,8 +39,37 @@ std::shared_ptr<VQImageView> VQImageView::createWithPlaceholderImage(
   return view;
 }
 
+namespace {
+const Selector& startImageLoadSelector() {
+  static const Selector selector = sel_registerName("startImageLoad");
+  return selector;
+}
+const Selector& cancelImageLoadSelector() {
+  static const Selector selector = sel_registerName("cancelImageLoad");
+  return selector;
+}
+}  // namespace
+
+Class* VQImageView::classObject() {
+  static Class* const cls = [] {
+    Class* c = objc_registerClass("VQImageView", ImageView::classObject());
+    detail::addMethod<VQImageView>(c, startImageLoadSelector(), [](VQImageView& v) {
+      if (v.isAutoStart_ || !v.imageURL_) return;
+      v.loader_->loadImageForURL(v.imageURL_, v.observer_);
+    });
+    detail::addMethod<VQImageView>(c, cancelImageLoadSelector(), [](VQImageView& v) {
+      auto loader = v.loader_;
+      loader->cancelLoadForURL(v.imageURL_);
+      loader->removeObserver(v.observer_.get());
+    });
+    return c;
+  }();
+  return cls;
+}
+
 VQImageView::VQImageView(Passkey, std::shared_ptr<const Image> image)
     : ImageView(std::move(image)), observer_(std::make_shared<VQImageLoaderObserver>()) {
+  setRuntimeClass(classObject());
   setOpaque(true);
 }
 
@@ -104,14 +135,11 @@ bool VQImageView::isCacheImage() const {
 }
 
 void VQImageView::startImageLoad() {
-  if (isAutoStart_ || !imageURL_) return;
-  loader_->loadImageForURL(imageURL_, observer_);
+  msgSend<void>(this, startImageLoadSelector());
 }
 
 void VQImageView::cancelImageLoad() {
-  auto loader = loader_;
-  loader->cancelLoadForURL(imageURL_);
-  loader->removeObserver(observer_.get());
+  msgSend<void>(this, cancelImageLoadSelector());
 }
 
 void VQImageView::tellLoaded() {
@@ -191,10 +219,6 @@ void VQImageView::setCacheSecondes(double seconds) {
 
 void VQImageView::clearCache() {
   if (imageURL_) loader_->clearCacheForURL(*imageURL_);
-}
-
-void VQImageView::startAnimating() {
-  ImageView::startAnimating();
 }
 
 }  // namespace nimb

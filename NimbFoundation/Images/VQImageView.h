@@ -56,6 +56,10 @@ class VQImageView : public ImageView {
   struct Passkey {};
 
  public:
+  // The runtime class "VQImageView", a subclass of "ImageView"; it adds
+  // "startImageLoad" and "cancelImageLoad".
+  static Class* classObject();
+
   enum Status : std::int32_t { kNotLoaded = 0, kLoaded = 1, kFailed = 2 };
 
   // Shows `image`, opaque, auto-start on; loads through `loader` (the
@@ -98,9 +102,11 @@ class VQImageView : public ImageView {
   bool isCacheImage() const;
   void setIsCacheImage(bool flag) { isCacheImageFlag_ = flag; }
 
-  // Loads imageURL() when auto-start is off; nothing otherwise.
+  // Loads imageURL() when auto-start is off; nothing otherwise. Sends
+  // "startImageLoad".
   void startImageLoad();
-  // Cancels the URL's download and leaves every URL's notifications.
+  // Cancels the URL's download and leaves every URL's notifications. Sends
+  // "cancelImageLoad".
   void cancelImageLoad();
 
   // The centred square of `image`, scaled to twice the view's shorter side;
@@ -112,8 +118,6 @@ class VQImageView : public ImageView {
   // Drops the loader's entry for imageURL(); the crop stays.
   void clearCache();
 
-  void startAnimating() override;
-
   // The loader's notifications, as the view's observer receives them.
   void imageLoaderDidLoad(const Notification& notification);
   void imageLoaderDidFailToLoad(const Notification& notification);
@@ -124,9 +128,6 @@ class VQImageView : public ImageView {
 
   VQImageView(Passkey, std::shared_ptr<const Image> image);
   ~VQImageView() override;
-
- protected:
-  std::string className() const override { return "VQImageView"; }
 
  private:
   void show(std::shared_ptr<const Image> image) { setImage(std::move(image)); }

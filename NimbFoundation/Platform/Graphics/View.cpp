@@ -8,10 +8,61 @@
 #include <unordered_set>
 
 #include <NimbFoundation/Internal/LayoutEngine.h>
+#include <NimbFoundation/Internal/RuntimeMethods.h>
+#include <NimbFoundation/Platform/Runtime/MessageSend.h>
 
 namespace nimb {
 
-View::View(Rect frame) : frame_(frame) {}
+namespace {
+const Selector& setHiddenSelector() {
+  static const Selector selector = sel_registerName("setHidden:");
+  return selector;
+}
+const Selector& layoutSubviewsSelector() {
+  static const Selector selector = sel_registerName("layoutSubviews");
+  return selector;
+}
+const Selector& setImageSelector() {
+  static const Selector selector = sel_registerName("setImage:");
+  return selector;
+}
+const Selector& startAnimatingSelector() {
+  static const Selector selector = sel_registerName("startAnimating");
+  return selector;
+}
+const Selector& stopAnimatingSelector() {
+  static const Selector selector = sel_registerName("stopAnimating");
+  return selector;
+}
+}  // namespace
+
+Class* View::classObject() {
+  static Class* const cls = [] {
+    Class* c = objc_registerClass("View", Object::classObject());
+    detail::addMethod<View>(c, setHiddenSelector(),
+                            [](View& v, bool hidden) { v.hidden_ = hidden; });
+    detail::addMethod<View>(c, layoutSubviewsSelector(),
+                            [](View& v) { v.layoutSubviewsImplementation(); });
+    detail::addMethod<View>(c, sel_registerName("description"), [](View& v) {
+      std::string out = "<" + v.className() + ": " + formatAddress(&v);
+      v.appendDescription(out);
+      out += '>';
+      return out;
+    });
+    return c;
+  }();
+  return cls;
+}
+
+View::View(Rect frame) : Object(classObject()), frame_(frame) {}
+
+void View::setHidden(bool hidden) {
+  msgSend<void>(this, setHiddenSelector(), hidden);
+}
+
+std::string View::className() const {
+  return class_getName(object_getClass(this));
+}
 
 // The subviews' weak links to this view expire by themselves; the
 // constraints it holds forget it.
@@ -234,7 +285,11 @@ void View::layoutIfNeeded() {
   engine->layout(*top, *this);
 }
 
-void View::layoutSubviews() {}
+void View::layoutSubviews() {
+  msgSend<void>(this, layoutSubviewsSelector());
+}
+
+void View::layoutSubviewsImplementation() {}
 
 Size View::systemLayoutSizeFittingSize(Size targetSize) {
   return detail::LayoutEngine::fittingSize(*this, targetSize);
@@ -252,13 +307,6 @@ std::string View::formatAddress(const void* address) {
   return text;
 }
 
-std::string View::description() const {
-  std::string out = "<" + className() + ": " + formatAddress(this);
-  appendDescription(out);
-  out += '>';
-  return out;
-}
-
 void View::appendDescription(std::string& out) const {
   out += "; frame = (" + formatNumber(frame_.origin.x) + " " + formatNumber(frame_.origin.y) +
          "; " + formatNumber(frame_.size.width) + " " + formatNumber(frame_.size.height) + ")";
@@ -268,12 +316,44 @@ void View::appendDescription(std::string& out) const {
   if (clipsToBounds_) out += "; clipsToBounds = YES";
 }
 
-ImageView::ImageView(std::shared_ptr<const Image> image)
-    : View(image ? Rect({0, 0}, image->size()) : Rect()), image_(std::move(image)) {}
+Class* ImageView::classObject() {
+  static Class* const cls = [] {
+    Class* c = objc_registerClass("ImageView", View::classObject());
+    detail::addMethod<ImageView>(c, setImageSelector(),
+                                 [](ImageView& v, std::shared_ptr<const Image> image) {
+                                   v.setImageImplementation(std::move(image));
+                                 });
+    detail::addMethod<ImageView>(c, startAnimatingSelector(),
+                                 [](ImageView& v) { v.startAnimatingImplementation(); });
+    detail::addMethod<ImageView>(c, stopAnimatingSelector(),
+                                 [](ImageView& v) { v.stopAnimatingImplementation(); });
+    return c;
+  }();
+  return cls;
+}
 
-ImageView::ImageView(Rect frame) : View(frame) {}
+ImageView::ImageView(std::shared_ptr<const Image> image)
+    : View(image ? Rect({0, 0}, image->size()) : Rect()), image_(std::move(image)) {
+  setRuntimeClass(classObject());
+}
+
+ImageView::ImageView(Rect frame) : View(frame) {
+  setRuntimeClass(classObject());
+}
 
 void ImageView::setImage(std::shared_ptr<const Image> image) {
+  msgSend<void>(this, setImageSelector(), std::move(image));
+}
+
+void ImageView::startAnimating() {
+  msgSend<void>(this, startAnimatingSelector());
+}
+
+void ImageView::stopAnimating() {
+  msgSend<void>(this, stopAnimatingSelector());
+}
+
+void ImageView::setImageImplementation(std::shared_ptr<const Image> image) {
   Size before = intrinsicContentSize();
   image_ = std::move(image);
   if (intrinsicContentSize() != before) invalidateIntrinsicContentSize();
@@ -284,11 +364,11 @@ Size ImageView::intrinsicContentSize() const {
   return image_->size();
 }
 
-void ImageView::startAnimating() {
+void ImageView::startAnimatingImplementation() {
   animating_ = true;
 }
 
-void ImageView::stopAnimating() {
+void ImageView::stopAnimatingImplementation() {
   animating_ = false;
 }
 

@@ -13,6 +13,14 @@
 // solution, with its intrinsic content size held by its hugging and
 // compression-resistance priorities. Any other view keeps its frame too.
 //
+// The object runtime: View, ImageView and VQImageView are registered
+// classes. setHidden, layoutSubviews, description, setImage, startAnimating
+// and stopAnimating are sent through it (msgSend), so exchanging one of
+// their implementations (NimbKit::swizzleInstanceMethod) changes what the
+// kit runs, for the class concerned and the classes inheriting from it. A
+// C++ subclass changes them by overriding the protected ...Implementation
+// hooks, which the registered methods call.
+//
 // Views are owned through std::shared_ptr (make them with std::make_shared):
 // a superview owns its subviews, a subview refers back to its superview
 // weakly, so dropping the last handle to a parent leaves its children with
@@ -32,6 +40,7 @@
 #include <NimbFoundation/Platform/Graphics/Graphics.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Platform/Graphics/LayoutConstraint.h>
+#include <NimbFoundation/Platform/Runtime/Object.h>
 
 namespace NIMB_EXPORT nimb {
 
@@ -42,8 +51,11 @@ inline constexpr double ViewNoIntrinsicMetric = -1;
 inline constexpr Size LayoutFittingCompressedSize{0, 0};
 inline constexpr Size LayoutFittingExpandedSize{10000000, 10000000};
 
-class View : public std::enable_shared_from_this<View> {
+class View : public Object, public std::enable_shared_from_this<View> {
  public:
+  // The runtime class "View", registered on first use.
+  static Class* classObject();
+
   explicit View(Rect frame = {});
   virtual ~View();
   View(const View&) = delete;
@@ -55,7 +67,8 @@ class View : public std::enable_shared_from_this<View> {
   Rect bounds() const { return Rect({0, 0}, frame_.size); }
 
   bool isHidden() const { return hidden_; }  // default false
-  void setHidden(bool hidden) { hidden_ = hidden; }
+  // Sends "setHidden:".
+  void setHidden(bool hidden);
   bool isOpaque() const { return opaque_; }  // default true
   void setOpaque(bool opaque) { opaque_ = opaque; }
   double alpha() const { return alpha_; }  // default 1
@@ -131,10 +144,9 @@ class View : public std::enable_shared_from_this<View> {
   // time, the most recently made first, each with one line on the system
   // log naming it; the rest is laid out.
   void layoutIfNeeded();
-  // Called by the layout pass; the base does nothing. Overrides may change
-  // frames and constraints (a change of constraints is solved by one more
-  // pass).
-  virtual void layoutSubviews();
+  // Sends "layoutSubviews"; the layout pass calls it. The registered method
+  // runs layoutSubviewsImplementation().
+  void layoutSubviews();
   // The size this view would take to come as close to `targetSize` as its
   // subtree's constraints allow with the target held at the fitting
   // priority (50): LayoutFittingCompressedSize gives the smallest size
@@ -143,15 +155,20 @@ class View : public std::enable_shared_from_this<View> {
   // size does not count. Frames are left as they are.
   Size systemLayoutSizeFittingSize(Size targetSize);
 
-  // One line, e.g. "<View: 0x55d0c2a1e2b0; frame = (10 20; 100 50);
-  // hidden = YES; alpha = 0.5; opaque = NO>": the class name, the address,
-  // the frame as (x y; width height) with numbers in shortest form, then
-  // only the properties that differ from their defaults.
-  virtual std::string description() const;
-  // The class's name as descriptions show it ("View", "ImageView", ...).
-  virtual std::string className() const { return "View"; }
+  // description() (sent through the runtime) answers one line, e.g.
+  // "<View: 0x55d0c2a1e2b0; frame = (10 20; 100 50); hidden = YES;
+  // alpha = 0.5; opaque = NO>": the class name, the address, the frame as
+  // (x y; width height) with numbers in shortest form, then only the
+  // properties that differ from their defaults.
+
+  // The name of the view's runtime class ("View", "ImageView", ...).
+  std::string className() const;
 
  protected:
+  // What the registered "layoutSubviews" runs; the base does nothing.
+  // Overrides may change frames and constraints (a change of constraints is
+  // solved by one more pass).
+  virtual void layoutSubviewsImplementation();
   // Appends the "; key = value" parts; an override calls its base first,
   // then appends its own.
   virtual void appendDescription(std::string& out) const;
@@ -194,25 +211,33 @@ class View : public std::enable_shared_from_this<View> {
 
 class ImageView : public View {
  public:
+  // The runtime class "ImageView", a subclass of "View".
+  static Class* classObject();
+
   // With an image, the frame is (0, 0, the image's size in points).
   explicit ImageView(std::shared_ptr<const Image> image = nullptr);
   explicit ImageView(Rect frame);
 
   std::shared_ptr<const Image> image() const { return image_; }
-  // Does not change the frame; the intrinsic content size follows.
-  virtual void setImage(std::shared_ptr<const Image> image);
+  // Sends "setImage:". Does not change the frame; the intrinsic content
+  // size follows.
+  void setImage(std::shared_ptr<const Image> image);
   // The image's size in points; none without an image.
   Size intrinsicContentSize() const override;
 
   // The platform cycles through a list of animation images; this kit has no
   // such list, so there is nothing to cycle: startAnimating only marks the
   // view animating (isAnimating) until stopAnimating. The image is unchanged.
-  virtual void startAnimating();
-  virtual void stopAnimating();
+  // Send "startAnimating" and "stopAnimating".
+  void startAnimating();
+  void stopAnimating();
   bool isAnimating() const { return animating_; }
 
  protected:
-  std::string className() const override { return "ImageView"; }
+  // What the registered methods run.
+  virtual void setImageImplementation(std::shared_ptr<const Image> image);
+  virtual void startAnimatingImplementation();
+  virtual void stopAnimatingImplementation();
   // Adds "; image = <Image WxH @Sx>" (size in points) when there is one.
   void appendDescription(std::string& out) const override;
 

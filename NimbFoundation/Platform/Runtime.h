@@ -1,0 +1,9 @@
+// The object runtime in one include: selectors (Runtime/Selector.h), type
+// encodings (Runtime/TypeEncoding.h), objects, classes and methods
+// (Runtime/Object.h) and message sending (Runtime/MessageSend.h).
+#pragma once
+
+#include <NimbFoundation/Platform/Runtime/MessageSend.h>
+#include <NimbFoundation/Platform/Runtime/Object.h>
+#include <NimbFoundation/Platform/Runtime/Selector.h>
+#include <NimbFoundation/Platform/Runtime/TypeEncoding.h>

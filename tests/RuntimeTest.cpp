@@ -1,0 +1,281 @@
+// The object runtime: selectors, class and method tables, dispatch and its
+// cache, and the kit's method exchange seen by the kit's own classes.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <NimbFoundation/NimbKit.h>
+#include <NimbFoundation/Platform/Graphics/View.h>
+#include <NimbFoundation/Platform/Runtime.h>
+
+namespace nimb {
+namespace {
+
+struct Pet : Object {
+  explicit Pet(Class* cls) : Object(cls) {}
+};
+
+Selector sel(std::string_view name) {
+  return sel_registerName(name);
+}
+
+// Animal ("speak" -> "animal", class method "kind" -> "animals") and Dog
+// under it with nothing of its own, named uniquely for each test.
+struct Zoo {
+  Class* animal;
+  Class* dog;
+  explicit Zoo(const std::string& prefix)
+      : animal(objc_registerClass(prefix + "Animal", Object::classObject())),
+        dog(objc_registerClass(prefix + "Dog", animal)) {
+    class_addMethod(
+        animal, sel("speak"), +[](Object*, Selector) -> std::string { return "animal"; });
+    class_addMethod(
+        object_getClass(animal), sel("kind"),
+        +[](Object*, Selector) -> std::string { return "animals"; });
+  }
+};
+
+// Wraps whatever "xx_speak" now runs, the way a swizzled method reaches
+// the implementation it replaced.
+std::string wrappedSpeak(Object* self, Selector) {
+  return "wrapped " + msgSend<std::string>(self, sel("xx_speak"));
+}
+
+TEST(Runtime, SelectorsAreInternedAcrossThreads) {
+  EXPECT_EQ(sel("layoutSubviews"), sel(std::string("layout") + "Subviews"));
+  EXPECT_NE(sel("a:"), sel("a"));
+  EXPECT_FALSE(sel(""));
+  EXPECT_STREQ(sel_getName(sel("setImage:")), "setImage:");
+  std::vector<Selector> seen(4);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) sel_registerName("runtime.race." + std::to_string(i));
+      seen[t] = sel_registerName("runtime.race.199");
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (Selector s : seen) EXPECT_EQ(s, seen[0]);
+}
+
+TEST(Runtime, ClassesHaveMetaclassesAndUniqueNames) {
+  Zoo zoo("Reg");
+  EXPECT_EQ(objc_getClass("RegDog"), zoo.dog);
+  EXPECT_EQ(class_getSuperclass(zoo.dog), zoo.animal);
+  Class* meta = object_getClass(zoo.dog);
+  EXPECT_TRUE(class_isMetaClass(meta));
+  EXPECT_EQ(class_getSuperclass(meta), object_getClass(zoo.animal));
+  EXPECT_STREQ(class_getName(meta), "RegDog");
+  // The same registration again is the same class; another superclass is refused.
+  EXPECT_EQ(objc_registerClass("RegDog", zoo.animal), zoo.dog);
+  EXPECT_EQ(objc_registerClass("RegDog", Object::classObject()), nullptr);
+  EXPECT_EQ(objc_registerClass("", nullptr), nullptr);
+  EXPECT_EQ(objc_registerClass("RegCat", meta), nullptr);
+  Pet rex(zoo.dog);
+  EXPECT_TRUE(object_isKindOfClass(&rex, zoo.animal));
+  EXPECT_FALSE(object_isKindOfClass(&rex, View::classObject()));
+  EXPECT_EQ(rex.description().rfind("<RegDog: 0x", 0), 0u);
+  EXPECT_EQ(zoo.dog->description(), "RegDog");
+}
+
+TEST(Runtime, MethodTablesFollowInheritanceAndRefuseBadChanges) {
+  Zoo zoo("Tab");
+  Method* inherited = class_getInstanceMethod(zoo.dog, sel("speak"));
+  ASSERT_NE(inherited, nullptr);
+  EXPECT_EQ(inherited, class_getInstanceMethod(zoo.animal, sel("speak")));
+  EXPECT_STREQ(method_getTypeEncoding(inherited), "{string}@:");
+  EXPECT_NE(class_getClassMethod(zoo.dog, sel("kind")), nullptr);
+  EXPECT_EQ(class_getInstanceMethod(zoo.dog, sel("kind")), nullptr);
+
+  IMP bark = +[](Object*, Selector) -> std::string { return "bark"; };
+  EXPECT_FALSE(class_addMethod(zoo.animal, sel("speak"), bark));      // its own already
+  EXPECT_FALSE(class_addMethod(zoo.dog, sel("speak"), bark, "v@:"));  // wrong types
+  EXPECT_FALSE(class_addMethod(zoo.dog, sel("speak"), IMP()));
+  EXPECT_TRUE(class_addMethod(zoo.dog, sel("speak"), bark, "{string}@:"));  // only inherited
+  Pet rex(zoo.dog), generic(zoo.animal);
+  EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "bark");
+  EXPECT_EQ(msgSend<std::string>(&generic, sel("speak")), "animal");
+
+  IMP growl = +[](Object*, Selector) -> std::string { return "growl"; };
+  EXPECT_EQ(class_replaceMethod(zoo.dog, sel("speak"), growl), bark);
+  EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "growl");
+  EXPECT_FALSE(class_replaceMethod(zoo.dog, sel("fetch"), growl));  // added: no previous
+  EXPECT_TRUE(class_respondsToSelector(zoo.dog, sel("fetch")));
+  EXPECT_FALSE(class_respondsToSelector(zoo.animal, sel("fetch")));
+}
+
+TEST(Runtime, CachedLookupsSeeChangesToSuperclasses) {
+  Zoo zoo("Cache");
+  Pet rex(zoo.dog);
+  EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "animal");  // now cached on Dog
+  EXPECT_FALSE(class_respondsToSelector(zoo.dog, sel("sit")));    // a cached miss
+  class_replaceMethod(
+      zoo.animal, sel("speak"), +[](Object*, Selector) -> std::string { return "changed"; });
+  class_addMethod(
+      zoo.animal, sel("sit"), +[](Object*, Selector) {});
+  EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "changed");
+  EXPECT_TRUE(class_respondsToSelector(zoo.dog, sel("sit")));
+  // Many selectors grow the cache past its first size.
+  for (int i = 0; i < 40; ++i) {
+    class_addMethod(
+        zoo.animal, sel("n" + std::to_string(i)),
+        +[](Object*, Selector s) { return static_cast<int>(s.index()); });
+  }
+  for (int i = 0; i < 40; ++i) {
+    Selector s = sel("n" + std::to_string(i));
+    EXPECT_EQ(msgSend<int>(&rex, s), static_cast<int>(s.index()));
+  }
+  EXPECT_EQ(msgSend<std::string>(static_cast<Object*>(nullptr), sel("speak")), "");
+}
+
+TEST(Runtime, DispatchRefusesAnotherSignature) {
+  Zoo zoo("Sig");
+  Pet rex(zoo.dog);
+  auto sendAsInt = [&] { return msgSend<int>(&rex, sel("speak")); };
+  auto sendUnknown = [&] { return msgSend<int>(&rex, sel("fly"), 2.0); };
+#ifdef NDEBUG
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(sendAsInt(), 0);
+  EXPECT_EQ(sendUnknown(), 0);
+  std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("SigDog speak: sent as \"i@:\" but its implementation is \"{string}@:\""),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("SigDog fly: unrecognized selector"), std::string::npos) << log;
+#else
+  EXPECT_DEATH(sendAsInt(), "sent as \"i@:\" but its implementation is \"\\{string\\}@:\"");
+  EXPECT_DEATH(sendUnknown(), "unrecognized selector");
+#endif
+  // Arguments are part of the signature, reference and const included.
+  EXPECT_STREQ((typeEncoding<void, const std::string&>()), "v@:&r{string}");
+  EXPECT_STRNE((typeEncoding<void, long>()), (typeEncoding<void, long long>()));
+  EXPECT_EQ((typeEncoding<bool, Object*, Class*, Selector>()), TypeEncoding::intern("B@:@#:"));
+  IMP speak = method_getImplementation(class_getInstanceMethod(zoo.dog, sel("speak")));
+  EXPECT_EQ(speak.as<int>(), nullptr);
+  ASSERT_NE(speak.as<std::string>(), nullptr);
+}
+
+TEST(Runtime, ConcurrentSendsWhileClassesRegister) {
+  Zoo zoo("Race");
+  for (int i = 0; i < 64; ++i) {
+    class_addMethod(
+        zoo.animal, sel("r" + std::to_string(i)),
+        +[](Object*, Selector s) { return static_cast<int>(s.index()); });
+  }
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      Pet rex(zoo.dog);
+      for (int round = 0; round < 20; ++round) {
+        for (int i = 0; i < 64; ++i) {
+          Selector s = sel("r" + std::to_string((i * (t + 1)) % 64));
+          if (msgSend<int>(&rex, s) != static_cast<int>(s.index())) ++wrong;
+        }
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    for (int i = 0; i < 30; ++i) {
+      Class* puppy = objc_registerClass("RacePuppy" + std::to_string(i), zoo.dog);
+      class_addMethod(
+          puppy, sel("speak"), +[](Object*, Selector) -> std::string { return "yip"; });
+    }
+  });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(NimbKitRuntime, SwizzleAddsForInheritedAndExchangesOwn) {
+  Zoo zoo("Swz");
+  Class* dog = zoo.dog;
+  ASSERT_TRUE(class_addMethod(dog, sel("xx_speak"), &wrappedSpeak));
+  IMP animalSpeak = method_getImplementation(class_getInstanceMethod(zoo.animal, sel("speak")));
+
+  // Dog only inherits "speak": it gets its own pair, Animal keeps its own.
+  EXPECT_TRUE(NimbKit::swizzleInstanceMethod(dog, sel("speak"), sel("xx_speak")));
+  Pet rex(dog), generic(zoo.animal);
+  EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "wrapped animal");
+  EXPECT_EQ(msgSend<std::string>(&generic, sel("speak")), "animal");
+  EXPECT_EQ(method_getImplementation(class_getInstanceMethod(zoo.animal, sel("speak"))),
+            animalSpeak);
+  // Now Dog has both of its own: swizzling again exchanges them back.
+  EXPECT_TRUE(NimbKit::swizzleInstanceMethod(dog, sel("speak"), sel("xx_speak")));
+  EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "animal");
+
+  // Class methods, through the class object's metaclass.
+  class_addMethod(
+      object_getClass(dog), sel("xx_kind"),
+      +[](Object*, Selector) -> std::string { return "dogs"; });
+  EXPECT_TRUE(NimbKit::swizzleClassMethod(dog, sel("kind"), sel("xx_kind")));
+  EXPECT_EQ(msgSend<std::string>(dog, sel("kind")), "dogs");
+  EXPECT_EQ(msgSend<std::string>(zoo.animal, sel("kind")), "animals");
+  EXPECT_EQ(msgSend<std::string>(dog, sel("xx_kind")), "animals");
+
+  // No method for the original (or the swizzled) selector: refused, tables as they were.
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(NimbKit_swizzleInstanceMethod(dog, sel("nothing"), sel("xx_speak")));
+  EXPECT_FALSE(NimbKit::swizzleInstanceMethod(dog, sel("speak"), sel("nothing")));
+  EXPECT_FALSE(NimbKit::swizzleInstanceMethod(nullptr, sel("speak"), sel("xx_speak")));
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("no method for nothing"),
+            std::string::npos);
+  EXPECT_EQ(class_getInstanceMethod(dog, sel("nothing")), nullptr);
+  EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "animal");
+}
+
+// A counting layoutSubviews for image views that also runs the method it
+// replaced.
+std::atomic<int> swizzledLayouts{0};
+void countingLayoutSubviews(Object* self, Selector) {
+  ++swizzledLayouts;
+  msgSend<void>(self, sel("test_layoutSubviews"));
+}
+
+struct CountingImageView : ImageView {
+  int own = 0;
+  void layoutSubviewsImplementation() override { ++own; }
+};
+
+TEST(NimbKitRuntime, SwizzledLayoutSubviewsRunsInTheLayoutPass) {
+  Class* imageView = ImageView::classObject();
+  IMP viewLayout = class_getMethodImplementation(View::classObject(), sel("layoutSubviews"));
+  class_addMethod(imageView, sel("test_layoutSubviews"), &countingLayoutSubviews);
+  ASSERT_TRUE(
+      NimbKit::swizzleInstanceMethod(imageView, sel("layoutSubviews"), sel("test_layoutSubviews")));
+  auto root = std::make_shared<View>(Rect{0, 0, 100, 100});
+  auto picture = std::make_shared<CountingImageView>();
+  auto plain = std::make_shared<View>(Rect{0, 0, 10, 10});
+  root->addSubview(picture);
+  root->addSubview(plain);
+  swizzledLayouts = 0;
+  for (auto& v : {root, std::static_pointer_cast<View>(picture), plain}) v->setNeedsLayout();
+  root->layoutIfNeeded();
+  EXPECT_EQ(swizzledLayouts.load(), 1);  // the image view only
+  EXPECT_EQ(picture->own, 1);            // and through it, the replaced method
+  EXPECT_EQ(class_getMethodImplementation(View::classObject(), sel("layoutSubviews")), viewLayout);
+  EXPECT_EQ(picture->className(), "ImageView");
+  // Exchanged back, the next pass runs the image view's own method alone.
+  ASSERT_TRUE(
+      NimbKit::swizzleInstanceMethod(imageView, sel("layoutSubviews"), sel("test_layoutSubviews")));
+  picture->setNeedsLayout();
+  root->layoutIfNeeded();
+  EXPECT_EQ(swizzledLayouts.load(), 1);
+  EXPECT_EQ(picture->own, 2);
+}
+
+TEST(NimbKitRuntime, SharedInstanceIsOneObjectOfClassNimbKit) {
+  std::vector<NimbKit*> seen(8);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&, t] { seen[t] = &NimbKit::sharedInstance(); });
+  for (auto& t : threads) t.join();
+  for (NimbKit* kit : seen) EXPECT_EQ(kit, seen[0]);
+  EXPECT_EQ(object_getClass(seen[0]), NimbKit::classObject());
+  EXPECT_EQ(msgSend<Object*>(NimbKit::classObject(), sel("sharedInstance")), seen[0]);
+}
+
+}  // namespace
+}  // namespace nimb
