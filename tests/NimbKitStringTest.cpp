@@ -72,7 +72,7 @@ TEST(NimbKitString, Md5IsLowerCaseOfTheSharedDigestUpToTheFirstNul) {
       {"abc", "900150983cd24fb0d6963f7d28e17f72"},
       {std::string("abc\0def", 7), "900150983cd24fb0d6963f7d28e17f72"}};
   for (const auto& [text, digest] : rows) EXPECT_EQ(NimbKit::md5(text), digest);
-  EXPECT_EQ(VQUtils::md5Value("abc"), "900150983CD24FB0D6963F7D28E17F72");
+  EXPECT_EQ(VQUtils::md5Value(std::string("abc\0def", 7)), "900150983CD24FB0D6963F7D28E17F72");
 }
 
 TEST(NimbKitString, RequestParametersSplitAfterTheFirstQuestionMark) {
