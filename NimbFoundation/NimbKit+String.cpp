@@ -1,25 +1,126 @@
 #include <NimbFoundation/NimbKit+String.h>
 
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include <unicode/brkiter.h>
+#include <unicode/locid.h>
+#include <unicode/regex.h>
+#include <unicode/unistr.h>
+
+#include <NimbFoundation/Platform/Core/Digest.h>
+
 namespace nimb {
 
-std::int64_t NimbKitString::getStringLengthWithString(std::optional<std::string>) {
-  return 0;
+namespace {
+
+// A compiled pattern, shared by every thread (ICU patterns are immutable);
+// nullptr if it failed to compile.
+std::unique_ptr<icu::RegexPattern> compile(const icu::UnicodeString& pattern) {
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::RegexPattern> compiled(icu::RegexPattern::compile(pattern, 0, status));
+  return U_SUCCESS(status) ? std::move(compiled) : nullptr;
 }
-bool NimbKitString::checkEmailFormat(std::optional<std::string>) {
-  return false;
+
+// Whether the whole of `text` matches `pattern`.
+bool wholeTextMatches(const icu::RegexPattern* pattern, std::string_view text) {
+  if (!pattern) return false;
+  const icu::UnicodeString input = icu::UnicodeString::fromUTF8(text);
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(input, status));
+  if (U_FAILURE(status) || !matcher) return false;
+  const bool matched = matcher->matches(status);
+  return U_SUCCESS(status) && matched;
 }
-bool NimbKitString::includeSpecialCharact(std::optional<std::string>) {
-  return true;
+
+std::int64_t lengthOf(const std::optional<std::string>& text) {
+  if (!text || text->empty()) return 0;
+  // One prototype, cloned per call: a break iterator holds its position.
+  static const std::unique_ptr<icu::BreakIterator> prototype = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::BreakIterator> made(
+        icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+    return U_SUCCESS(status) ? std::move(made) : nullptr;
+  }();
+  if (!prototype) return 0;
+  std::unique_ptr<icu::BreakIterator> characters(prototype->clone());
+  if (!characters) return 0;
+  const icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(*text);
+  characters->setText(unicode);
+  std::int64_t count = 0;
+  characters->first();
+  while (characters->next() != icu::BreakIterator::DONE) ++count;
+  return count;
 }
-bool NimbKitString::includeAlphabetOrDigitOnly(std::optional<std::string>) {
-  return false;
+
+bool isEmail(const std::optional<std::string>& text) {
+  if (!text || text->empty()) return false;
+  static const auto pattern = compile(u"[A-Z0-9a-z._-]+@[A-Za-z0-9.-]+\\.[A-Za-z]{2,4}");
+  return wholeTextMatches(pattern.get(), *text);
 }
-std::string NimbKitString::md5(std::optional<std::string>) {
-  return {};
+
+bool hasSpecialCharacter(const std::optional<std::string>& text) {
+  if (!text || text->empty()) return true;
+  // The CJK range holds the two code points themselves, not escapes.
+  static const auto pattern = compile(icu::UnicodeString(u"(^[a-zA-Z0-9_") + char16_t{0x4E00} +
+                                      u"-" + char16_t{0x9FA5} + u"]+$)");
+  return !wholeTextMatches(pattern.get(), *text);
+}
+
+bool isAlphanumericOnly(const std::optional<std::string>& text) {
+  if (!text || text->empty()) return false;
+  static const auto pattern = compile(u"(^[a-zA-Z0-9]+$)");
+  return wholeTextMatches(pattern.get(), *text);
+}
+
+std::string lowerCaseMD5(const std::optional<std::string>& text) {
+  return Digest::md5HexOfText(text ? std::string_view(*text) : std::string_view(), false);
+}
+
+// `text` cut at every `separator`, empty pieces included.
+std::vector<std::string_view> pieces(std::string_view text, char separator) {
+  std::vector<std::string_view> out;
+  for (std::size_t start = 0;;) {
+    const std::size_t end = text.find(separator, start);
+    out.push_back(text.substr(start, end == std::string_view::npos ? end : end - start));
+    if (end == std::string_view::npos) return out;
+    start = end + 1;
+  }
+}
+
+std::map<std::string, std::string> requestParameters(const std::optional<std::string>& text) {
+  std::map<std::string, std::string> parameters;
+  if (!text) return parameters;
+  const std::size_t question = text->find('?');
+  if (question == std::string::npos) return parameters;
+  for (std::string_view piece : pieces(std::string_view(*text).substr(question + 1), '&')) {
+    const auto parts = pieces(piece, '=');
+    if (parts.size() == 2) parameters[std::string(parts[0])] = std::string(parts[1]);
+  }
+  return parameters;
+}
+
+}  // namespace
+
+std::int64_t NimbKitString::getStringLengthWithString(std::optional<std::string> text) {
+  return lengthOf(text);
+}
+bool NimbKitString::checkEmailFormat(std::optional<std::string> text) {
+  return isEmail(text);
+}
+bool NimbKitString::includeSpecialCharact(std::optional<std::string> text) {
+  return hasSpecialCharacter(text);
+}
+bool NimbKitString::includeAlphabetOrDigitOnly(std::optional<std::string> text) {
+  return isAlphanumericOnly(text);
+}
+std::string NimbKitString::md5(std::optional<std::string> text) {
+  return lowerCaseMD5(text);
 }
 std::map<std::string, std::string> NimbKitString::parseWebViewRequestString(
-    std::optional<std::string>) {
-  return {};
+    std::optional<std::string> text) {
+  return requestParameters(text);
 }
 
 }  // namespace nimb

@@ -109,6 +109,15 @@ step "$nimbkit" query-parse "z=last&a=%20x&flag&d=1=2&z=3"
 step "$nimbkit" query-build "q=50% off" "lang=中文"
 
 echo
+echo "== Text and colours (NimbKit's String and Color extensions) =="
+step "$nimbkit" text length $'e\u0301🇫🇷👨‍👩‍👧'
+step "$nimbkit" text email "someone@example.co.uk"
+step "$nimbkit" text special "user_name 42"
+step "$nimbkit" text md5 "https://example.com/avatar.jpg"
+step "$nimbkit" text params "app://open?id=42&title=a%20b&flag#top"
+step "$nimbkit" color "#FF8000" --out build/demo-output/swatch.png
+
+echo
 echo "== Views laid out by constraints, drawn to PNG (View, LayoutConstraint, ViewRenderer) =="
 step "$nimbkit" layout examples/layout/profile-card.json --out build/demo-output/layout \
   --hide bio --detach avatar

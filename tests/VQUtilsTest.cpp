@@ -37,10 +37,6 @@ constexpr auto kDefault = std::numeric_limits<std::int64_t>::max(),
 
 }  // namespace
 
-TEST(VQUtilsDigest, UpperCaseHexOfTheTextUpToItsFirstNul) {
-  EXPECT_EQ(VQUtils::md5Value(std::string("abc\0def", 7)), "900150983CD24FB0D6963F7D28E17F72");
-}
-
 TEST(VQUtilsDictionary, StringReadsDescribeWhatIsNotAStringAndDictionaryReadsDefault) {
   Dictionary d{{"s", "text"}, {"n", 5}, {"r", 7.9}, {"b", true}, {"null", nimb::Null{}}};
   d["list"] = nimb::Array{1, "two words", "é"};

@@ -15,7 +15,6 @@ namespace {
 using namespace test;
 
 constexpr Pixel kClear{0, 0, 0, 0};
-constexpr Color kRedColor{1, 0, 0, 1}, kGreenColor{0, 1, 0, 1}, kBlueColor{0, 0, 1, 1};
 
 std::shared_ptr<View> box(Rect frame, std::optional<Color> color) {
   auto view = std::make_shared<View>(frame);
@@ -24,21 +23,21 @@ std::shared_ptr<View> box(Rect frame, std::optional<Color> color) {
 }
 
 TEST(ViewRenderer, DrawsBackToFrontAtNestedOffsetsSkippingHiddenAndBlendingAlpha) {
-  auto root = box({100, 100, 40, 40}, kRedColor);  // its own origin is not applied
-  auto child = box({10, 10, 20, 20}, kBlueColor);
-  child->addSubview(box({5, 5, 5, 5}, kGreenColor));  // at (15, 15) in the picture
+  auto root = box({100, 100, 40, 40}, Color::redColor());  // its own origin is not applied
+  auto child = box({10, 10, 20, 20}, Color::blueColor());
+  child->addSubview(box({5, 5, 5, 5}, Color::greenColor()));  // at (15, 15) in the picture
   root->addSubview(child);
-  auto hidden = box({0, 30, 10, 10}, kBlueColor);
-  hidden->addSubview(box({0, 0, 5, 5}, kGreenColor));  // skipped with its superview
+  auto hidden = box({0, 30, 10, 10}, Color::blueColor());
+  hidden->addSubview(box({0, 0, 5, 5}, Color::greenColor()));  // skipped with its superview
   hidden->setHidden(true);
   root->addSubview(hidden);
-  auto half = box({30, 0, 10, 10}, Color{1, 1, 1, 1});
+  auto half = box({30, 0, 10, 10}, Color::whiteColor());
   half->setAlpha(0.5);
   root->addSubview(half);
-  auto notANumber = box({30, 30, 10, 10}, kBlueColor);
+  auto notANumber = box({30, 30, 10, 10}, Color::blueColor());
   notANumber->setAlpha(NAN);
   root->addSubview(notANumber);
-  auto overOne = box({30, 15, 10, 10}, kGreenColor);
+  auto overOne = box({30, 15, 10, 10}, Color::greenColor());
   overOne->setAlpha(7);
   root->addSubview(overOne);
   // An image view's picture is stretched over its bounds: left half green,
@@ -67,15 +66,15 @@ TEST(ViewRenderer, DrawsBackToFrontAtNestedOffsetsSkippingHiddenAndBlendingAlpha
 
 TEST(ViewRenderer, ClipsOnlyViewsThatAskAndAppliesAlphaToTheGroup) {
   auto root = box({0, 0, 40, 20}, std::nullopt);
-  auto parent = box({0, 0, 10, 10}, kRedColor);
-  parent->addSubview(box({5, 5, 10, 10}, kGreenColor));  // sticks out to (15, 15)
+  auto parent = box({0, 0, 10, 10}, Color::redColor());
+  parent->addSubview(box({5, 5, 10, 10}, Color::greenColor()));  // sticks out to (15, 15)
   root->addSubview(parent);
   // Two opaque overlapping squares at half opacity as one group: the overlap
   // looks like the rest, not darker.
   auto group = box({20, 0, 20, 20}, std::nullopt);
   group->setAlpha(0.5);
-  group->addSubview(box({0, 0, 10, 10}, kBlueColor));
-  group->addSubview(box({5, 0, 10, 10}, kBlueColor));
+  group->addSubview(box({0, 0, 10, 10}, Color::blueColor()));
+  group->addSubview(box({5, 0, 10, 10}, Color::blueColor()));
   root->addSubview(group);
 
   const Bitmap drawn = ViewRenderer::imageOfView(*root, 1)->bitmap();
@@ -93,7 +92,7 @@ TEST(ViewRenderer, ClipsOnlyViewsThatAskAndAppliesAlphaToTheGroup) {
   ImageContext context({40, 20}, false, 1);
   context.translate(20, 0);
   ViewRenderer::drawView(*root, context);
-  context.fillRect({0, 15, 5, 5}, kRedColor);
+  context.fillRect({0, 15, 5, 5}, Color::redColor());
   auto after = context.image();
   EXPECT_EQ(pixel(after->bitmap(), 22, 17), kRed);
   EXPECT_EQ(pixel(after->bitmap(), 27, 7), kGreen);

@@ -234,7 +234,7 @@ std::string VQProtocolData::timezoneString() {
 }
 
 std::string VQProtocolData::md5Value(std::string_view text) {
-  return Digest::hex(Digest::md5(text.substr(0, text.find('\0'))), true);
+  return Digest::md5HexOfText(text, true);
 }
 
 }  // namespace nimb

@@ -68,6 +68,9 @@ void addDeviceCommands(CLI::App& app, Action& selected);
 // Registers `nimbkit md5`, `aes`, `url-encode`, `url-decode`, `query-parse`
 // and `query-build`.
 void addUtilsCommands(CLI::App& app, Action& selected);
+// Registers `nimbkit text length|email|special|alnum|md5|params TEXT` and
+// `nimbkit color HEX [--out FILE]`.
+void addTextCommands(CLI::App& app, Action& selected);
 // Registers `nimbkit layout FILE.json [--out DIR] [--hide ID] [--detach ID]`.
 void addLayoutCommand(CLI::App& app, Action& selected);
 

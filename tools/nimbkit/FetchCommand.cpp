@@ -118,7 +118,7 @@ void drawSunset(ImageContext& context, double width, double height) {
 
 // A bar chart on white.
 void drawChart(ImageContext& context, double width, double height) {
-  context.fillRect(Rect(0, 0, width, height), {1, 1, 1, 1});
+  context.fillRect(Rect(0, 0, width, height), nimb::Color::whiteColor());
   const double bars[] = {0.3, 0.55, 0.8, 0.45, 0.95, 0.6};
   for (int i = 0; i < 6; ++i) {
     const double h = bars[i] * (height - 40);

@@ -310,7 +310,7 @@ void drawCell(nimb::ImageContext& context, const FetchResult& r, nimb::Point at,
               const SheetLayout& layout, nimb::Size viewSize) {
   const Rect frame(at.x + (layout.cellWidth - viewSize.width) / 2, at.y, viewSize.width,
                    viewSize.height);
-  context.fillRect(frame, {1, 1, 1, 1});
+  context.fillRect(frame, nimb::Color::whiteColor());
   if (r.rendered) context.drawImage(*r.rendered, frame);
   context.strokeRect(frame, {0.6, 0.6, 0.65, 1}, 1);
   context.drawText(nameOf(r.url), {at.x, at.y + viewSize.height + 14}, 11, kSheetInk);

@@ -203,10 +203,10 @@ class DescriptionReader {
       fail(file_, where,
            "\"color\" must be \"#RRGGBB\" or \"#RRGGBBAA\", not \"" + escapeForDisplay(hex) + "\"");
     }
-    auto channel = [&](std::size_t i) {
-      return double(std::stoi(hex.substr(1 + 2 * i, 2), nullptr, 16)) / 255;
-    };
-    return {channel(0), channel(1), channel(2), hex.size() == 9 ? channel(3) : 1.0};
+    // The kit reads "#RRGGBB"; the alpha pair is this format's own.
+    nimb::Color color = nimb::NimbKit::colorWithHexString(hex.substr(0, 7));
+    if (hex.size() == 9) color.alpha = double(std::stoi(hex.substr(7, 2), nullptr, 16)) / 255;
+    return color;
   }
 
   // "hugging" or "compression": one priority for both axes, or [h, v].

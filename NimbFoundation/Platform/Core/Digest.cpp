@@ -27,4 +27,8 @@ std::string Digest::hex(const MD5Digest& digest, bool upperCase) {
   return out;
 }
 
+std::string Digest::md5HexOfText(std::string_view text, bool upperCase) {
+  return hex(md5(text.substr(0, text.find('\0'))), upperCase);
+}
+
 }  // namespace nimb

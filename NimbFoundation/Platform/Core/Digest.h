@@ -1,8 +1,8 @@
 // Digest: MD5 (RFC 1321) of a byte buffer, on OpenSSL's EVP interface.
 //
 // The kit's cache keys, fresh device identifiers and report fields all hash
-// with it (VQProtocolData::md5Value, VQSharedUDID, VQUtils). Pure function;
-// safe from any thread.
+// with it (VQProtocolData::md5Value, VQSharedUDID, VQUtils, NimbKit::md5).
+// Pure function; safe from any thread.
 #pragma once
 
 #include <array>
@@ -23,6 +23,9 @@ class Digest {
   static MD5Digest md5(std::string_view bytes);
   // The 32 hex digits of a digest, upper or lower case.
   static std::string hex(const MD5Digest& digest, bool upperCase);
+  // The hex digits of the MD5 of `text` up to its first NUL (all of it when
+  // it has none), as the kit's md5 helpers answer.
+  static std::string md5HexOfText(std::string_view text, bool upperCase);
 };
 
 }  // namespace nimb

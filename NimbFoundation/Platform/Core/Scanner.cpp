@@ -1,6 +1,8 @@
 #include <NimbFoundation/Platform/Core/Scanner.h>
 
-#include <unicode/uchar.h>
+#include <NimbFoundation/Internal/HexDigit.h>
+#include <NimbFoundation/Internal/Whitespace.h>
+
 #include <unicode/utf8.h>
 
 #include <locale.h>
@@ -14,12 +16,6 @@
 namespace nimb {
 
 namespace {
-
-bool isWhitespaceOrNewline(UChar32 c) {
-  if ((c >= 0x09 && c <= 0x0D) || c == 0x85) return true;
-  const auto type = static_cast<UCharCategory>(u_charType(c));
-  return type == U_SPACE_SEPARATOR || type == U_LINE_SEPARATOR || type == U_PARAGRAPH_SEPARATOR;
-}
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
@@ -36,7 +32,7 @@ std::size_t Scanner::skipWhitespace(std::size_t from) const {
     std::int32_t next = offset;
     UChar32 c;
     U8_NEXT(bytes, next, length, c);
-    if (c < 0 || !isWhitespaceOrNewline(c)) break;
+    if (c < 0 || !detail::isWhitespaceOrNewline(c)) break;
     offset = next;
   }
   return static_cast<std::size_t>(offset);
@@ -83,6 +79,30 @@ bool Scanner::scanInt(std::int32_t* value) {
 }
 bool Scanner::scanLongLong(std::int64_t* value) {
   return scanInteger(value);
+}
+
+bool Scanner::scanHexInt(std::uint32_t* value) {
+  std::size_t i = skipWhitespace(position_);
+  auto hexAt = [&](std::size_t at) {
+    return at < text_.size() && detail::hexDigitValue(text_[at]) >= 0;
+  };
+  if (i + 1 < text_.size() && text_[i] == '0' && (text_[i + 1] == 'x' || text_[i + 1] == 'X') &&
+      hexAt(i + 2)) {
+    i += 2;
+  }
+  if (!hexAt(i)) return false;
+  std::uint64_t result = 0;
+  for (; hexAt(i); ++i) {
+    if (result <= std::numeric_limits<std::uint32_t>::max()) {
+      result = result * 16 + static_cast<std::uint64_t>(detail::hexDigitValue(text_[i]));
+    }
+  }
+  if (value) {
+    *value = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(result, std::numeric_limits<std::uint32_t>::max()));
+  }
+  position_ = i;
+  return true;
 }
 
 std::size_t Scanner::floatLength(std::size_t from) const {

@@ -1,6 +1,6 @@
 // Scanner: reads numbers off the front of a text, the way the platform's
-// scanner does, for VQUtils::isPureInt() / isPureFloat() and the integer
-// reading of dictionary values.
+// scanner does, for VQUtils::isPureInt() / isPureFloat(), the integer
+// reading of dictionary values and NimbKit::colorWithHexString().
 //
 // Before each scan, white space and line breaks are skipped (Unicode space
 // separators, line and paragraph separators, U+0009 to U+000D and U+0085).
@@ -36,6 +36,11 @@ class Scanner {
   // Out of range gives infinity or zero, as strtof does.
   bool scanFloat(float* value);
   bool scanDouble(double* value);
+  // An optional "0x" or "0X" (taken only when a hex digit follows it), then
+  // hex digits of either case, as many as there are. Past 32 bits the value
+  // sticks at UINT32_MAX and the remaining digits are still consumed. Fails
+  // when no hex digit comes first.
+  bool scanHexInt(std::uint32_t* value);
 
   // Whether only white space and line breaks remain.
   bool isAtEnd() const;
