@@ -1,12 +1,17 @@
 #include <NimbFoundation/NimbKit+Color.h>
 
 #include <cstdint>
+#include <utility>
 
 #include <unicode/locid.h>
 #include <unicode/unistr.h>
 
+#include <NimbFoundation/Internal/NimbKitMethods.h>
+#include <NimbFoundation/Internal/RuntimeMethods.h>
 #include <NimbFoundation/Internal/Whitespace.h>
+#include <NimbFoundation/NimbKit.h>
 #include <NimbFoundation/Platform/Core/Scanner.h>
+#include <NimbFoundation/Platform/Runtime/MessageSend.h>
 
 namespace nimb {
 
@@ -50,8 +55,23 @@ Color colorOf(const std::optional<std::string>& text) {
 
 }  // namespace
 
+namespace {
+
+const Selector& colorSelector() {
+  static const Selector selector = sel_registerName("colorWithHexString:");
+  return selector;
+}
+
+}  // namespace
+
+// A class method of NimbKit, "colorWithHexString:".
+void detail::registerNimbKitColorMethods(Class* metaclass) {
+  detail::addClassMethod(metaclass, colorSelector(),
+                         [](std::optional<std::string> text) { return colorOf(text); });
+}
+
 Color NimbKitColor::colorWithHexString(std::optional<std::string> text) {
-  return colorOf(text);
+  return msgSend<Color>(NimbKit::classObject(), colorSelector(), std::move(text));
 }
 
 }  // namespace nimb

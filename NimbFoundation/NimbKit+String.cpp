@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <unicode/brkiter.h>
@@ -9,7 +10,11 @@
 #include <unicode/regex.h>
 #include <unicode/unistr.h>
 
+#include <NimbFoundation/Internal/NimbKitMethods.h>
+#include <NimbFoundation/Internal/RuntimeMethods.h>
+#include <NimbFoundation/NimbKit.h>
 #include <NimbFoundation/Platform/Core/Digest.h>
+#include <NimbFoundation/Platform/Runtime/MessageSend.h>
 
 namespace nimb {
 
@@ -103,24 +108,68 @@ std::map<std::string, std::string> requestParameters(const std::optional<std::st
 
 }  // namespace
 
-std::int64_t NimbKitString::getStringLengthWithString(std::optional<std::string> text) {
-  return lengthOf(text);
+// Each operation is a class method of NimbKit, "name:" taking the text.
+using Text = std::optional<std::string>;
+
+namespace {
+
+const Selector& lengthSelector() {
+  static const Selector selector = sel_registerName("getStringLengthWithString:");
+  return selector;
 }
-bool NimbKitString::checkEmailFormat(std::optional<std::string> text) {
-  return isEmail(text);
+const Selector& emailSelector() {
+  static const Selector selector = sel_registerName("checkEmailFormat:");
+  return selector;
 }
-bool NimbKitString::includeSpecialCharact(std::optional<std::string> text) {
-  return hasSpecialCharacter(text);
+const Selector& specialSelector() {
+  static const Selector selector = sel_registerName("includeSpecialCharact:");
+  return selector;
 }
-bool NimbKitString::includeAlphabetOrDigitOnly(std::optional<std::string> text) {
-  return isAlphanumericOnly(text);
+const Selector& alphanumericSelector() {
+  static const Selector selector = sel_registerName("includeAlphabetOrDigitOnly:");
+  return selector;
 }
-std::string NimbKitString::md5(std::optional<std::string> text) {
-  return lowerCaseMD5(text);
+const Selector& md5Selector() {
+  static const Selector selector = sel_registerName("md5:");
+  return selector;
 }
-std::map<std::string, std::string> NimbKitString::parseWebViewRequestString(
-    std::optional<std::string> text) {
-  return requestParameters(text);
+const Selector& parametersSelector() {
+  static const Selector selector = sel_registerName("parseWebViewRequestString:");
+  return selector;
+}
+
+}  // namespace
+
+void detail::registerNimbKitStringMethods(Class* metaclass) {
+  detail::addClassMethod(metaclass, lengthSelector(), [](Text text) { return lengthOf(text); });
+  detail::addClassMethod(metaclass, emailSelector(), [](Text text) { return isEmail(text); });
+  detail::addClassMethod(metaclass, specialSelector(),
+                         [](Text text) { return hasSpecialCharacter(text); });
+  detail::addClassMethod(metaclass, alphanumericSelector(),
+                         [](Text text) { return isAlphanumericOnly(text); });
+  detail::addClassMethod(metaclass, md5Selector(), [](Text text) { return lowerCaseMD5(text); });
+  detail::addClassMethod(metaclass, parametersSelector(),
+                         [](Text text) { return requestParameters(text); });
+}
+
+std::int64_t NimbKitString::getStringLengthWithString(Text text) {
+  return msgSend<std::int64_t>(NimbKit::classObject(), lengthSelector(), std::move(text));
+}
+bool NimbKitString::checkEmailFormat(Text text) {
+  return msgSend<bool>(NimbKit::classObject(), emailSelector(), std::move(text));
+}
+bool NimbKitString::includeSpecialCharact(Text text) {
+  return msgSend<bool>(NimbKit::classObject(), specialSelector(), std::move(text));
+}
+bool NimbKitString::includeAlphabetOrDigitOnly(Text text) {
+  return msgSend<bool>(NimbKit::classObject(), alphanumericSelector(), std::move(text));
+}
+std::string NimbKitString::md5(Text text) {
+  return msgSend<std::string>(NimbKit::classObject(), md5Selector(), std::move(text));
+}
+std::map<std::string, std::string> NimbKitString::parseWebViewRequestString(Text text) {
+  return msgSend<std::map<std::string, std::string>>(NimbKit::classObject(), parametersSelector(),
+                                                     std::move(text));
 }
 
 }  // namespace nimb

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include <NimbFoundation/Internal/NimbKitMethods.h>
 #include <NimbFoundation/Internal/RuntimeMethods.h>
 
 namespace nimb {
@@ -22,6 +23,8 @@ Class* NimbKit::classObject() {
         [](Class* cls, Selector original, Selector swizzled) {
           return NimbKit_swizzleInstanceMethod(cls, original, swizzled);
         });
+    detail::registerNimbKitStringMethods(meta);
+    detail::registerNimbKitColorMethods(meta);
     return c;
   }();
   return cls;

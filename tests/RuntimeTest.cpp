@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cctype>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -264,6 +266,28 @@ TEST(NimbKitRuntime, SwizzledLayoutSubviewsRunsInTheLayoutPass) {
   root->layoutIfNeeded();
   EXPECT_EQ(swizzledLayouts.load(), 1);
   EXPECT_EQ(picture->own, 2);
+}
+
+std::string shoutingMd5(Object* self, Selector, std::optional<std::string> text) {
+  std::string original = msgSend<std::string>(self, sel("xx_md5:"), std::move(text));
+  for (char& c : original) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return original;
+}
+
+TEST(NimbKitRuntime, KitClassMethodsAreSentThroughTheRuntime) {
+  Class* kit = NimbKit::classObject();
+  class_addMethod(object_getClass(kit), sel("xx_md5:"), &shoutingMd5);
+  ASSERT_TRUE(NimbKit::swizzleClassMethod(kit, sel("md5:"), sel("xx_md5:")));
+  EXPECT_EQ(NimbKit::md5(""), "D41D8CD98F00B204E9800998ECF8427E");
+  ASSERT_TRUE(NimbKit::swizzleClassMethod(kit, sel("md5:"), sel("xx_md5:")));
+  EXPECT_EQ(NimbKit::md5(""), "d41d8cd98f00b204e9800998ecf8427e");
+  for (const char* name : {"getStringLengthWithString:", "checkEmailFormat:",
+                           "includeSpecialCharact:", "includeAlphabetOrDigitOnly:",
+                           "parseWebViewRequestString:", "colorWithHexString:",
+                           "swizzleClassMethod:originalSelector:swizzledSelector:",
+                           "swizzleInstanceMethod:originalSelector:swizzledSelector:"}) {
+    EXPECT_NE(class_getClassMethod(kit, sel(name)), nullptr) << name;
+  }
 }
 
 TEST(NimbKitRuntime, SharedInstanceIsOneObjectOfClassNimbKit) {
