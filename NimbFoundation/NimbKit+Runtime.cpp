@@ -27,6 +27,15 @@ bool swizzle(Class* cls, Selector original, Selector swizzled, const char* kind)
   }
   IMP originalImp = method_getImplementation(originalMethod);
   IMP swizzledImp = method_getImplementation(swizzledMethod);
+  // Encodings are interned: equal texts are the same pointer.
+  if (originalImp.typeEncoding() != swizzledImp.typeEncoding()) {
+    SystemLog::log(
+        "NimbKit: cannot swizzle %s method %s with %s of class %s: signatures "
+        "\"%s\" and \"%s\" differ",
+        kind, original.name(), swizzled.name(), class_getName(cls), originalImp.typeEncoding(),
+        swizzledImp.typeEncoding());
+    return false;
+  }
   if (class_addMethod(cls, original, swizzledImp, swizzledImp.typeEncoding())) {
     class_replaceMethod(cls, swizzled, originalImp, originalImp.typeEncoding());
   } else {

@@ -17,8 +17,10 @@
 // the runtime; the NimbKit_ functions do the work.
 //
 // Refused, changing nothing and answering false with one line on the system
-// log: a null class or selector, and a selector for which C has no method
-// at all (own or inherited).
+// log: a null class or selector, a selector for which C has no method
+// at all (own or inherited), and two methods whose implementations have
+// different signatures (type encodings): exchanged, neither selector could
+// be sent any more.
 //
 // Thread rule: exchanges change process-wide method tables. Do them once,
 // at start-up, on one thread, before other threads send the messages

@@ -21,11 +21,12 @@ namespace nimb {
 namespace {
 
 // A compiled pattern, shared by every thread (ICU patterns are immutable);
-// nullptr if it failed to compile.
-std::unique_ptr<icu::RegexPattern> compile(const icu::UnicodeString& pattern) {
+// nullptr if it failed to compile. Never freed: the pattern tests stay usable from
+// destructors run at exit, after function-local statics are gone.
+const icu::RegexPattern* compile(const icu::UnicodeString& pattern) {
   UErrorCode status = U_ZERO_ERROR;
   std::unique_ptr<icu::RegexPattern> compiled(icu::RegexPattern::compile(pattern, 0, status));
-  return U_SUCCESS(status) ? std::move(compiled) : nullptr;
+  return U_SUCCESS(status) ? compiled.release() : nullptr;
 }
 
 // Whether the whole of `text` matches `pattern`.
@@ -42,11 +43,12 @@ bool wholeTextMatches(const icu::RegexPattern* pattern, std::string_view text) {
 std::int64_t lengthOf(const std::optional<std::string>& text) {
   if (!text || text->empty()) return 0;
   // One prototype, cloned per call: a break iterator holds its position.
-  static const std::unique_ptr<icu::BreakIterator> prototype = [] {
+  // Never destroyed, so the count stays right in destructors run at exit.
+  static const icu::BreakIterator* const prototype = [] {
     UErrorCode status = U_ZERO_ERROR;
     std::unique_ptr<icu::BreakIterator> made(
         icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
-    return U_SUCCESS(status) ? std::move(made) : nullptr;
+    return U_SUCCESS(status) ? made.release() : nullptr;
   }();
   if (!prototype) return 0;
   std::unique_ptr<icu::BreakIterator> characters(prototype->clone());
@@ -61,22 +63,23 @@ std::int64_t lengthOf(const std::optional<std::string>& text) {
 
 bool isEmail(const std::optional<std::string>& text) {
   if (!text || text->empty()) return false;
-  static const auto pattern = compile(u"[A-Z0-9a-z._-]+@[A-Za-z0-9.-]+\\.[A-Za-z]{2,4}");
-  return wholeTextMatches(pattern.get(), *text);
+  static const icu::RegexPattern* const pattern =
+      compile(u"[A-Z0-9a-z._-]+@[A-Za-z0-9.-]+\\.[A-Za-z]{2,4}");
+  return wholeTextMatches(pattern, *text);
 }
 
 bool hasSpecialCharacter(const std::optional<std::string>& text) {
   if (!text || text->empty()) return true;
   // The CJK range holds the two code points themselves, not escapes.
-  static const auto pattern = compile(icu::UnicodeString(u"(^[a-zA-Z0-9_") + char16_t{0x4E00} +
-                                      u"-" + char16_t{0x9FA5} + u"]+$)");
-  return !wholeTextMatches(pattern.get(), *text);
+  static const icu::RegexPattern* const pattern = compile(
+      icu::UnicodeString(u"(^[a-zA-Z0-9_") + char16_t{0x4E00} + u"-" + char16_t{0x9FA5} + u"]+$)");
+  return !wholeTextMatches(pattern, *text);
 }
 
 bool isAlphanumericOnly(const std::optional<std::string>& text) {
   if (!text || text->empty()) return false;
-  static const auto pattern = compile(u"(^[a-zA-Z0-9]+$)");
-  return wholeTextMatches(pattern.get(), *text);
+  static const icu::RegexPattern* const pattern = compile(u"(^[a-zA-Z0-9]+$)");
+  return wholeTextMatches(pattern, *text);
 }
 
 std::string lowerCaseMD5(const std::optional<std::string>& text) {

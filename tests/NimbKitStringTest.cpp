@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <map>
 #include <optional>
@@ -63,6 +64,30 @@ TEST(NimbKitString, PatternTestsMatchTheWholeText) {
   for (const auto& [check, name, text, expected] : rows) {
     EXPECT_EQ(check(text), expected) << name << " " << text.value_or("(absent)");
   }
+}
+
+// A destructor that runs at exit, after the kit's own statics are gone,
+// still gets right answers (the compiled patterns and the break iterator
+// are never destroyed). The child is a fresh process, so the object below is
+// made before the kit's first use and destroyed after what that use made.
+namespace {
+bool kitTextAnswersRight() {
+  return NimbKit::getStringLengthWithString("abc") == 3 && NimbKit::checkEmailFormat("a@b.cd") &&
+         !NimbKit::includeSpecialCharact("abc") && NimbKit::includeAlphabetOrDigitOnly("abc");
+}
+}  // namespace
+
+TEST(NimbKitStringDeathTest, TextOperationsStayRightInDestructorsAtExit) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        struct AtExit {
+          ~AtExit() { std::_Exit(kitTextAnswersRight() ? 0 : 1); }
+        };
+        static AtExit atExit;
+        std::exit(kitTextAnswersRight() ? 2 : 3);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 TEST(NimbKitString, Md5IsLowerCaseOfTheSharedDigestUpToTheFirstNul) {

@@ -222,8 +222,14 @@ TEST(NimbKitRuntime, SwizzleAddsForInheritedAndExchangesOwn) {
   EXPECT_FALSE(NimbKit_swizzleInstanceMethod(dog, sel("nothing"), sel("xx_speak")));
   EXPECT_FALSE(NimbKit::swizzleInstanceMethod(dog, sel("speak"), sel("nothing")));
   EXPECT_FALSE(NimbKit::swizzleInstanceMethod(nullptr, sel("speak"), sel("xx_speak")));
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("no method for nothing"),
-            std::string::npos);
+  // Methods of different signatures: refused too.
+  ASSERT_TRUE(class_addMethod(
+      dog, sel("xx_legs"), +[](Object*, Selector) -> int { return 4; }));
+  EXPECT_FALSE(NimbKit::swizzleInstanceMethod(dog, sel("speak"), sel("xx_legs")));
+  EXPECT_EQ(msgSend<int>(&rex, sel("xx_legs")), 4);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("no method for nothing"), std::string::npos);
+  EXPECT_NE(log.find("signatures \"{string}@:\" and \"i@:\" differ"), std::string::npos);
   EXPECT_EQ(class_getInstanceMethod(dog, sel("nothing")), nullptr);
   EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "animal");
 }
@@ -281,11 +287,11 @@ TEST(NimbKitRuntime, KitClassMethodsAreSentThroughTheRuntime) {
   EXPECT_EQ(NimbKit::md5(""), "D41D8CD98F00B204E9800998ECF8427E");
   ASSERT_TRUE(NimbKit::swizzleClassMethod(kit, sel("md5:"), sel("xx_md5:")));
   EXPECT_EQ(NimbKit::md5(""), "d41d8cd98f00b204e9800998ecf8427e");
-  for (const char* name : {"getStringLengthWithString:", "checkEmailFormat:",
-                           "includeSpecialCharact:", "includeAlphabetOrDigitOnly:",
-                           "parseWebViewRequestString:", "colorWithHexString:",
-                           "swizzleClassMethod:originalSelector:swizzledSelector:",
-                           "swizzleInstanceMethod:originalSelector:swizzledSelector:"}) {
+  for (const char* name :
+       {"getStringLengthWithString:", "checkEmailFormat:", "includeSpecialCharact:",
+        "includeAlphabetOrDigitOnly:", "parseWebViewRequestString:", "colorWithHexString:",
+        "swizzleClassMethod:originalSelector:swizzledSelector:",
+        "swizzleInstanceMethod:originalSelector:swizzledSelector:"}) {
     EXPECT_NE(class_getClassMethod(kit, sel(name)), nullptr) << name;
   }
 }

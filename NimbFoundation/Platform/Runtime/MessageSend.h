@@ -4,7 +4,10 @@
 // with the receiver, the selector and the arguments.
 //
 //   msgSend<void>(view, sel_registerName("setHidden:"), true);
-//   auto text = msgSend<std::string>(kitClass, sel_registerName("md5:"), s);
+//   // NimbKit's "md5:" takes a std::optional<std::string>: pass exactly that
+//   // (a std::string or a literal is another signature and is refused).
+//   auto text = msgSend<std::string>(NimbKit::classObject(), sel_registerName("md5:"),
+//                                    std::optional<std::string>(s));
 //
 // The signature is R (*)(Object*, Selector, Args...) with Args the decayed
 // types of the arguments as written (pass a std::string, not a literal, to a
