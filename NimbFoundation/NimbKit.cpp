@@ -9,7 +9,7 @@ namespace nimb {
 
 Class* NimbKit::classObject() {
   static Class* const cls = [] {
-    Class* c = objc_registerClass("NimbKit", Object::classObject());
+    Class* c = detail::registerKitClass("NimbKit", Object::classObject());
     Class* meta = object_getClass(c);
     detail::addClassMethod(meta, sel_registerName("sharedInstance"),
                            []() -> Object* { return &sharedInstance(); });

@@ -76,6 +76,9 @@ TEST(Runtime, ClassesHaveMetaclassesAndUniqueNames) {
   EXPECT_EQ(objc_registerClass("RegDog", Object::classObject()), nullptr);
   EXPECT_EQ(objc_registerClass("", nullptr), nullptr);
   EXPECT_EQ(objc_registerClass("RegCat", meta), nullptr);
+  // The kit's names stay the kit's, even asked for before the kit uses them.
+  EXPECT_EQ(objc_registerClass("ImageView", Object::classObject()), nullptr);
+  EXPECT_EQ(class_getSuperclass(ImageView::classObject()), View::classObject());
   Pet rex(zoo.dog);
   EXPECT_TRUE(object_isKindOfClass(&rex, zoo.animal));
   EXPECT_FALSE(object_isKindOfClass(&rex, View::classObject()));

@@ -52,7 +52,7 @@ const Selector& cancelImageLoadSelector() {
 
 Class* VQImageView::classObject() {
   static Class* const cls = [] {
-    Class* c = objc_registerClass("VQImageView", ImageView::classObject());
+    Class* c = detail::registerKitClass("VQImageView", ImageView::classObject());
     detail::addMethod<VQImageView>(c, startImageLoadSelector(), [](VQImageView& v) {
       if (v.isAutoStart_ || !v.imageURL_) return;
       v.loader_->loadImageForURL(v.imageURL_, v.observer_);

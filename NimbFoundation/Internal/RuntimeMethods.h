@@ -8,6 +8,7 @@
 // of misbehaving).
 #pragma once
 
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -15,6 +16,15 @@
 #include <NimbFoundation/Platform/Runtime/Object.h>
 
 namespace nimb::detail {
+
+// The names of the kit's own runtime classes. objc_registerClass refuses
+// them until the kit has registered them itself through registerKitClass,
+// so an application cannot take one first and leave the kit without its
+// classes.
+inline constexpr std::string_view kKitClassNames[] = {"Object", "View", "ImageView", "VQImageView",
+                                                      "NimbKit"};
+// objc_registerClass for the kit's own classes.
+Class* registerKitClass(std::string_view name, Class* superclass);
 
 template <typename T, typename Lambda, typename R, typename... Args>
 struct InstanceThunk {

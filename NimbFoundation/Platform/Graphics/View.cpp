@@ -38,7 +38,7 @@ const Selector& stopAnimatingSelector() {
 
 Class* View::classObject() {
   static Class* const cls = [] {
-    Class* c = objc_registerClass("View", Object::classObject());
+    Class* c = detail::registerKitClass("View", Object::classObject());
     detail::addMethod<View>(c, setHiddenSelector(),
                             [](View& v, bool hidden) { v.hidden_ = hidden; });
     detail::addMethod<View>(c, layoutSubviewsSelector(),
@@ -318,7 +318,7 @@ void View::appendDescription(std::string& out) const {
 
 Class* ImageView::classObject() {
   static Class* const cls = [] {
-    Class* c = objc_registerClass("ImageView", View::classObject());
+    Class* c = detail::registerKitClass("ImageView", View::classObject());
     detail::addMethod<ImageView>(c, setImageSelector(),
                                  [](ImageView& v, std::shared_ptr<const Image> image) {
                                    v.setImageImplementation(std::move(image));

@@ -18,8 +18,11 @@
 // and stopAnimating are sent through it (msgSend), so exchanging one of
 // their implementations (NimbKit::swizzleInstanceMethod) changes what the
 // kit runs, for the class concerned and the classes inheriting from it. A
-// C++ subclass changes them by overriding the protected ...Implementation
-// hooks, which the registered methods call.
+// C++ subclass changes layoutSubviews, setImage, startAnimating and
+// stopAnimating by overriding the protected ...Implementation hooks, which
+// the registered methods call, and adds to description through
+// appendDescription. The senders themselves are final, so an override
+// written against them does not compile rather than silently never running.
 //
 // Views are owned through std::shared_ptr (make them with std::make_shared):
 // a superview owns its subviews, a subview refers back to its superview
@@ -146,7 +149,7 @@ class View : public Object, public std::enable_shared_from_this<View> {
   void layoutIfNeeded();
   // Sends "layoutSubviews"; the layout pass calls it. The registered method
   // runs layoutSubviewsImplementation().
-  void layoutSubviews();
+  virtual void layoutSubviews() final;
   // The size this view would take to come as close to `targetSize` as its
   // subtree's constraints allow with the target held at the fitting
   // priority (50): LayoutFittingCompressedSize gives the smallest size
@@ -221,7 +224,7 @@ class ImageView : public View {
   std::shared_ptr<const Image> image() const { return image_; }
   // Sends "setImage:". Does not change the frame; the intrinsic content
   // size follows.
-  void setImage(std::shared_ptr<const Image> image);
+  virtual void setImage(std::shared_ptr<const Image> image) final;
   // The image's size in points; none without an image.
   Size intrinsicContentSize() const override;
 
@@ -229,8 +232,8 @@ class ImageView : public View {
   // such list, so there is nothing to cycle: startAnimating only marks the
   // view animating (isAnimating) until stopAnimating. The image is unchanged.
   // Send "startAnimating" and "stopAnimating".
-  void startAnimating();
-  void stopAnimating();
+  virtual void startAnimating() final;
+  virtual void stopAnimating() final;
   bool isAnimating() const { return animating_; }
 
  protected:

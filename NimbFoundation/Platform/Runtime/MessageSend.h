@@ -18,8 +18,14 @@
 // A message to nullptr answers R() and does nothing. A selector the class
 // does not answer, or an implementation of another signature, is a
 // programming error: it is logged on the system log (naming the class, the
-// selector and both encodings) and, in builds without NDEBUG, aborts; with
-// NDEBUG it answers R(). Use class_respondsToSelector / IMP::as to ask first.
+// selector and both encodings) and answers R(); a debug build of the library
+// (built without NDEBUG) aborts instead, whatever the caller's own flags.
+// Use class_respondsToSelector / IMP::as to ask first.
+//
+// Argument types with internal linkage (declared in an anonymous namespace)
+// are told apart by their type_info, so they cannot be confused with a type
+// of the same name in another file. Types other than the built-in ones need
+// RTTI (typeid) in the sender's build.
 //
 // Thread rule: any thread; lock-free once the class's cache holds the
 // selector.
@@ -35,9 +41,9 @@
 
 namespace NIMB_EXPORT nimb {
 
-// What msgSend calls when it cannot dispatch: logs the failure. `imp` is
-// what the lookup found (nullptr: none), `expected` the encoding the sender
-// asked for.
+// What msgSend calls when it cannot dispatch: logs the failure, then aborts
+// when the library was built without NDEBUG. `imp` is what the lookup found
+// (nullptr: none), `expected` the encoding the sender asked for.
 void msgSendFailed(const Object* receiver, Selector selector, const IMP* imp, const char* expected);
 
 template <typename R, typename... Args>
@@ -56,9 +62,6 @@ R msgSend(Object* receiver, Selector selector, Args... args) {
                                      entry->types.load(std::memory_order_relaxed))
                     : IMP();
   msgSendFailed(receiver, selector, found ? &found : nullptr, expected);
-#ifndef NDEBUG
-  std::abort();
-#endif
   return R();
 }
 

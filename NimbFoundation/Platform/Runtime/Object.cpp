@@ -1,8 +1,11 @@
 #include <NimbFoundation/Platform/Runtime/MessageSend.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -12,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include <NimbFoundation/Internal/RuntimeMethods.h>
 #include <NimbFoundation/Platform/Env/SystemLog.h>
 
 namespace nimb {
@@ -42,9 +46,13 @@ struct RuntimeAccess {
   RuntimeAccess() { emptyCache = makeCache(0); }
 
   // A cache word for 2^sizeLog2 empty entries. Never freed: readers may
-  // still hold a replaced cache.
-  static std::uintptr_t makeCache(unsigned sizeLog2) {
+  // still hold a replaced cache. `caches` keeps every one reachable (a
+  // deliberate cost of a few hundred bytes per class for each change to a
+  // method table, which is why changes belong to start-up).
+  std::vector<Class::CacheEntry*> caches;
+  std::uintptr_t makeCache(unsigned sizeLog2) {
     auto* entries = new (std::align_val_t{64}) Class::CacheEntry[std::size_t{1} << sizeLog2];
+    caches.push_back(entries);
     return reinterpret_cast<std::uintptr_t>(entries) | sizeLog2;
   }
   static Class::CacheEntry* entriesOf(std::uintptr_t word) {
@@ -98,10 +106,14 @@ struct RuntimeAccess {
     return nullptr;
   }
 
-  Class* registerClass(std::string_view name, Class* superclass) {
+  Class* registerClass(std::string_view name, Class* superclass, bool byKit) {
     if (name.empty()) return nullptr;
     if (auto found = classes.find(name); found != classes.end()) {
       return found->second->superclass() == superclass ? found->second : nullptr;
+    }
+    if (!byKit && std::find(std::begin(detail::kKitClassNames), std::end(detail::kKitClassNames),
+                            name) != std::end(detail::kKitClassNames)) {
+      return nullptr;
     }
     if (superclass && (superclass->isMetaClass() || !records.count(superclass))) return nullptr;
     // The metaclass inherits the superclass's metaclass; the root's
@@ -220,6 +232,9 @@ void msgSendFailed(const Object* receiver, Selector selector, const IMP* imp,
     SystemLog::log("%s %s: sent as \"%s\" but its implementation is \"%s\"", class_getName(cls),
                    selector.name(), expected, imp->typeEncoding());
   }
+#ifndef NDEBUG
+  std::abort();
+#endif
 }
 
 // --- Object and Class ----------------------------------------------------------
@@ -228,7 +243,7 @@ Object::Object(Class* cls) : isa_(cls ? cls : classObject()) {}
 
 Class* Object::classObject() {
   static Class* const cls = [] {
-    Class* root = objc_registerClass("Object", nullptr);
+    Class* root = detail::registerKitClass("Object", nullptr);
     class_addMethod(
         root, sel_registerName("description"), +[](Object* self, Selector) -> std::string {
           char address[32];
@@ -266,7 +281,13 @@ bool Class::isSubclassOfClass(const Class* other) const {
 Class* objc_registerClass(std::string_view name, Class* superclass) {
   RuntimeAccess& r = runtime();
   std::lock_guard lock(r.mutex);
-  return r.registerClass(name, superclass);
+  return r.registerClass(name, superclass, false);
+}
+
+Class* detail::registerKitClass(std::string_view name, Class* superclass) {
+  RuntimeAccess& r = runtime();
+  std::lock_guard lock(r.mutex);
+  return r.registerClass(name, superclass, true);
 }
 
 Class* objc_getClass(std::string_view name) {

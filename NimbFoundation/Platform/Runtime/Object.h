@@ -164,10 +164,12 @@ class Class : public Object {
   // Searches the tables and fills the cache.
   const CacheEntry* lookUpSlow(Selector selector);
 
+  // First, so inline lookups find it at the same place whatever the
+  // caller's standard library ABI.
+  std::atomic<std::uintptr_t> cache_{0};
   std::string name_;
   Class* superclass_;
   bool isMeta_;
-  std::atomic<std::uintptr_t> cache_{0};
 };
 
 // A method of a class's own table. Owned by its class, never freed.
@@ -187,7 +189,9 @@ class Method {
 // Registers a class named `name` under `superclass` (nullptr: a new root)
 // with its metaclass, and returns it. Registering the same name again with
 // the same superclass returns the class already registered; nullptr when the
-// name is empty or taken by a class with another superclass.
+// name is empty or taken by a class with another superclass. The kit's own
+// names (Object, View, ImageView, VQImageView, NimbKit) are its alone: until
+// the kit has registered one, registering it here answers nullptr.
 Class* objc_registerClass(std::string_view name, Class* superclass);
 // The class registered under `name`; nullptr when none.
 Class* objc_getClass(std::string_view name);

@@ -19,6 +19,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -103,10 +104,20 @@ void TypeEncoding::append(std::string& out) {
   } else if constexpr (std::is_same_v<T, Selector>) {
     out += ':';
   } else if constexpr (std::is_same_v<T, std::string>) {
+#if defined(_GLIBCXX_USE_CXX11_ABI) && !_GLIBCXX_USE_CXX11_ABI
+    out += "{string(old ABI)}";
+#else
     out += "{string}";
+#endif
   } else {
     out += '{';
     out += typeid(T).name();
+    // A type of an anonymous namespace has the same name as its namesakes
+    // in other files; its type_info object is its own.
+    if (std::string_view(typeid(T).name()).find("_GLOBAL__N") != std::string_view::npos) {
+      out += '@';
+      out += std::to_string(reinterpret_cast<std::uintptr_t>(&typeid(T)));
+    }
     out += '}';
   }
 }
