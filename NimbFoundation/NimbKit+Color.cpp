@@ -55,23 +55,15 @@ Color colorOf(const std::optional<std::string>& text) {
 
 }  // namespace
 
-namespace {
-
-const Selector& colorSelector() {
-  static const Selector selector = sel_registerName("colorWithHexString:");
-  return selector;
-}
-
-}  // namespace
-
 // A class method of NimbKit, "colorWithHexString:".
 void detail::registerNimbKitColorMethods(Class* metaclass) {
-  detail::addClassMethod(metaclass, colorSelector(),
+  detail::addClassMethod(metaclass, detail::selectorNamed<"colorWithHexString:">(),
                          [](std::optional<std::string> text) { return colorOf(text); });
 }
 
 Color NimbKitColor::colorWithHexString(std::optional<std::string> text) {
-  return msgSend<Color>(NimbKit::classObject(), colorSelector(), std::move(text));
+  return msgSend<Color>(NimbKit::classObject(), detail::selectorNamed<"colorWithHexString:">(),
+                        std::move(text));
 }
 
 }  // namespace nimb

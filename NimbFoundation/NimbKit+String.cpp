@@ -114,65 +114,46 @@ std::map<std::string, std::string> requestParameters(const std::optional<std::st
 // Each operation is a class method of NimbKit, "name:" taking the text.
 using Text = std::optional<std::string>;
 
-namespace {
-
-const Selector& lengthSelector() {
-  static const Selector selector = sel_registerName("getStringLengthWithString:");
-  return selector;
-}
-const Selector& emailSelector() {
-  static const Selector selector = sel_registerName("checkEmailFormat:");
-  return selector;
-}
-const Selector& specialSelector() {
-  static const Selector selector = sel_registerName("includeSpecialCharact:");
-  return selector;
-}
-const Selector& alphanumericSelector() {
-  static const Selector selector = sel_registerName("includeAlphabetOrDigitOnly:");
-  return selector;
-}
-const Selector& md5Selector() {
-  static const Selector selector = sel_registerName("md5:");
-  return selector;
-}
-const Selector& parametersSelector() {
-  static const Selector selector = sel_registerName("parseWebViewRequestString:");
-  return selector;
-}
-
-}  // namespace
-
 void detail::registerNimbKitStringMethods(Class* metaclass) {
-  detail::addClassMethod(metaclass, lengthSelector(), [](Text text) { return lengthOf(text); });
-  detail::addClassMethod(metaclass, emailSelector(), [](Text text) { return isEmail(text); });
-  detail::addClassMethod(metaclass, specialSelector(),
+  detail::addClassMethod(metaclass, detail::selectorNamed<"getStringLengthWithString:">(),
+                         [](Text text) { return lengthOf(text); });
+  detail::addClassMethod(metaclass, detail::selectorNamed<"checkEmailFormat:">(),
+                         [](Text text) { return isEmail(text); });
+  detail::addClassMethod(metaclass, detail::selectorNamed<"includeSpecialCharact:">(),
                          [](Text text) { return hasSpecialCharacter(text); });
-  detail::addClassMethod(metaclass, alphanumericSelector(),
+  detail::addClassMethod(metaclass, detail::selectorNamed<"includeAlphabetOrDigitOnly:">(),
                          [](Text text) { return isAlphanumericOnly(text); });
-  detail::addClassMethod(metaclass, md5Selector(), [](Text text) { return lowerCaseMD5(text); });
-  detail::addClassMethod(metaclass, parametersSelector(),
+  detail::addClassMethod(metaclass, detail::selectorNamed<"md5:">(),
+                         [](Text text) { return lowerCaseMD5(text); });
+  detail::addClassMethod(metaclass, detail::selectorNamed<"parseWebViewRequestString:">(),
                          [](Text text) { return requestParameters(text); });
 }
 
 std::int64_t NimbKitString::getStringLengthWithString(Text text) {
-  return msgSend<std::int64_t>(NimbKit::classObject(), lengthSelector(), std::move(text));
+  return msgSend<std::int64_t>(NimbKit::classObject(),
+                               detail::selectorNamed<"getStringLengthWithString:">(),
+                               std::move(text));
 }
 bool NimbKitString::checkEmailFormat(Text text) {
-  return msgSend<bool>(NimbKit::classObject(), emailSelector(), std::move(text));
+  return msgSend<bool>(NimbKit::classObject(), detail::selectorNamed<"checkEmailFormat:">(),
+                       std::move(text));
 }
 bool NimbKitString::includeSpecialCharact(Text text) {
-  return msgSend<bool>(NimbKit::classObject(), specialSelector(), std::move(text));
+  return msgSend<bool>(NimbKit::classObject(), detail::selectorNamed<"includeSpecialCharact:">(),
+                       std::move(text));
 }
 bool NimbKitString::includeAlphabetOrDigitOnly(Text text) {
-  return msgSend<bool>(NimbKit::classObject(), alphanumericSelector(), std::move(text));
+  return msgSend<bool>(NimbKit::classObject(),
+                       detail::selectorNamed<"includeAlphabetOrDigitOnly:">(), std::move(text));
 }
 std::string NimbKitString::md5(Text text) {
-  return msgSend<std::string>(NimbKit::classObject(), md5Selector(), std::move(text));
+  return msgSend<std::string>(NimbKit::classObject(), detail::selectorNamed<"md5:">(),
+                              std::move(text));
 }
 std::map<std::string, std::string> NimbKitString::parseWebViewRequestString(Text text) {
-  return msgSend<std::map<std::string, std::string>>(NimbKit::classObject(), parametersSelector(),
-                                                     std::move(text));
+  return msgSend<std::map<std::string, std::string>>(
+      NimbKit::classObject(), detail::selectorNamed<"parseWebViewRequestString:">(),
+      std::move(text));
 }
 
 }  // namespace nimb

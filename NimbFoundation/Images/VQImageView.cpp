@@ -39,29 +39,20 @@ std::shared_ptr<VQImageView> VQImageView::createWithPlaceholderImage(
   return view;
 }
 
-namespace {
-const Selector& startImageLoadSelector() {
-  static const Selector selector = sel_registerName("startImageLoad");
-  return selector;
-}
-const Selector& cancelImageLoadSelector() {
-  static const Selector selector = sel_registerName("cancelImageLoad");
-  return selector;
-}
-}  // namespace
-
 Class* VQImageView::classObject() {
   static Class* const cls = [] {
     Class* c = detail::registerKitClass("VQImageView", ImageView::classObject());
-    detail::addMethod<VQImageView>(c, startImageLoadSelector(), [](VQImageView& v) {
-      if (v.isAutoStart_ || !v.imageURL_) return;
-      v.loader_->loadImageForURL(v.imageURL_, v.observer_);
-    });
-    detail::addMethod<VQImageView>(c, cancelImageLoadSelector(), [](VQImageView& v) {
-      auto loader = v.loader_;
-      loader->cancelLoadForURL(v.imageURL_);
-      loader->removeObserver(v.observer_.get());
-    });
+    detail::addMethod<VQImageView>(c, detail::selectorNamed<"startImageLoad">(),
+                                   [](VQImageView& v) {
+                                     if (v.isAutoStart_ || !v.imageURL_) return;
+                                     v.loader_->loadImageForURL(v.imageURL_, v.observer_);
+                                   });
+    detail::addMethod<VQImageView>(c, detail::selectorNamed<"cancelImageLoad">(),
+                                   [](VQImageView& v) {
+                                     auto loader = v.loader_;
+                                     loader->cancelLoadForURL(v.imageURL_);
+                                     loader->removeObserver(v.observer_.get());
+                                   });
     return c;
   }();
   return cls;
@@ -135,11 +126,11 @@ bool VQImageView::isCacheImage() const {
 }
 
 void VQImageView::startImageLoad() {
-  msgSend<void>(this, startImageLoadSelector());
+  msgSend<void>(this, detail::selectorNamed<"startImageLoad">());
 }
 
 void VQImageView::cancelImageLoad() {
-  msgSend<void>(this, cancelImageLoadSelector());
+  msgSend<void>(this, detail::selectorNamed<"cancelImageLoad">());
 }
 
 void VQImageView::tellLoaded() {

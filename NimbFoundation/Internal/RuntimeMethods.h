@@ -8,6 +8,7 @@
 // of misbehaving).
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -25,6 +26,22 @@ inline constexpr std::string_view kKitClassNames[] = {"Object", "View", "ImageVi
                                                       "NimbKit"};
 // objc_registerClass for the kit's own classes.
 Class* registerKitClass(std::string_view name, Class* superclass);
+
+// A selector name as a template argument: selectorNamed<"setImage:">() is
+// made on first use and then answered from a static.
+template <std::size_t N>
+struct SelectorName {
+  char text[N];
+  constexpr SelectorName(const char (&name)[N]) {  // NOLINT: implicit on purpose
+    for (std::size_t i = 0; i < N; ++i) text[i] = name[i];
+  }
+};
+
+template <SelectorName name>
+const Selector& selectorNamed() {
+  static const Selector selector = sel_registerName(name.text);
+  return selector;
+}
 
 template <typename T, typename Lambda, typename R, typename... Args>
 struct InstanceThunk {

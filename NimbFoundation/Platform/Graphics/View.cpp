@@ -13,35 +13,12 @@
 
 namespace nimb {
 
-namespace {
-const Selector& setHiddenSelector() {
-  static const Selector selector = sel_registerName("setHidden:");
-  return selector;
-}
-const Selector& layoutSubviewsSelector() {
-  static const Selector selector = sel_registerName("layoutSubviews");
-  return selector;
-}
-const Selector& setImageSelector() {
-  static const Selector selector = sel_registerName("setImage:");
-  return selector;
-}
-const Selector& startAnimatingSelector() {
-  static const Selector selector = sel_registerName("startAnimating");
-  return selector;
-}
-const Selector& stopAnimatingSelector() {
-  static const Selector selector = sel_registerName("stopAnimating");
-  return selector;
-}
-}  // namespace
-
 Class* View::classObject() {
   static Class* const cls = [] {
     Class* c = detail::registerKitClass("View", Object::classObject());
-    detail::addMethod<View>(c, setHiddenSelector(),
+    detail::addMethod<View>(c, detail::selectorNamed<"setHidden:">(),
                             [](View& v, bool hidden) { v.hidden_ = hidden; });
-    detail::addMethod<View>(c, layoutSubviewsSelector(),
+    detail::addMethod<View>(c, detail::selectorNamed<"layoutSubviews">(),
                             [](View& v) { v.layoutSubviewsImplementation(); });
     detail::addMethod<View>(c, sel_registerName("description"), [](View& v) {
       std::string out = "<" + v.className() + ": " + formatAddress(&v);
@@ -57,7 +34,7 @@ Class* View::classObject() {
 View::View(Rect frame) : Object(classObject()), frame_(frame) {}
 
 void View::setHidden(bool hidden) {
-  msgSend<void>(this, setHiddenSelector(), hidden);
+  msgSend<void>(this, detail::selectorNamed<"setHidden:">(), hidden);
 }
 
 std::string View::className() const {
@@ -286,7 +263,7 @@ void View::layoutIfNeeded() {
 }
 
 void View::layoutSubviews() {
-  msgSend<void>(this, layoutSubviewsSelector());
+  msgSend<void>(this, detail::selectorNamed<"layoutSubviews">());
 }
 
 void View::layoutSubviewsImplementation() {}
@@ -319,13 +296,13 @@ void View::appendDescription(std::string& out) const {
 Class* ImageView::classObject() {
   static Class* const cls = [] {
     Class* c = detail::registerKitClass("ImageView", View::classObject());
-    detail::addMethod<ImageView>(c, setImageSelector(),
+    detail::addMethod<ImageView>(c, detail::selectorNamed<"setImage:">(),
                                  [](ImageView& v, std::shared_ptr<const Image> image) {
                                    v.setImageImplementation(std::move(image));
                                  });
-    detail::addMethod<ImageView>(c, startAnimatingSelector(),
+    detail::addMethod<ImageView>(c, detail::selectorNamed<"startAnimating">(),
                                  [](ImageView& v) { v.startAnimatingImplementation(); });
-    detail::addMethod<ImageView>(c, stopAnimatingSelector(),
+    detail::addMethod<ImageView>(c, detail::selectorNamed<"stopAnimating">(),
                                  [](ImageView& v) { v.stopAnimatingImplementation(); });
     return c;
   }();
@@ -342,15 +319,15 @@ ImageView::ImageView(Rect frame) : View(frame) {
 }
 
 void ImageView::setImage(std::shared_ptr<const Image> image) {
-  msgSend<void>(this, setImageSelector(), std::move(image));
+  msgSend<void>(this, detail::selectorNamed<"setImage:">(), std::move(image));
 }
 
 void ImageView::startAnimating() {
-  msgSend<void>(this, startAnimatingSelector());
+  msgSend<void>(this, detail::selectorNamed<"startAnimating">());
 }
 
 void ImageView::stopAnimating() {
-  msgSend<void>(this, stopAnimatingSelector());
+  msgSend<void>(this, detail::selectorNamed<"stopAnimating">());
 }
 
 void ImageView::setImageImplementation(std::shared_ptr<const Image> image) {
