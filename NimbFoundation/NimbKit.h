@@ -8,6 +8,10 @@
 //                       and request parameters (NimbKitString).
 //   NimbKit+Color       a colour from "#RRGGBB" text (NimbKitColor).
 //   NimbKit+Runtime     exchanging method implementations (NimbKitRuntime).
+//   NimbKit+Image       photos redrawn upright, one-pixel colour images
+//                       (NimbKitImage).
+//   NimbKit+ImagePicker picking a photo through the desktop's file chooser,
+//                       instance operations (NimbKitImagePicker).
 // NimbKit is a class of the object runtime ("NimbKit", under "Object"). The
 // String, Color and Runtime operations are its class methods there, and the
 // static functions send them through the runtime, so an exchange of one
@@ -22,6 +26,8 @@
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/NimbKit+Autolayout.h>
 #include <NimbFoundation/NimbKit+Color.h>
+#include <NimbFoundation/NimbKit+Image.h>
+#include <NimbFoundation/NimbKit+ImagePicker.h>
 #include <NimbFoundation/NimbKit+Runtime.h>
 #include <NimbFoundation/NimbKit+String.h>
 #include <NimbFoundation/Platform/Runtime/Object.h>
@@ -32,7 +38,9 @@ class NimbKit : public Object,
                 public NimbKitAutolayout,
                 public NimbKitString,
                 public NimbKitColor,
-                public NimbKitRuntime {
+                public NimbKitRuntime,
+                public NimbKitImage,
+                public NimbKitImagePicker {
  public:
   // The runtime class "NimbKit", with the extensions' class methods.
   static Class* classObject();
