@@ -25,6 +25,7 @@ Class* NimbKit::classObject() {
         });
     detail::registerNimbKitStringMethods(meta);
     detail::registerNimbKitColorMethods(meta);
+    detail::registerNimbKitImageMethods(meta);
     return c;
   }();
   return cls;

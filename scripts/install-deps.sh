@@ -12,6 +12,8 @@ packages=(
   # libraries
   libplist-dev libpng-dev libturbojpeg0-dev libicu-dev libcli11-dev libcurl4-openssl-dev
   libssl-dev libcairo2-dev libgif-dev libwebp-dev
+  # EXIF orientation of photos
+  libexif-dev
   # nimbkit layout reads JSON
   nlohmann-json3-dev
   # tests and benchmarks

@@ -1,6 +1,7 @@
 #include <NimbFoundation/Internal/ImageCodecs.h>
 
 #include <gif_lib.h>
+#include <libexif/exif-data.h>
 #include <png.h>
 #include <turbojpeg.h>
 #include <webp/decode.h>
@@ -101,12 +102,7 @@ std::uint16_t read16(const std::uint8_t* p, bool littleEndian) {
                       : static_cast<std::uint16_t>(p[0] << 8 | p[1]);
 }
 
-std::uint32_t read32(const std::uint8_t* p, bool littleEndian) {
-  std::uint32_t a = p[0], b = p[1], c = p[2], d = p[3];
-  return littleEndian ? (d << 24 | c << 16 | b << 8 | a) : (a << 24 | b << 16 | c << 8 | d);
-}
-
-ImageOrientation orientationFromExifValue(std::uint32_t value) {
+ImageOrientation orientationFromExifValue(unsigned value) {
   // EXIF numbers orientations 1 to 8; anything else is taken as upright.
   static constexpr ImageOrientation kFromExif[] = {
       ImageOrientation::Up,           ImageOrientation::Up,
@@ -117,36 +113,35 @@ ImageOrientation orientationFromExifValue(std::uint32_t value) {
   return value < std::size(kFromExif) ? kFromExif[value] : ImageOrientation::Up;
 }
 
-// Reads the Orientation tag (0x0112) from IFD0 of the TIFF structure inside
-// an Exif segment. Anything malformed means "no orientation", never a refusal:
-// the picture itself is still good.
-ImageOrientation exifOrientation(std::span<const std::uint8_t> tiff) {
-  if (tiff.size() < 8) return ImageOrientation::Up;
-  const std::uint8_t* t = tiff.data();
-  bool little;
-  if (t[0] == 'I' && t[1] == 'I') {
-    little = true;
-  } else if (t[0] == 'M' && t[1] == 'M') {
-    little = false;
-  } else {
-    return ImageOrientation::Up;
-  }
+// The Orientation tag (0x0112) of IFD0 in the payload of an APP1 "Exif"
+// segment (the "Exif\0\0" header included). libexif reads only these bytes,
+// so nothing past the segment is ever looked at. Anything malformed means
+// "no orientation", never a refusal: the picture itself is still good.
+ImageOrientation exifOrientation(std::span<const std::uint8_t> segment) {
+  // A TIFF header (byte order, then 42) must follow; libexif takes less.
+  if (segment.size() < 14) return ImageOrientation::Up;
+  const std::uint8_t* t = segment.data() + 6;
+  const bool little = t[0] == 'I' && t[1] == 'I';
+  if (!little && !(t[0] == 'M' && t[1] == 'M')) return ImageOrientation::Up;
   if (read16(t + 2, little) != 42) return ImageOrientation::Up;
-  const std::size_t ifd = read32(t + 4, little);
-  if (ifd > tiff.size() || tiff.size() - ifd < 2) return ImageOrientation::Up;
-  const std::size_t count = read16(t + ifd, little);
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t entry = ifd + 2 + i * 12;
-    if (entry > tiff.size() || tiff.size() - entry < 12) break;
-    const std::uint8_t* e = t + entry;
-    if (read16(e, little) != 0x0112) continue;
-    const std::uint16_t type = read16(e + 2, little);
-    if (read32(e + 4, little) < 1) return ImageOrientation::Up;
-    if (type == 3) return orientationFromExifValue(read16(e + 8, little));  // SHORT
-    if (type == 4) return orientationFromExifValue(read32(e + 8, little));  // LONG
-    return ImageOrientation::Up;
+
+  ExifData* data = exif_data_new();
+  if (!data) return ImageOrientation::Up;
+  // Read the tags as they are: no mandatory tags made up, no values "fixed".
+  exif_data_unset_option(data, EXIF_DATA_OPTION_FOLLOW_SPECIFICATION);
+  exif_data_load_data(data, segment.data(), static_cast<unsigned>(segment.size()));
+  ImageOrientation out = ImageOrientation::Up;
+  ExifEntry* entry = exif_content_get_entry(data->ifd[EXIF_IFD_0], EXIF_TAG_ORIENTATION);
+  if (entry && entry->data && entry->components >= 1) {
+    const ExifByteOrder order = exif_data_get_byte_order(data);
+    if (entry->format == EXIF_FORMAT_SHORT && entry->size >= 2) {
+      out = orientationFromExifValue(exif_get_short(entry->data, order));
+    } else if (entry->format == EXIF_FORMAT_LONG && entry->size >= 4) {
+      out = orientationFromExifValue(exif_get_long(entry->data, order));
+    }
   }
-  return ImageOrientation::Up;
+  exif_data_unref(data);
+  return out;
 }
 
 // What the marker segments ahead of the first scan tell us.
@@ -180,7 +175,7 @@ JpegMarkers scanJpegMarkers(std::span<const std::uint8_t> b) {
     if (marker == 0xE1 && !sawExif && payload.size() >= 6 &&
         std::memcmp(payload.data(), "Exif\0\0", 6) == 0) {
       sawExif = true;
-      out.orientation = exifOrientation(payload.subspan(6));
+      out.orientation = exifOrientation(payload);
     }
     if (isFrameMarker(marker) && out.frameMarker == 0) out.frameMarker = marker;
     pos += length;

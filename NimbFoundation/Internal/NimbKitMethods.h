@@ -9,5 +9,6 @@ namespace nimb::detail {
 
 void registerNimbKitStringMethods(Class* metaclass);
 void registerNimbKitColorMethods(Class* metaclass);
+void registerNimbKitImageMethods(Class* metaclass);
 
 }  // namespace nimb::detail
