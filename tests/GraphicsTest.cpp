@@ -1,4 +1,5 @@
-// Graphics: cropping in pixels, offscreen contexts, orientation, alpha and compositing.
+// Graphics: cropping in pixels, offscreen contexts, alpha and compositing (drawing with an
+// orientation is checked through NimbKit::fixOrientation in NimbKitImageTest).
 #include <NimbFoundation/Platform/Env/Device.h>
 #include <NimbFoundation/Platform/Graphics/Graphics.h>
 
@@ -115,31 +116,6 @@ TEST(Graphics, StraightAlphaSurvivesARoundTrip) {
   context.drawImage(*image, {0, 0, 6, 1});
   const Bitmap back = context.image()->bitmap();
   for (int x = 0; x < 6; ++x) EXPECT_LE(farthest(pixel(back, x, 0), out[x]), x < 4 ? 1 : 0) << x;
-}
-
-TEST(Graphics, OrientationTurnsTheStoredPixelsUpright) {
-  // Stored 20x10 with its top-left pixel red and the next one along the top row green.
-  const Bitmap stored = filled(20, 10, [](int x, int y) {
-    return y ? kBlue : x == 0 ? kRed : x == 1 ? kGreen : kBlue;
-  });
-  const struct {
-    O orientation;
-    int redX, redY, greenX, greenY;
-  } cases[] = {{O::Up, 0, 0, 1, 0},           {O::Down, 19, 9, 18, 9},
-               {O::Left, 0, 19, 0, 18},       {O::Right, 9, 0, 9, 1},
-               {O::UpMirrored, 19, 0, 18, 0}, {O::DownMirrored, 0, 9, 1, 9},
-               {O::LeftMirrored, 0, 0, 0, 1}, {O::RightMirrored, 9, 19, 9, 18}};
-  for (const auto& c : cases) {
-    auto image = Image::withBitmap(stored, 1.0, c.orientation);
-    ImageContext context(image->size(), false, 1);
-    context.drawImage(*image, {{0, 0}, image->size()});
-    const Bitmap out = context.image()->bitmap();
-    const int code = int(c.orientation);
-    EXPECT_EQ(out.width, code % 4 > 1 ? 10 : 20) << code;
-    EXPECT_EQ(pixel(out, c.redX, c.redY), kRed) << code;
-    EXPECT_EQ(pixel(out, c.greenX, c.greenY), kGreen) << code;
-    EXPECT_EQ(pixel(out, out.width / 2, out.height / 2), kBlue) << code;
-  }
 }
 
 TEST(Graphics, ImagesCompositeOverEachOtherAndSnapshotsStayPut) {

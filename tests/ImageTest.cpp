@@ -174,10 +174,11 @@ TEST(ImageJpeg, DecodesColoursAndExifOrientationInBothByteOrders) {
 
 TEST(ImageJpeg, MalformedExifMeansUpAndStillDecodes) {
   // {byte, new value, bytes kept}: IFD0 offset, entry count (entry cut), byte order, magic,
-  // value, tag, type, cuts. The comment after would read as 6 past the segment's end.
+  // value, tag, type, cuts, a count of 0xFF000001 values, an IFD0 offset near 2 GiB. The
+  // comment after would read as 6 past the segment's end.
   const std::size_t cases[][3] = {{10, 0xF0, 32}, {15, 0xFF, 22}, {6, 'X', 32},   {8, 43, 32},
                                   {24, 9, 32},    {24, 0, 32},    {16, 0x13, 32}, {18, 2, 32},
-                                  {6, 'I', 7},    {6, 'I', 20}};
+                                  {6, 'I', 7},    {6, 'I', 20},   {23, 0xFF, 32}, {13, 0x7F, 32}};
   for (auto [at, byte, keep] : cases) {
     Data e = exif(true, 6);
     e[at] = std::uint8_t(byte);
