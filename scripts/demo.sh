@@ -15,7 +15,7 @@ scripts/install-deps.sh
 jobs=${NIMB_JOBS:-2}
 cmake -S . -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DNIMB_BUILD_TESTS=OFF \
   -DNIMB_BUILD_BENCH=OFF >/dev/null
-cmake --build build/demo -j "${jobs}" --target nimbkit
+cmake --build build/demo -j "${jobs}" --target nimbkit exif_orientations
 nimbkit=build/demo/tools/nimbkit/nimbkit
 
 demo_home=$(mktemp -d)
@@ -29,6 +29,13 @@ step() { printf '\n$ %s\n' "$*"; "$@"; }
 
 echo "== The main job: images through the loader into views (VQImageLoader, VQImageView) =="
 step "$nimbkit" demo --out build/demo-output
+
+echo
+echo "== Photos upright: the eight EXIF orientations (NimbKit::fixOrientation) =="
+step build/demo/examples/exif_orientations build/demo-output/orientations
+step "$nimbkit" orient build/demo-output/orientations/orientation-1.jpg
+step "$nimbkit" orient build/demo-output/orientations/orientation-6.jpg \
+  --out build/demo-output/orientations/orientation-6-upright.png
 
 echo
 echo "== The disk cache (VQCache) =="
