@@ -25,6 +25,7 @@ Class* NimbKit::classObject() {
         });
     detail::registerNimbKitStringMethods(meta);
     detail::registerNimbKitColorMethods(meta);
+    detail::registerNimbKitImagePickerMethods(c);
     return c;
   }();
   return cls;

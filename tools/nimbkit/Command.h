@@ -73,5 +73,7 @@ void addUtilsCommands(CLI::App& app, Action& selected);
 void addTextCommands(CLI::App& app, Action& selected);
 // Registers `nimbkit layout FILE.json [--out DIR] [--hide ID] [--detach ID]`.
 void addLayoutCommand(CLI::App& app, Action& selected);
+// Registers `nimbkit pick` (the desktop's file chooser, through the kit).
+void addPickCommand(CLI::App& app, Action& selected);
 
 }  // namespace nimbkit
