@@ -18,6 +18,7 @@
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Platform/Graphics/ImagePickerController.h>
+#include <NimbFoundation/Platform/Runtime.h>
 
 namespace nimb {
 namespace {
@@ -215,6 +216,25 @@ TEST_F(ImagePickerTest, CancelCallsNothingAndKeepsTheCompletion) {
   ASSERT_TRUE(kept);
   kept(nullptr, {});
   EXPECT_EQ(calls.size(), 1u) << "the stored completion is the one given";
+
+  // A delegate that answers imagePickerControllerDidCancel: hears of it.
+  struct Watcher : Object {
+    explicit Watcher(Class* cls) : Object(cls) {}
+    std::vector<ImagePickerController*> cancelled;
+  };
+  Class* cls = objc_registerClass("PickerCancelWatcher", Object::classObject());
+  class_addMethod(cls, sel_registerName("imagePickerControllerDidCancel:"),
+                  IMP(+[](Object* self, Selector, ImagePickerController* picker) {
+                    static_cast<Watcher*>(self)->cancelled.push_back(picker);
+                  }));
+  Watcher watcher(cls);
+  auto own = ImagePickerController::create();
+  own->setDelegate(&watcher);
+  ASSERT_TRUE(own->present());
+  EXPECT_FALSE(own->present()) << "presented already";
+  ASSERT_TRUE(pumpUntil([&] { return !watcher.cancelled.empty(); }));
+  EXPECT_EQ(watcher.cancelled, std::vector<ImagePickerController*>{own.get()});
+  EXPECT_FALSE(own->isPresented());
 }
 
 TEST_F(ImagePickerTest, NonImageFileComesWithoutOriginalImage) {
