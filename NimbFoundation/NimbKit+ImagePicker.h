@@ -21,6 +21,12 @@
 //   UIImagePickerControllerReferenceURL    the same URL
 //   UIImagePickerControllerMediaType       "public.image"
 //
+// The dictionary is an ImagePickerMediaInfo (Platform/Graphics/
+// ImagePickerController.h), one field per key: the kit's Value holds no
+// images. There is no view controller on this platform to present from:
+// the presenter is the view the request comes from, or nullptr, and the
+// desktop places the chooser itself.
+//
 // Thread rule: main thread only, like the views.
 #pragma once
 
@@ -28,13 +34,43 @@
 #include <memory>
 
 #include <NimbFoundation/Export.h>
+#include <NimbFoundation/Platform/Graphics/ImagePickerController.h>
 
 namespace NIMB_EXPORT nimb {
 
-// Written by the picker helper: ImagePickerController, MediaInfo,
-// NimbKitCompletion and the operations below.
+class View;
+
+// What fetchImageFromAlbum calls back with: the picker and what was picked.
+using NimbKitCompletion =
+    std::function<void(ImagePickerController* picker, const ImagePickerMediaInfo& info)>;
+
+// The key (its address) under which the kit object stores the completion,
+// a NimbKitCompletion held in a std::any (Platform/Runtime/Associated.h).
+extern const char NimbKitCompletionKey;
+
 class NimbKitImagePicker {
  public:
+  // Stores `completion` and, when the photo library is available, presents
+  // a new picker whose delegate is the kit object; a picker the kit
+  // presented earlier is dismissed first, so only the newest answers.
+  void fetchImageFromAlbum(View* presenter, NimbKitCompletion completion);
+
+  // The completion stored under NimbKitCompletionKey; empty when none.
+  NimbKitCompletion completion() const;
+  // Stores a completion; an empty one clears it.
+  void setCompletion(NimbKitCompletion completion);
+
+  // The picker the latest fetchImageFromAlbum presented, presented or not
+  // by now; nullptr when none was. A caller waiting for the dialog to end
+  // watches its isPresented().
+  std::shared_ptr<ImagePickerController> imagePicker() const { return picker_; }
+
+ protected:
+  NimbKitImagePicker() = default;
+  ~NimbKitImagePicker() = default;
+
+ private:
+  std::shared_ptr<ImagePickerController> picker_;
 };
 
 }  // namespace nimb

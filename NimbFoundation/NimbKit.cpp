@@ -26,6 +26,7 @@ Class* NimbKit::classObject() {
     detail::registerNimbKitStringMethods(meta);
     detail::registerNimbKitColorMethods(meta);
     detail::registerNimbKitImageMethods(meta);
+    detail::registerNimbKitImagePickerMethods(c);
     return c;
   }();
   return cls;

@@ -22,6 +22,10 @@ packages=(
   openssl
   # the linear solver's tests and benchmark compare with kiwisolver
   python3 python3-kiwisolver
+  # the photo picker talks to the desktop portal over D-Bus through GIO
+  libglib2.0-dev
+  # the photo picker's tests run a private session bus with a fake portal
+  dbus-daemon python3-dbusmock xdg-user-dirs
 )
 
 missing=()

@@ -2,6 +2,7 @@
 // cache, and the kit's method exchange seen by the kit's own classes.
 #include <gtest/gtest.h>
 
+#include <any>
 #include <atomic>
 #include <cctype>
 #include <optional>
@@ -308,6 +309,46 @@ TEST(NimbKitRuntime, SharedInstanceIsOneObjectOfClassNimbKit) {
   for (NimbKit* kit : seen) EXPECT_EQ(kit, seen[0]);
   EXPECT_EQ(object_getClass(seen[0]), NimbKit::classObject());
   EXPECT_EQ(msgSend<Object*>(NimbKit::classObject(), sel("sharedInstance")), seen[0]);
+}
+
+TEST(Runtime, AssociatedValuesAreCopiesPerObjectAndKey) {
+  static const char keyA = 0, keyB = 0;
+  Class* cls = objc_registerClass("AssociatedPet", Object::classObject());
+  Pet one(cls), two(cls);
+  std::vector<int> numbers{1, 2};
+  objc_setAssociatedObject(&one, &keyA, numbers);
+  numbers.push_back(3);  // the stored copy does not change
+  objc_setAssociatedObject(&one, &keyB, std::string("b"));
+  objc_setAssociatedObject(&two, &keyA, 7);
+  EXPECT_EQ(std::any_cast<std::vector<int>>(objc_getAssociatedObject(&one, &keyA)),
+            (std::vector<int>{1, 2}));
+  EXPECT_EQ(std::any_cast<std::string>(objc_getAssociatedObject(&one, &keyB)), "b");
+  EXPECT_EQ(std::any_cast<int>(objc_getAssociatedObject(&two, &keyA)), 7);
+
+  objc_setAssociatedObject(&one, &keyB, 5);  // replaced, of another type
+  EXPECT_EQ(std::any_cast<int>(objc_getAssociatedObject(&one, &keyB)), 5);
+  objc_setAssociatedObject(&one, &keyB, std::any());  // an empty value removes
+  EXPECT_FALSE(objc_getAssociatedObject(&one, &keyB).has_value());
+  objc_removeAssociatedObjects(&one);
+  EXPECT_FALSE(objc_getAssociatedObject(&one, &keyA).has_value());
+  EXPECT_EQ(std::any_cast<int>(objc_getAssociatedObject(&two, &keyA)), 7);
+  objc_removeAssociatedObjects(&two);
+  objc_setAssociatedObject(nullptr, &keyA, 1);
+  EXPECT_FALSE(objc_getAssociatedObject(nullptr, &keyA).has_value());
+
+  // Threads storing under their own keys all find their values.
+  static const char keys[8] = {};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 500; ++i) objc_setAssociatedObject(&one, &keys[t], t * 1000 + i);
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (int t = 0; t < 8; ++t) {
+    EXPECT_EQ(std::any_cast<int>(objc_getAssociatedObject(&one, &keys[t])), t * 1000 + 499);
+  }
+  objc_removeAssociatedObjects(&one);
 }
 
 }  // namespace

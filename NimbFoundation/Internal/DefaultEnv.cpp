@@ -550,12 +550,72 @@ std::string DefaultEnv::systemTimeZoneName() {
   return name;
 }
 
-bool DefaultEnv::launchDetached(const std::vector<std::string>& argv) {
-  if (argv.empty()) return false;
-  for (const auto& arg : argv) {
-    // A NUL would cut an argument short.
-    if (arg.find('\0') != std::string::npos) return false;
+namespace {
+
+// Spawns `args` (null-terminated) with `program` as the file to run, with
+// the default signal mask and dispositions and no descriptors beyond the
+// standard three; `stdoutFd` >= 0 becomes the child's standard output.
+// Standard input and, when `stdoutFd` is used, standard error are /dev/null;
+// `stdoutFd` is closed here once the child has it. The child's process id,
+// or nullopt when it could not start.
+std::optional<pid_t> spawnProgram(const char* program, std::vector<char*>& args, int stdoutFd) {
+  // The program must not inherit the caller's blocked or ignored signals,
+  // nor its descriptors beyond the standard three.
+  posix_spawnattr_t attributes;
+  if (posix_spawnattr_init(&attributes) != 0) return std::nullopt;
+  sigset_t none, all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  sigdelset(&all, SIGKILL);
+  sigdelset(&all, SIGSTOP);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawn_file_actions_t actions;
+  if (posix_spawn_file_actions_init(&actions) != 0) {
+    posix_spawnattr_destroy(&attributes);
+    return std::nullopt;
   }
+  if (stdoutFd >= 0) {
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  }
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+#endif
+
+  pid_t pid = 0;
+  const int spawned = posix_spawn(&pid, program, &actions, &attributes, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  if (spawned != 0) return std::nullopt;
+  if (stdoutFd >= 0) ::close(stdoutFd);
+  return pid;
+}
+
+// Reaps `pid`; its wait status, or nullopt when the system reaped it
+// already (the host ignores SIGCHLD).
+std::optional<int> reap(pid_t pid) {
+  int status = 0;
+  pid_t waited;
+  do {
+    waited = ::waitpid(pid, &status, 0);
+  } while (waited < 0 && errno == EINTR);
+  if (waited < 0) return std::nullopt;
+  return status;
+}
+
+bool hasNul(const std::vector<std::string>& argv) {
+  // A NUL would cut an argument short.
+  return std::any_of(argv.begin(), argv.end(),
+                     [](const std::string& arg) { return arg.find('\0') != std::string::npos; });
+}
+
+}  // namespace
+
+bool DefaultEnv::launchDetached(const std::vector<std::string>& argv) {
+  if (argv.empty() || hasNul(argv)) return false;
   auto program = findOnPath(argv[0]);
   if (!program) return false;
   // The shell backgrounds the program and exits at once, so the program
@@ -568,42 +628,48 @@ bool DefaultEnv::launchDetached(const std::vector<std::string>& argv) {
   for (auto& word : words) args.push_back(word.data());
   args.push_back(nullptr);
 
-  // The program must not inherit the caller's blocked or ignored signals,
-  // nor its descriptors beyond the standard three.
-  posix_spawnattr_t attributes;
-  if (posix_spawnattr_init(&attributes) != 0) return false;
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  sigdelset(&all, SIGKILL);
-  sigdelset(&all, SIGSTOP);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  posix_spawn_file_actions_t actions;
-  if (posix_spawn_file_actions_init(&actions) != 0) {
-    posix_spawnattr_destroy(&attributes);
-    return false;
+  const auto pid = spawnProgram("/bin/sh", args, -1);
+  if (!pid) return false;
+  const auto status = reap(*pid);
+  // No status: the system reaped the shell and took its status with it; the
+  // launch itself went ahead.
+  if (!status) return errno == ECHILD;
+  return WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
+}
+
+std::optional<std::string> DefaultEnv::outputOfProgram(const std::vector<std::string>& argv) {
+  if (argv.empty() || hasNul(argv)) return std::nullopt;
+  auto program = findOnPath(argv[0]);
+  if (!program) return std::nullopt;
+  std::vector<std::string> words = argv;
+  std::vector<char*> args;
+  for (auto& word : words) args.push_back(word.data());
+  args.push_back(nullptr);
+
+  int pipeFds[2];
+  if (::pipe2(pipeFds, O_CLOEXEC) != 0) return std::nullopt;
+  const auto pid = spawnProgram(program->c_str(), args, pipeFds[1]);
+  if (!pid) {
+    ::close(pipeFds[0]);
+    ::close(pipeFds[1]);
+    return std::nullopt;
   }
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-#endif
-
-  pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, "/bin/sh", &actions, &attributes, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
-  if (spawned != 0) return false;
-
-  int status = 0;
-  pid_t waited;
-  do {
-    waited = ::waitpid(pid, &status, 0);
-  } while (waited < 0 && errno == EINTR);
-  // ECHILD: the host ignores SIGCHLD, so the system reaped the shell and
-  // took its status with it; the launch itself went ahead.
-  if (waited < 0) return errno == ECHILD;
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  std::string output;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
+    if (n > 0) {
+      output.append(buffer, static_cast<std::size_t>(n));
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      break;
+    }
+  }
+  ::close(pipeFds[0]);
+  const auto status = reap(*pid);
+  if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0) return std::nullopt;
+  return output;
 }
 
 }  // namespace detail

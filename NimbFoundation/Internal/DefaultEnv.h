@@ -61,6 +61,7 @@ class DefaultEnv final : public Env {
   std::vector<std::string> preferredLanguages() override;
   std::string systemTimeZoneName() override;
   bool launchDetached(const std::vector<std::string>& argv) override;
+  std::optional<std::string> outputOfProgram(const std::vector<std::string>& argv) override;
 };
 
 }  // namespace nimb::detail

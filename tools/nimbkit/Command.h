@@ -75,5 +75,7 @@ void addTextCommands(CLI::App& app, Action& selected);
 void addLayoutCommand(CLI::App& app, Action& selected);
 // Registers `nimbkit orient IN [--out FILE]`.
 void addOrientCommand(CLI::App& app, Action& selected);
+// Registers `nimbkit pick` (the desktop's file chooser, through the kit).
+void addPickCommand(CLI::App& app, Action& selected);
 
 }  // namespace nimbkit

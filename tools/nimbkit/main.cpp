@@ -54,6 +54,7 @@ int main(int argc, char** argv) {
   nimbkit::addLayoutCommand(app, selected);
   nimbkit::addTextCommands(app, selected);
   nimbkit::addOrientCommand(app, selected);
+  nimbkit::addPickCommand(app, selected);
 
   if (auto unknown = unknownSubcommand(app, argc, argv)) {
     std::fprintf(stderr, "%s\n", oneLine(*unknown).c_str());

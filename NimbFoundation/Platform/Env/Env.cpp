@@ -116,4 +116,8 @@ bool EnvWrapper::launchDetached(const std::vector<std::string>& argv) {
   return target_->launchDetached(argv);
 }
 
+std::optional<std::string> EnvWrapper::outputOfProgram(const std::vector<std::string>& argv) {
+  return target_->outputOfProgram(argv);
+}
+
 }  // namespace nimb

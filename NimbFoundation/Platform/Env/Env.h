@@ -138,6 +138,10 @@ class Env {
   // --- Processes ---
   // Starts `argv` (argv[0] found on $PATH) detached, without waiting for it.
   virtual bool launchDetached(const std::vector<std::string>& argv) = 0;
+  // Runs `argv` (argv[0] found on $PATH) to its end and returns what it
+  // wrote on standard output; nullopt when it cannot start or does not exit
+  // with 0. Standard input reads nothing and standard error is dropped.
+  virtual std::optional<std::string> outputOfProgram(const std::vector<std::string>& argv) = 0;
 };
 
 // Forwards every call to another Env; derive from it to change a few.
@@ -170,6 +174,7 @@ class EnvWrapper : public Env {
   std::vector<std::string> preferredLanguages() override;
   std::string systemTimeZoneName() override;
   bool launchDetached(const std::vector<std::string>& argv) override;
+  std::optional<std::string> outputOfProgram(const std::vector<std::string>& argv) override;
 
  private:
   std::shared_ptr<Env> target_;
