@@ -8,38 +8,38 @@ namespace nimb {
 
 namespace {
 
-// Looks both methods up on `cls` (inherited included), then adds or
-// exchanges as the header says.
-bool swizzle(Class* cls, Selector original, Selector swizzled, const char* kind) {
-  if (!cls || !original || !swizzled) {
+// Looks up the methods of `target` (O) and `replacement` (S) on `cls`,
+// inherited included, then adds or exchanges as the header says.
+bool swizzle(Class* cls, Selector target, Selector replacement, const char* kind) {
+  if (!cls || !target || !replacement) {
     SystemLog::log("NimbKit: cannot swizzle %s method %s with %s of class %s", kind,
-                   original ? original.name() : "(null selector)",
-                   swizzled ? swizzled.name() : "(null selector)", class_getName(cls));
+                   target ? target.name() : "(null selector)",
+                   replacement ? replacement.name() : "(null selector)", class_getName(cls));
     return false;
   }
-  Method* originalMethod = class_getInstanceMethod(cls, original);
-  Method* swizzledMethod = class_getInstanceMethod(cls, swizzled);
-  if (!originalMethod || !swizzledMethod) {
+  Method* targetMethod = class_getInstanceMethod(cls, target);
+  Method* replacementMethod = class_getInstanceMethod(cls, replacement);
+  if (!targetMethod || !replacementMethod) {
     SystemLog::log("NimbKit: cannot swizzle %s method %s of class %s: no method for %s", kind,
-                   original.name(), class_getName(cls),
-                   originalMethod ? swizzled.name() : original.name());
+                   target.name(), class_getName(cls),
+                   targetMethod ? replacement.name() : target.name());
     return false;
   }
-  IMP originalImp = method_getImplementation(originalMethod);
-  IMP swizzledImp = method_getImplementation(swizzledMethod);
+  IMP targetImp = method_getImplementation(targetMethod);
+  IMP replacementImp = method_getImplementation(replacementMethod);
   // Encodings are interned: equal texts are the same pointer.
-  if (originalImp.typeEncoding() != swizzledImp.typeEncoding()) {
+  if (targetImp.typeEncoding() != replacementImp.typeEncoding()) {
     SystemLog::log(
         "NimbKit: cannot swizzle %s method %s with %s of class %s: signatures "
         "\"%s\" and \"%s\" differ",
-        kind, original.name(), swizzled.name(), class_getName(cls), originalImp.typeEncoding(),
-        swizzledImp.typeEncoding());
+        kind, target.name(), replacement.name(), class_getName(cls), targetImp.typeEncoding(),
+        replacementImp.typeEncoding());
     return false;
   }
-  if (class_addMethod(cls, original, swizzledImp, swizzledImp.typeEncoding())) {
-    class_replaceMethod(cls, swizzled, originalImp, originalImp.typeEncoding());
+  if (class_addMethod(cls, target, replacementImp, replacementImp.typeEncoding())) {
+    class_replaceMethod(cls, replacement, targetImp, targetImp.typeEncoding());
   } else {
-    method_exchangeImplementations(originalMethod, swizzledMethod);
+    method_exchangeImplementations(targetMethod, replacementMethod);
   }
   return true;
 }

@@ -1,11 +1,12 @@
 // NimbKitRuntime: the Runtime extension of the kit class NimbKit (call these
 // as NimbKit::swizzleInstanceMethod(...)). Exchanges two method
-// implementations of a class in the object runtime, so that sending the
-// original selector runs the swizzled implementation and sending the
-// swizzled selector runs the original one (the usual way to wrap a method:
-// the wrapper sends its own selector to reach the original).
+// implementations of a class in the object runtime: afterwards, sending
+// originalSelector runs the implementation swizzledSelector had, and
+// sending swizzledSelector runs the one originalSelector had. This is how a
+// method is wrapped: the wrapper, added under swizzledSelector, sends
+// swizzledSelector to reach the implementation it took the place of.
 //
-// For a class C, an original selector O and a swizzled selector S:
+// For a class C, the selectors O (originalSelector) and S (swizzledSelector):
 //   - both methods are looked up on C, inherited ones included;
 //   - when C has no method of its own for O (only an inherited one), C gets
 //     one for O with S's implementation, and C's method for S is set to

@@ -15,13 +15,13 @@ Class* NimbKit::classObject() {
                            []() -> Object* { return &sharedInstance(); });
     detail::addClassMethod(
         meta, sel_registerName("swizzleClassMethod:originalSelector:swizzledSelector:"),
-        [](Object* object, Selector original, Selector swizzled) {
-          return NimbKit_swizzleClassMethod(object, original, swizzled);
+        [](Object* object, Selector target, Selector replacement) {
+          return NimbKit_swizzleClassMethod(object, target, replacement);
         });
     detail::addClassMethod(
         meta, sel_registerName("swizzleInstanceMethod:originalSelector:swizzledSelector:"),
-        [](Class* cls, Selector original, Selector swizzled) {
-          return NimbKit_swizzleInstanceMethod(cls, original, swizzled);
+        [](Class* cls, Selector target, Selector replacement) {
+          return NimbKit_swizzleInstanceMethod(cls, target, replacement);
         });
     detail::registerNimbKitStringMethods(meta);
     detail::registerNimbKitColorMethods(meta);

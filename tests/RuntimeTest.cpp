@@ -221,7 +221,7 @@ TEST(NimbKitRuntime, SwizzleAddsForInheritedAndExchangesOwn) {
   EXPECT_EQ(msgSend<std::string>(zoo.animal, sel("kind")), "animals");
   EXPECT_EQ(msgSend<std::string>(dog, sel("xx_kind")), "animals");
 
-  // No method for the original (or the swizzled) selector: refused, tables as they were.
+  // No method for the selector to wrap (or for the wrapper): refused, tables as they were.
   testing::internal::CaptureStderr();
   EXPECT_FALSE(NimbKit_swizzleInstanceMethod(dog, sel("nothing"), sel("xx_speak")));
   EXPECT_FALSE(NimbKit::swizzleInstanceMethod(dog, sel("speak"), sel("nothing")));
@@ -279,9 +279,9 @@ TEST(NimbKitRuntime, SwizzledLayoutSubviewsRunsInTheLayoutPass) {
 }
 
 std::string shoutingMd5(Object* self, Selector, std::optional<std::string> text) {
-  std::string original = msgSend<std::string>(self, sel("xx_md5:"), std::move(text));
-  for (char& c : original) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return original;
+  std::string digest = msgSend<std::string>(self, sel("xx_md5:"), std::move(text));
+  for (char& c : digest) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return digest;
 }
 
 TEST(NimbKitRuntime, KitClassMethodsAreSentThroughTheRuntime) {
