@@ -114,6 +114,14 @@ std::map<std::string, std::string> requestParameters(const std::optional<std::st
 // Each operation is a class method of NimbKit, "name:" taking the text.
 using Text = std::optional<std::string>;
 
+namespace {
+// Sends one of them to the kit class.
+template <typename R>
+R sendToKit(const Selector& selector, Text text) {
+  return msgSend<R>(NimbKit::classObject(), selector, std::move(text));
+}
+}  // namespace
+
 void detail::registerNimbKitStringMethods(Class* metaclass) {
   detail::addClassMethod(metaclass, detail::selectorNamed<"getStringLengthWithString:">(),
                          [](Text text) { return lengthOf(text); });
@@ -130,30 +138,24 @@ void detail::registerNimbKitStringMethods(Class* metaclass) {
 }
 
 std::int64_t NimbKitString::getStringLengthWithString(Text text) {
-  return msgSend<std::int64_t>(NimbKit::classObject(),
-                               detail::selectorNamed<"getStringLengthWithString:">(),
-                               std::move(text));
+  return sendToKit<std::int64_t>(detail::selectorNamed<"getStringLengthWithString:">(),
+                                 std::move(text));
 }
 bool NimbKitString::checkEmailFormat(Text text) {
-  return msgSend<bool>(NimbKit::classObject(), detail::selectorNamed<"checkEmailFormat:">(),
-                       std::move(text));
+  return sendToKit<bool>(detail::selectorNamed<"checkEmailFormat:">(), std::move(text));
 }
 bool NimbKitString::includeSpecialCharact(Text text) {
-  return msgSend<bool>(NimbKit::classObject(), detail::selectorNamed<"includeSpecialCharact:">(),
-                       std::move(text));
+  return sendToKit<bool>(detail::selectorNamed<"includeSpecialCharact:">(), std::move(text));
 }
 bool NimbKitString::includeAlphabetOrDigitOnly(Text text) {
-  return msgSend<bool>(NimbKit::classObject(),
-                       detail::selectorNamed<"includeAlphabetOrDigitOnly:">(), std::move(text));
+  return sendToKit<bool>(detail::selectorNamed<"includeAlphabetOrDigitOnly:">(), std::move(text));
 }
 std::string NimbKitString::md5(Text text) {
-  return msgSend<std::string>(NimbKit::classObject(), detail::selectorNamed<"md5:">(),
-                              std::move(text));
+  return sendToKit<std::string>(detail::selectorNamed<"md5:">(), std::move(text));
 }
 std::map<std::string, std::string> NimbKitString::parseWebViewRequestString(Text text) {
-  return msgSend<std::map<std::string, std::string>>(
-      NimbKit::classObject(), detail::selectorNamed<"parseWebViewRequestString:">(),
-      std::move(text));
+  return sendToKit<std::map<std::string, std::string>>(
+      detail::selectorNamed<"parseWebViewRequestString:">(), std::move(text));
 }
 
 }  // namespace nimb
