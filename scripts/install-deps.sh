@@ -26,6 +26,8 @@ packages=(
   libglib2.0-dev
   # the photo picker's tests run a private session bus with a fake portal
   dbus-daemon python3-dbusmock xdg-user-dirs
+  # location fixes from gpsd (libgps), and gpsd with gpsfake for the tests and the demo
+  libgps-dev gpsd gpsd-clients
 )
 
 missing=()
