@@ -17,7 +17,7 @@ double Location::distanceFromLocation(const Location& other) const {
   const double h = std::sin(dLat / 2) * std::sin(dLat / 2) +
                    std::cos(lat1) * std::cos(lat2) * std::sin(dLon / 2) * std::sin(dLon / 2);
   // Rounding can push h a hair past 1 for antipodal points.
-  return 2 * kEarthMeanRadius * std::asin(std::sqrt(std::fmin(1.0, h)));
+  return 2 * kEarthMeanRadius * std::asin(std::sqrt(h > 1 ? 1.0 : h));
 }
 
 std::string Location::description() const {
