@@ -77,5 +77,7 @@ void addLayoutCommand(CLI::App& app, Action& selected);
 void addOrientCommand(CLI::App& app, Action& selected);
 // Registers `nimbkit pick` (the desktop's file chooser, through the kit).
 void addPickCommand(CLI::App& app, Action& selected);
+// Registers `nimbkit locate`: location updates through NimbLocationManager.
+void addLocateCommand(CLI::App& app, Action& selected);
 
 }  // namespace nimbkit

@@ -55,6 +55,7 @@ int main(int argc, char** argv) {
   nimbkit::addTextCommands(app, selected);
   nimbkit::addOrientCommand(app, selected);
   nimbkit::addPickCommand(app, selected);
+  nimbkit::addLocateCommand(app, selected);
 
   if (auto unknown = unknownSubcommand(app, argc, argv)) {
     std::fprintf(stderr, "%s\n", oneLine(*unknown).c_str());
