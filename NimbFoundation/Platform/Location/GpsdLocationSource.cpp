@@ -84,12 +84,24 @@ bool locationFromFix(const gps_fix_t& fix, Location& out) {
   return true;
 }
 
+// libgps works in buffers shared by the process (getprotobyname() when it
+// opens, static text buffers when it builds commands and reads reports):
+// its calls run one at a time, among all sources and availability checks.
+// None of them blocks but gps_open()'s connect.
+std::mutex& libgpsLock() {
+  static std::mutex lock;
+  return lock;
+}
+
 // A connection to gpsd; closed when it goes.
 class Connection {
  public:
   bool open(const Endpoint& endpoint) {
     std::memset(&data_, 0, sizeof data_);
-    open_ = gps_open(endpoint.host.c_str(), endpoint.port.c_str(), &data_) == 0;
+    {
+      std::lock_guard<std::mutex> guard(libgpsLock());
+      open_ = gps_open(endpoint.host.c_str(), endpoint.port.c_str(), &data_) == 0;
+    }
     if (open_) {
       // Reads never block: poll() says when to read.
       const int flags = ::fcntl(fd(), F_GETFL);
@@ -98,7 +110,13 @@ class Connection {
     return open_;
   }
   ~Connection() {
-    if (open_) gps_close(&data_);
+    if (!open_) return;
+    std::lock_guard<std::mutex> guard(libgpsLock());
+    gps_close(&data_);
+  }
+  void watch() {
+    std::lock_guard<std::mutex> guard(libgpsLock());
+    gps_stream(&data_, WATCH_ENABLE | WATCH_JSON, nullptr);
   }
   int fd() const { return static_cast<int>(data_.gps_fd); }
   gps_data_t& data() { return data_; }
@@ -106,6 +124,7 @@ class Connection {
   enum class Read { kMessage, kDrained, kLost };
   // The next whole report from what the socket holds, into `message`.
   Read next(char* message, int size) {
+    std::lock_guard<std::mutex> guard(libgpsLock());
     errno = 0;
     const int status = gps_read(&data_, message, size);
     if (status > 0) return Read::kMessage;
@@ -174,7 +193,7 @@ struct GpsdLocationSource::Impl {
     for (;;) {
       Connection connection;
       if (connection.open(endpoint)) {
-        gps_stream(&connection.data(), WATCH_ENABLE | WATCH_JSON, nullptr);
+        connection.watch();
         backoff = kFirstBackoff;
         outageReported = false;
         bool lost = false;
