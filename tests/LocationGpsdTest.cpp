@@ -1,0 +1,352 @@
+// The gpsd location source against a real gpsd, played by gpsfake from a
+// walk that scripts/nmea-walk.py writes, driven through LocationManager and
+// NimbLocationManager on the main run loop.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+
+#include <NimbFoundation/NimbLocationManager.h>
+#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Location/LocationManager.h>
+
+namespace nimb {
+namespace {
+
+constexpr const char* kPython = "/usr/bin/python3";
+// Seconds between two sentences gpsfake writes; a fix is four sentences.
+constexpr double kSentenceCycle = 0.025;
+// gpsd's error model for a fix without its own estimates: 2-sigma from a
+// user range error of 9.5 m horizontally and 23 m vertically times the
+// walk's dilutions of precision (HDOP 0.9, VDOP 1.3).
+constexpr double kHorizontalAccuracy = 2 * 9.5 * 0.9;
+constexpr double kVerticalAccuracy = 23 * 1.3;
+
+using Clock = std::chrono::steady_clock;
+
+bool pumpUntil(const std::function<bool()>& done, double seconds) {
+  const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
+  while (!done()) {
+    if (Clock::now() >= deadline) return false;
+    RunLoop::main().runOnce(0.02);
+  }
+  return true;
+}
+
+int freePort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+// One fix of the log: its position as gpsd reports it (degrees, rounded as
+// gpsd's JSON carries them, to 1e-9) and its time of day "hhmmss".
+struct LogFix {
+  LocationCoordinate2D coordinate;
+  std::string time;
+};
+
+double degreesOf(const std::string& field, const std::string& hemisphere, int degreeDigits) {
+  const double degrees = std::stod(field.substr(0, degreeDigits));
+  const double minutes = std::stod(field.substr(degreeDigits));
+  const double value = std::round((degrees + minutes / 60) * 1e9) / 1e9;
+  return hemisphere == "S" || hemisphere == "W" ? -value : value;
+}
+
+// Equal within the log's precision (1e-9 degrees).
+bool same(LocationCoordinate2D a, LocationCoordinate2D b) {
+  return std::abs(a.latitude - b.latitude) < 1e-8 && std::abs(a.longitude - b.longitude) < 1e-8;
+}
+
+std::vector<std::string> fieldsOf(const std::string& sentence) {
+  std::vector<std::string> fields;
+  std::stringstream in(sentence.substr(0, sentence.find('*')));
+  for (std::string field; std::getline(in, field, ',');) fields.push_back(field);
+  return fields;
+}
+
+struct Delegate {
+  struct Fix {
+    Location location;
+    Clock::time_point at;
+  };
+  std::vector<Fix> fixes;
+  std::vector<Error> errors;
+  bool offMainThread = false;
+  std::shared_ptr<LocationManagerDelegate> make() {
+    auto delegate = std::make_shared<LocationManagerDelegate>();
+    delegate->locationManagerDidUpdateLocations = [this](LocationManager&,
+                                                         const std::vector<Location>& locations) {
+      offMainThread |= !RunLoop::isMainThread();
+      for (const auto& location : locations) fixes.push_back({location, Clock::now()});
+    };
+    delegate->locationManagerDidFailWithError = [this](LocationManager&, const Error& error) {
+      offMainThread |= !RunLoop::isMainThread();
+      errors.push_back(error);
+    };
+    return delegate;
+  }
+  long count(long code) const {
+    return std::count_if(errors.begin(), errors.end(), [&](const Error& e) {
+      return e.domain == kLocationErrorDomain && e.code == code;
+    });
+  }
+};
+
+class GpsdLocationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::filesystem::exists("/usr/bin/gpsfake") ||
+        !std::filesystem::exists("/usr/sbin/gpsd")) {
+      GTEST_SKIP() << "gpsfake (gpsd-clients) or gpsd is not installed";
+    }
+    if (test::runProgram({kPython, "-c", "import gps.fake"}).exitCode != 0) {
+      GTEST_SKIP() << "python3-gps is not installed for " << kPython;
+    }
+    dir_ = test::makeTemporaryDirectory("nimb-gpsd");
+    machine_->realMonotonic = true;
+    port_ = freePort();
+    std::ofstream(dir_ + "/stamp.py")
+        << "import sys, time\n"
+           "for line in sys.stdin:\n"
+           "    print('%.6f %s' % (time.monotonic(), line), end='', flush=True)\n";
+  }
+
+  void TearDown() override {
+    stopGpsfake();
+    if (!dir_.empty()) std::filesystem::remove_all(dir_);
+  }
+
+  // Writes the walk's log; `arguments` as nmea-walk.py takes them.
+  std::string writeWalk(const std::string& name, const std::vector<std::string>& arguments) {
+    std::vector<std::string> command{kPython, NIMB_EXAMPLES_DIR "/../scripts/nmea-walk.py"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    auto walk = test::runProgram(command);
+    EXPECT_EQ(walk.exitCode, 0) << walk.err;
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path, std::ios::binary) << walk.out;
+    return path;
+  }
+
+  // The fixes of a log, in order, without those reported with no fix.
+  std::vector<LogFix> fixesOf(const std::string& log) {
+    std::vector<LogFix> fixes;
+    std::ifstream in(log);
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("$GPGGA,", 0) != 0) continue;
+      auto f = fieldsOf(line);
+      if (f.size() < 7 || f[6] == "0") continue;
+      fixes.push_back({{degreesOf(f[2], f[3], 2), degreesOf(f[4], f[5], 3)}, f[1].substr(0, 6)});
+    }
+    return fixes;
+  }
+
+  // Plays `log` on the test's port; gpsfake (which runs gpsd from /usr/sbin)
+  // prints each sentence just before writing it, and stamp.py notes the
+  // monotonic time of each such line in `written`. Waits until gpsd answers.
+  void startGpsfake(const std::string& log, bool once) {
+    const std::string script = "exec env PATH=/usr/sbin:/usr/bin:/bin PYTHONUNBUFFERED=1 gpsfake " +
+                               std::string(once ? "-1 " : "") + "-l -c " +
+                               std::to_string(kSentenceCycle) + " -P " + std::to_string(port_) +
+                               " '" + log + "' 2>/dev/null > >(exec " + kPython + " -u '" + dir_ +
+                               "/stamp.py' >> '" + dir_ + "/written')";
+    gpsfake_ = test::startProgram({"bash", "-c", script});
+    ASSERT_GT(gpsfake_.pid, 0);
+    auto probe = LocationSource::gpsd("127.0.0.1", port_);
+    ASSERT_TRUE(pumpUntil([&] { return probe->isAvailable(); }, 10)) << "gpsd did not start";
+  }
+
+  // Ends gpsfake with SIGINT, on which it takes its gpsd down too.
+  void stopGpsfake() {
+    if (gpsfake_.pid <= 0) return;
+    ::kill(gpsfake_.pid, SIGINT);
+    gpsfake_.finish();
+  }
+
+  // When each fix's sentences were written, by the log's time of day.
+  std::vector<std::pair<double, std::string>> writes() {
+    std::vector<std::pair<double, std::string>> stamped;
+    std::ifstream in(dir_ + "/written");
+    for (std::string line; std::getline(in, line);) {
+      const auto at = line.find("$GP");
+      if (at == std::string::npos) continue;
+      auto f = fieldsOf(line.substr(at));
+      if ((f[0] == "$GPGGA" || f[0] == "$GPRMC") && f.size() > 1) {
+        stamped.emplace_back(std::stod(line), f[1].substr(0, 6));
+      }
+    }
+    return stamped;
+  }
+
+  test::FakeMachine machine_;
+  test::ScopedHome home_;
+  std::string dir_;
+  int port_ = 0;
+  test::RunningProgram gpsfake_;
+};
+
+// The walk: 40 fixes at 10 m/s due east with no fix for fixes 15..19, one
+// fix per 0.1 s, through a 50 m distance filter.
+TEST_F(GpsdLocationTest, WalkThroughFilterGapAndErrorEstimates) {
+  const std::string log =
+      writeWalk("walk.nmea", {"--speed", "10", "--count", "40", "--gap", "15:20", "--lead", "60"});
+  const auto logFixes = fixesOf(log);
+  ASSERT_EQ(logFixes.size(), 35u);
+  // What the filter lets through: the first fix, then each one at least
+  // 50 m from the last let through.
+  std::vector<LogFix> expected;
+  for (const auto& fix : logFixes) {
+    const Location here(fix.coordinate, 0, 1, 1, -1, -1, Date());
+    if (expected.empty() || here.distanceFromLocation(Location(expected.back().coordinate, 0, 1, 1,
+                                                               -1, -1, Date())) >= 50) {
+      expected.push_back(fix);
+    }
+  }
+  startGpsfake(log, false);
+  auto manager = LocationManager::create(LocationSource::gpsd("127.0.0.1", port_));
+  manager->setDistanceFilter(50);
+  Delegate record;
+  auto delegate = record.make();
+  manager->setDelegate(delegate);
+  manager->startUpdatingLocation();
+  // location() is every fix, delivered or not: the walk has been played
+  // once it holds the last.
+  pumpUntil(
+      [&] {
+        auto last = manager->location();
+        return last && same(last->coordinate(), logFixes.back().coordinate);
+      },
+      20);
+  manager->stopUpdatingLocation();
+
+  ASSERT_EQ(record.fixes.size(), expected.size());
+  for (size_t i = 0; i < expected.size(); ++i) {
+    const Location& got = record.fixes[i].location;
+    EXPECT_NEAR(got.coordinate().latitude, expected[i].coordinate.latitude, 1e-6) << i;
+    EXPECT_NEAR(got.coordinate().longitude, expected[i].coordinate.longitude, 1e-6) << i;
+    EXPECT_NEAR(got.horizontalAccuracy(), kHorizontalAccuracy, 1e-3) << i;
+    EXPECT_NEAR(got.verticalAccuracy(), kVerticalAccuracy, 1e-3) << i;
+    EXPECT_NEAR(got.altitude(), 34.5, 1e-3) << i;
+  }
+  EXPECT_EQ(record.count(kCLErrorLocationUnknown), 1);
+  EXPECT_EQ(record.errors.size(), 1u) << "no other failure while gpsd runs";
+  EXPECT_FALSE(record.offMainThread);
+  ASSERT_TRUE(manager->location());
+  EXPECT_TRUE(same(manager->location()->coordinate(), logFixes.back().coordinate));
+
+  // Latency: from the moment gpsfake wrote the latest sentence of that fix
+  // (its GGA or RMC, as gpsd reports a fix on either) before the callback,
+  // noted by stamp.py on the monotonic clock the test reads too, to the
+  // callback. The true trigger may be an earlier sentence of the fix, so
+  // each figure is a lower bound within one sentence cycle. stamp.py notes
+  // the time it reads the line gpsfake prints just before the write, so it
+  // races gpsd: a fix whose note came after its callback (or that has no
+  // time of its own, as gpsd's very first report) is left out and counted.
+  const auto stamped = writes();
+  std::vector<double> delays;
+  for (const auto& fix : record.fixes) {
+    const double at = std::chrono::duration<double>(fix.at.time_since_epoch()).count();
+    char hhmmss[16];
+    const std::time_t seconds =
+        static_cast<std::time_t>(fix.location.timestamp().timeIntervalSince1970());
+    std::tm utc{};
+    ::gmtime_r(&seconds, &utc);
+    std::strftime(hhmmss, sizeof hhmmss, "%H%M%S", &utc);
+    double written = -1;
+    for (const auto& [when, time] : stamped) {
+      if (time == hhmmss && when <= at) written = when;
+    }
+    if (written >= 0) delays.push_back(at - written);
+  }
+  ASSERT_FALSE(delays.empty());
+  std::sort(delays.begin(), delays.end());
+  std::fprintf(stderr, "gpsd latency over %zu of %zu fixes: median %.1f ms, worst %.1f ms\n",
+               delays.size(), record.fixes.size(), delays[delays.size() / 2] * 1e3,
+               delays.back() * 1e3);
+}
+
+// gpsd going away fails once with kCLErrorNetwork naming host:port; a gpsd
+// back on the same port brings fixes back. Once stop() has returned, the
+// source delivers nothing more.
+TEST_F(GpsdLocationTest, LostGpsdFailsOnceThenFixesResumeAndStopIsFinal) {
+  const std::string log = writeWalk("loop.nmea", {"--count", "10", "--lead", "20"});
+  startGpsfake(log, false);
+  auto source = LocationSource::gpsd("127.0.0.1", port_);
+  auto manager = LocationManager::create(source);
+  Delegate record;
+  auto delegate = record.make();
+  manager->setDelegate(delegate);
+  manager->startUpdatingLocation();
+  ASSERT_TRUE(pumpUntil([&] { return !record.fixes.empty(); }, 10));
+
+  stopGpsfake();
+  ASSERT_TRUE(pumpUntil([&] { return record.count(kCLErrorNetwork) > 0; }, 5));
+  const size_t fixesBefore = record.fixes.size();
+  // Reconnects keep failing through the outage (0.25 + 0.5 + 1 s of them).
+  pumpUntil([] { return false; }, 2);
+  EXPECT_EQ(record.count(kCLErrorNetwork), 1);
+  const std::string text = record.errors.back().localizedDescription();
+  EXPECT_NE(text.find("127.0.0.1:" + std::to_string(port_)), std::string::npos) << text;
+
+  startGpsfake(log, false);
+  EXPECT_TRUE(pumpUntil([&] { return record.fixes.size() > fixesBefore; }, 12))
+      << "no fix after gpsd came back";
+  manager->stopUpdatingLocation();
+
+  // The source on its own: events from its thread, none after stop().
+  std::atomic<int> events{0};
+  LocationSourceEvents counting;
+  counting.fix = [&](const Location&) { events.fetch_add(1); };
+  counting.failure = [&](const Error&) { events.fetch_add(1); };
+  source->start(LocationRequest{}, counting);
+  ASSERT_TRUE(pumpUntil([&] { return events.load() > 0; }, 10));
+  const auto before = Clock::now();
+  source->stop();
+  const double stopSeconds = std::chrono::duration<double>(Clock::now() - before).count();
+  EXPECT_LT(stopSeconds, 0.5);
+  const int atStop = events.load();
+  pumpUntil([] { return false; }, 0.5);
+  EXPECT_EQ(events.load(), atStop) << "an event after stop() returned";
+}
+
+// NimbLocationManager over gpsd: each callback is (true, the manager's
+// location()).
+TEST_F(GpsdLocationTest, NimbLocationManagerCallsBackWithManagersLocation) {
+  const std::string log = writeWalk("nimb.nmea", {"--count", "20", "--lead", "60"});
+  startGpsfake(log, true);
+  NimbLocationManager nimb(LocationSource::gpsd("127.0.0.1", port_));
+  int calls = 0;
+  int mismatches = 0;
+  nimb.startLocateWithEvent([&](bool success, std::optional<Location> location) {
+    ++calls;
+    auto current = nimb.locationManager()->location();
+    if (!success || !location || !current || !(*location == *current)) ++mismatches;
+  });
+  EXPECT_TRUE(pumpUntil([&] { return calls >= 3; }, 10));
+  nimb.stopLocationUpdate();
+  EXPECT_EQ(mismatches, 0);
+}
+
+}  // namespace
+}  // namespace nimb
