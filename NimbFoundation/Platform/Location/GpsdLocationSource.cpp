@@ -3,8 +3,10 @@
 
 #include <fcntl.h>
 #include <gps.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -84,10 +86,53 @@ bool locationFromFix(const gps_fix_t& fix, Location& out) {
   return true;
 }
 
+// Whether a TCP connection to `endpoint` opens within `timeoutMs`. A
+// connect to a host that does not answer can hang for minutes, and libgps
+// connects without a limit, so the kit asks first. A write on `wake` (when
+// given) ends the wait early, as not reachable.
+bool reachable(const Endpoint& endpoint, int timeoutMs, int wake = -1) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(endpoint.host.c_str(), endpoint.port.c_str(), &hints, &found) != 0) {
+    return false;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  bool connected = false;
+  for (addrinfo* a = found; a && !connected; a = a->ai_next) {
+    const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) continue;
+    if (::connect(fd, a->ai_addr, a->ai_addrlen) == 0) {
+      connected = true;
+    } else if (errno == EINPROGRESS) {
+      for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - std::chrono::steady_clock::now())
+                              .count();
+        if (left <= 0) break;
+        pollfd fds[2] = {{fd, POLLOUT, 0}, {wake, POLLIN, 0}};
+        const int ready = ::poll(fds, wake >= 0 ? 2 : 1, static_cast<int>(left));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready > 0 && fds[0].revents != 0 && (wake < 0 || fds[1].revents == 0)) {
+          int error = 0;
+          socklen_t length = sizeof error;
+          connected = ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+        }
+        break;
+      }
+    }
+    ::close(fd);
+  }
+  ::freeaddrinfo(found);
+  return connected;
+}
+
 // libgps works in buffers shared by the process (getprotobyname() when it
 // opens, static text buffers when it builds commands and reads reports):
 // its calls run one at a time, among all sources and availability checks.
-// None of them blocks but gps_open()'s connect.
+// None of them blocks but gps_open()'s connect, which reachable() has
+// just seen succeed.
 std::mutex& libgpsLock() {
   static std::mutex lock;
   return lock;
@@ -192,7 +237,7 @@ struct GpsdLocationSource::Impl {
     char message[kMessageSize];
     for (;;) {
       Connection connection;
-      if (connection.open(endpoint)) {
+      if (reachable(endpoint, kAvailabilityMs, wake) && connection.open(endpoint)) {
         connection.watch();
         backoff = kFirstBackoff;
         outageReported = false;
@@ -248,7 +293,7 @@ bool GpsdLocationSource::isAvailable() {
   try {
     const Endpoint endpoint = resolveEndpoint(impl_->host, impl_->port);
     Connection connection;
-    if (!connection.open(endpoint)) return false;
+    if (!reachable(endpoint, kAvailabilityMs) || !connection.open(endpoint)) return false;
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(kAvailabilityMs);
     char message[kMessageSize];
