@@ -8,10 +8,10 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include <NimbFoundation/Internal/GLibThread.h>
 #include <NimbFoundation/Internal/RuntimeMethods.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/Env.h>
@@ -22,7 +22,7 @@
 namespace nimb {
 
 // One OpenFile call and its answer. Made and dropped on the main thread;
-// the portal thread fills in the connection, the subscription and the
+// the kit's GLib thread fills in the connection, the subscription and the
 // request handle, and reads `closed` to learn that nobody waits any more.
 struct ImagePickerController::Request {
   std::weak_ptr<ImagePickerController> owner;  // main thread only
@@ -30,7 +30,7 @@ struct ImagePickerController::Request {
   std::string token;
   std::string folder;
   std::atomic<bool> closed{false};
-  // Portal thread only.
+  // GLib thread only.
   GDBusConnection* connection = nullptr;
   guint subscription = 0;
   std::string predictedHandle;
@@ -95,35 +95,6 @@ GDBusConnection* connectTo(const std::string& address) {
     cachedAddress = address;
   }
   return G_DBUS_CONNECTION(g_object_ref(cached));
-}
-
-// The thread that receives the portal's signals: it runs a main context of
-// its own for the whole process. Work reaches it as idle sources.
-GMainContext* portalContext() {
-  static GMainContext* const context = [] {
-    GMainContext* c = g_main_context_new();
-    std::thread([c] {
-      g_main_context_push_thread_default(c);
-      GMainLoop* loop = g_main_loop_new(c, FALSE);
-      g_main_loop_run(loop);
-    }).detach();
-    return c;
-  }();
-  return context;
-}
-
-void onPortalThread(std::function<void()> work) {
-  GSource* source = g_idle_source_new();
-  g_source_set_callback(
-      source,
-      [](gpointer data) -> gboolean {
-        (*static_cast<std::function<void()>*>(data))();
-        return G_SOURCE_REMOVE;
-      },
-      new std::function<void()>(std::move(work)),
-      [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
-  g_source_attach(source, portalContext());
-  g_source_unref(source);
 }
 
 std::string picturesFolder() {
@@ -312,7 +283,7 @@ bool ImagePickerController::present() {
   request->token = newToken();
   request->folder = picturesFolder();
   request_ = request;
-  onPortalThread([request] { openOnPortalThread(request); });
+  detail::runOnGLibThread([request] { openOnPortalThread(request); });
   return true;
 }
 
@@ -321,7 +292,7 @@ void ImagePickerController::dismiss() {
   auto request = std::move(request_);
   request_ = nullptr;
   request->closed = true;
-  onPortalThread([request] { closeOnPortalThread(request); });
+  detail::runOnGLibThread([request] { closeOnPortalThread(request); });
 }
 
 }  // namespace nimb
