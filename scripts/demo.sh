@@ -2,7 +2,8 @@
 # The main job: installs what is missing, builds nimbkit, and runs
 # `nimbkit demo`: sample pictures served on loopback, loaded through the image
 # loader into views once cold and once warm, with a contact sheet at the end
-# (in build/demo-output). Then it walks through the other services. It works
+# (in build/demo-output). Then it walks through the other services, location
+# updates from a gpsd that gpsfake feeds among them. It works
 # in a temporary cache directory, so it leaves the user's own cache alone;
 # each step is a new process, which shows that entries survive a restart
 # through the cache's index file.
@@ -130,6 +131,24 @@ step "$nimbkit" layout examples/layout/profile-card.json --out build/demo-output
   --hide bio --detach avatar
 step "$nimbkit" layout examples/layout/feed-cell.json --out build/demo-output/layout/feed-cell \
   --hide badge --detach thumbnail
+
+echo
+echo "== Location updates through gpsd (NimbLocationManager) =="
+# A walk east at 10 m/s, one fix a second, played by gpsfake through a real
+# gpsd on a port of its own; nimbkit locate hears every fix that lies 50 m
+# from the last one it reported.
+/usr/bin/python3 scripts/nmea-walk.py --count 30 --lead 40 >"$demo_home/walk.nmea"
+gps_port=$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+printf '\n$ gpsfake -1 -c 0.05 -P %s walk.nmea &\n' "$gps_port"
+PATH="/usr/sbin:$PATH" gpsfake -1 -q -c 0.05 -P "$gps_port" "$demo_home/walk.nmea" >/dev/null 2>&1 &
+gpsfake_pid=$!
+trap 'kill $server $gpsfake_pid 2>/dev/null || true; rm -rf "$demo_home"' EXIT
+for _ in $(seq 100); do (exec 3<>"/dev/tcp/127.0.0.1/$gps_port") 2>/dev/null && break; sleep 0.1; done
+GPSD_PORT=$gps_port step "$nimbkit" locate --source gpsd --count 5 --for 30
+kill -INT "$gpsfake_pid" 2>/dev/null || true
+wait "$gpsfake_pid" 2>/dev/null || true
+GPSD_PORT=$gps_port step "$nimbkit" locate --source gpsd --for 3 ||
+  echo "exit status $?: no gpsd answers any more"
 
 echo
 echo "The demo's contact sheet: $(pwd)/build/demo-output/contact-sheet.png"

@@ -71,7 +71,7 @@ struct Events {
   }
 };
 
-class GeoClueTest : public ::testing::Test {
+class GeoClueLocationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (test::runProgram({"sh", "-c", "command -v dbus-daemon"}).exitCode != 0) {
@@ -134,7 +134,7 @@ std::string startRecord(const std::string& desktopId, int level, int threshold) 
          ", \"DistanceThreshold\": " + std::to_string(threshold) + "}";
 }
 
-TEST_F(GeoClueTest, ClientIsConfiguredFromTheRequest) {
+TEST_F(GeoClueLocationTest, ClientIsConfiguredFromTheRequest) {
   startGeoClue("\"locations\": []");
   auto source = LocationSource::geoClue();
   EXPECT_EQ(source->name(), "geoclue");
@@ -165,7 +165,7 @@ TEST_F(GeoClueTest, ClientIsConfiguredFromTheRequest) {
   EXPECT_EQ(events.failureCount(), 0u);
 }
 
-TEST_F(GeoClueTest, ManagerDeliversFixesOnTheMainThread) {
+TEST_F(GeoClueLocationTest, ManagerDeliversFixesOnTheMainThread) {
   startGeoClue(std::string("\"locations\": ") + kTwoFixes);
   auto manager = LocationManager::create(LocationSource::geoClue());
   auto delegate = std::make_shared<LocationManagerDelegate>();
@@ -199,7 +199,7 @@ TEST_F(GeoClueTest, ManagerDeliversFixesOnTheMainThread) {
   EXPECT_EQ(calls[0].find("\"DesktopId\": \"\""), std::string::npos) << calls[0];
 }
 
-TEST_F(GeoClueTest, StopStopsTheClientAndEndsDelivery) {
+TEST_F(GeoClueLocationTest, StopStopsTheClientAndEndsDelivery) {
   // A long stream of fixes, 50 ms apart.
   std::string fixes = "[";
   for (int i = 0; i < 40; ++i) {
@@ -223,7 +223,7 @@ TEST_F(GeoClueTest, StopStopsTheClientAndEndsDelivery) {
   }
 }
 
-TEST_F(GeoClueTest, RefusalFailsOnceWithDenied) {
+TEST_F(GeoClueLocationTest, RefusalFailsOnceWithDenied) {
   startGeoClue(std::string("\"deny\": true, \"locations\": ") + kTwoFixes);
   auto manager = LocationManager::create(LocationSource::geoClue());
   auto delegate = std::make_shared<LocationManagerDelegate>();
@@ -247,7 +247,7 @@ TEST_F(GeoClueTest, RefusalFailsOnceWithDenied) {
   EXPECT_EQ(updates, 0);
 }
 
-TEST_F(GeoClueTest, MissingBusOrServiceIsANetworkFailure) {
+TEST_F(GeoClueLocationTest, MissingBusOrServiceIsANetworkFailure) {
   auto source = LocationSource::geoClue();
   EXPECT_FALSE(source->isAvailable()) << "a bus without GeoClue";
   Events events;
@@ -282,7 +282,7 @@ TEST_F(GeoClueTest, MissingBusOrServiceIsANetworkFailure) {
   EXPECT_EQ(events.fixCount() + unreachable.fixCount(), 0u);
 }
 
-TEST_F(GeoClueTest, NimbLocationManagerCallsBackWithEachFix) {
+TEST_F(GeoClueLocationTest, NimbLocationManagerCallsBackWithEachFix) {
   // A service that only knows CreateClient, the newer name.
   startGeoClue(std::string("\"no_get_client\": true, \"locations\": ") + kTwoFixes);
   NimbLocationManager wrapper(LocationSource::geoClue());

@@ -1,6 +1,6 @@
 // The gpsd location source against a real gpsd, played by gpsfake from a
 // walk that scripts/nmea-walk.py writes, driven through LocationManager and
-// NimbLocationManager on the main run loop.
+// NimbLocationManager (through nimbkit locate) on the main run loop.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -21,7 +21,6 @@
 
 #include "TestSupport.h"
 
-#include <NimbFoundation/NimbLocationManager.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Location/LocationManager.h>
 
@@ -330,22 +329,34 @@ TEST_F(GpsdLocationTest, LostGpsdFailsOnceThenFixesResumeAndStopIsFinal) {
   EXPECT_EQ(events.load(), atStop) << "an event after stop() returned";
 }
 
-// NimbLocationManager over gpsd: each callback is (true, the manager's
-// location()).
-TEST_F(GpsdLocationTest, NimbLocationManagerCallsBackWithManagersLocation) {
+// nimbkit locate follows the walk through NimbLocationManager: one line per
+// callback, each at least 50 m on from the one before; with gpsd gone it
+// says that no source answers and exits 1.
+TEST_F(GpsdLocationTest, NimbkitLocatePrintsTheWalkThroughNimbLocationManager) {
   const std::string log = writeWalk("nimb.nmea", {"--count", "20", "--lead", "60"});
   startGpsfake(log, true);
-  NimbLocationManager nimb(LocationSource::gpsd("127.0.0.1", port_));
-  int calls = 0;
-  int mismatches = 0;
-  nimb.startLocateWithEvent([&](bool success, std::optional<Location> location) {
-    ++calls;
-    auto current = nimb.locationManager()->location();
-    if (!success || !location || !current || !(*location == *current)) ++mismatches;
-  });
-  EXPECT_TRUE(pumpUntil([&] { return calls >= 3; }, 10));
-  nimb.stopLocationUpdate();
-  EXPECT_EQ(mismatches, 0);
+  const std::vector<std::string> locate{
+      "env", "GPSD_PORT=" + std::to_string(port_), NIMBKIT_PATH, "locate", "--source", "gpsd"};
+  auto command = locate;
+  command.insert(command.end(), {"--count", "3", "--for", "20"});
+  const auto run = test::runProgram(command);
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  std::vector<std::string> lines;
+  std::istringstream out(run.out);
+  for (std::string line; std::getline(out, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 3u) << run.out;
+  EXPECT_NE(lines[0].find("lat 52.52000000  lon 13.40500000"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("first fix"), std::string::npos) << lines[0];
+  for (size_t i = 1; i < lines.size(); ++i) {
+    const auto at = lines[i].find("moved ");
+    ASSERT_NE(at, std::string::npos) << lines[i];
+    EXPECT_GE(std::stod(lines[i].substr(at + 6)), 50.0) << lines[i];
+  }
+
+  stopGpsfake();
+  const auto gone = test::runProgram(locate);
+  EXPECT_EQ(gone.exitCode, 1);
+  EXPECT_NE(gone.err.find("no location source answers"), std::string::npos) << gone.err;
 }
 
 }  // namespace

@@ -10,11 +10,13 @@
 //   - "geoclue": GeoClue 2 on the system D-Bus ($DBUS_SYSTEM_BUS_ADDRESS,
 //     else the system bus's standard socket), through GDBus. The source
 //     asks the manager for a client with DesktopId the application's id,
-//     RequestedAccuracyLevel EXACT for the best accuracies (CITY and
-//     NEIGHBORHOOD for coarser ones) and DistanceThreshold the distance
-//     filter; each LocationUpdated is a fix. A refusal by the service
-//     fails with kCLErrorDenied, a bus that stops answering with
-//     kCLErrorNetwork.
+//     RequestedAccuracyLevel from the desired accuracy (EXACT for the two
+//     best settings and anything under 100 m, STREET under 1 km,
+//     NEIGHBORHOOD under 3 km, else CITY) and DistanceThreshold the
+//     distance filter in whole meters; each LocationUpdated is a fix. A
+//     refusal by the service fails with kCLErrorDenied, a bus or service
+//     that cannot be reached or goes away with kCLErrorNetwork; either
+//     ends the run until the next start.
 // Environment variables are read through Env::current().
 //
 // Who calls it: LocationManager, which chooses a source with systemDefault()
