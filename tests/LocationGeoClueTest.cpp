@@ -74,32 +74,17 @@ struct Events {
 class GeoClueLocationTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (test::runProgram({"sh", "-c", "command -v dbus-daemon"}).exitCode != 0) {
-      GTEST_SKIP() << "dbus-daemon is not installed";
-    }
-    if (test::runProgram({kPython, "-c", "import dbusmock"}).exitCode != 0) {
-      GTEST_SKIP() << "python3-dbusmock is not installed for " << kPython;
-    }
+    if (auto reason = test::privateBusUnavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
     dir_ = test::makeTemporaryDirectory("nimb-geoclue");
     machine_->realMonotonic = true;
-    bus_ = test::startProgram({"dbus-daemon", "--session", "--print-address", "--nofork"});
-    ASSERT_TRUE(pumpUntil([&] {
-      address_ = test::readFile(bus_.dir + "/out");
-      return address_.find('\n') != std::string::npos;
-    })) << "the bus did not start";
-    address_.erase(address_.find('\n'));
+    address_ = test::startPrivateBus(bus_);
+    ASSERT_FALSE(address_.empty()) << "the bus did not start";
     machine_->variables["DBUS_SYSTEM_BUS_ADDRESS"] = address_;
   }
 
   void TearDown() override {
-    for (auto* program : {&geoclue_, &bus_}) stopProgram(*program);
+    for (auto* program : {&geoclue_, &bus_}) test::stopProgram(*program);
     if (!dir_.empty()) std::filesystem::remove_all(dir_);
-  }
-
-  static void stopProgram(test::RunningProgram& program) {
-    if (program.pid <= 0) return;
-    ::kill(program.pid, SIGTERM);
-    program.finish();
   }
 
   // Starts the fake GeoClue with `options` (JSON members) and waits until
@@ -261,7 +246,7 @@ TEST_F(GeoClueLocationTest, MissingBusOrServiceIsANetworkFailure) {
   Events started;
   source->start({}, started.sink());
   ASSERT_TRUE(pumpUntil([&] { return started.fixCount() == 2; }));
-  stopProgram(geoclue_);
+  test::stopProgram(geoclue_);
   ASSERT_TRUE(pumpUntil([&] { return started.failureCount() == 1; }));
   source->stop();
 

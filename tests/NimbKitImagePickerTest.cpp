@@ -57,20 +57,11 @@ NimbKitCompletion recordInto(std::vector<Call>& calls) {
 class ImagePickerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (test::runProgram({"sh", "-c", "command -v dbus-daemon"}).exitCode != 0) {
-      GTEST_SKIP() << "dbus-daemon is not installed";
-    }
-    if (test::runProgram({kPython, "-c", "import dbusmock"}).exitCode != 0) {
-      GTEST_SKIP() << "python3-dbusmock is not installed for " << kPython;
-    }
+    if (auto reason = test::privateBusUnavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
     dir_ = test::makeTemporaryDirectory("nimb-picker");
     machine_->realMonotonic = true;
-    bus_ = test::startProgram({"dbus-daemon", "--session", "--print-address", "--nofork"});
-    ASSERT_TRUE(pumpUntil([&] {
-      address_ = test::readFile(bus_.dir + "/out");
-      return address_.find('\n') != std::string::npos;
-    })) << "the bus did not start";
-    address_.erase(address_.find('\n'));
+    address_ = test::startPrivateBus(bus_);
+    ASSERT_FALSE(address_.empty()) << "the bus did not start";
     machine_->variables["DBUS_SESSION_BUS_ADDRESS"] = address_;
   }
 
@@ -78,12 +69,7 @@ class ImagePickerTest : public ::testing::Test {
     NimbKit& kit = NimbKit::sharedInstance();
     if (auto picker = kit.imagePicker()) picker->dismiss();
     kit.setCompletion(nullptr);
-    for (auto* program : {&portal_, &bus_}) {
-      if (program->pid > 0) {
-        ::kill(program->pid, SIGTERM);
-        program->finish();
-      }
-    }
+    for (auto* program : {&portal_, &bus_}) test::stopProgram(*program);
     pumpFor(0.05);
     if (!dir_.empty()) std::filesystem::remove_all(dir_);
   }

@@ -2,12 +2,14 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -20,6 +22,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <NimbFoundation/Platform/Env/Env.h>
@@ -118,10 +121,44 @@ inline RunningProgram startProgram(const std::vector<std::string>& command,
   return program;
 }
 
+// Ends a program started by startProgram() with SIGTERM and waits for it;
+// nothing happens when it was never started or has been waited for.
+inline void stopProgram(RunningProgram& program) {
+  if (program.pid <= 0) return;
+  ::kill(program.pid, SIGTERM);
+  program.finish();
+}
+
+// A private dbus-daemon that stands in for the session or the system bus of
+// one test. Starts it into `bus` and returns its address, "" when it did not come up
+// within five seconds. stopProgram(bus) ends it.
+inline std::string startPrivateBus(RunningProgram& bus) {
+  bus = startProgram({"dbus-daemon", "--session", "--print-address", "--nofork"});
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (std::chrono::steady_clock::now() < deadline) {
+    const std::string out = readFile(bus.dir + "/out");
+    if (auto end = out.find('\n'); end != std::string::npos) return out.substr(0, end);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return "";
+}
+
 // Runs `command` to its end (see startProgram).
 inline ToolResult runProgram(const std::vector<std::string>& command,
                              const std::string& input = "") {
   return startProgram(command, input).finish();
+}
+
+// Why a private bus for a test cannot run ("" when it can): no
+// dbus-daemon, or no python3-dbusmock for the fakes that serve on it.
+inline std::string privateBusUnavailableReason() {
+  if (runProgram({"sh", "-c", "command -v dbus-daemon"}).exitCode != 0) {
+    return "dbus-daemon is not installed";
+  }
+  if (runProgram({"/usr/bin/python3", "-c", "import dbusmock"}).exitCode != 0) {
+    return "python3-dbusmock is not installed for /usr/bin/python3";
+  }
+  return "";
 }
 
 // What `body` writes on file descriptor `fd` (1 or 2), caught in a file.

@@ -78,10 +78,6 @@ GDBusConnection* connectTo(const std::string& address, std::string& message) {
   return connection;
 }
 
-Error locationError(long code, const std::string& description) {
-  return Error{kLocationErrorDomain, code, Dictionary{{kLocalizedDescriptionKey, description}}};
-}
-
 // A refusal by the service is kCLErrorDenied; any other failure means the
 // service cannot be reached.
 Error errorForCall(GError* error, const char* what) {

@@ -53,10 +53,6 @@ Endpoint resolveEndpoint(const std::string& host, unsigned port) {
   return endpoint;
 }
 
-Error locationError(long code, const std::string& description) {
-  return Error{kLocationErrorDomain, code, Dictionary{{kLocalizedDescriptionKey, description}}};
-}
-
 bool isClass(const char* message, const char* name) {
   const std::string tag = std::string("\"class\":\"") + name + "\"";
   return std::strstr(message, tag.c_str()) != nullptr;

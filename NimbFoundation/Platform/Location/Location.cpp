@@ -7,6 +7,10 @@
 
 namespace nimb {
 
+Error locationError(long code, const std::string& description) {
+  return Error{kLocationErrorDomain, code, Dictionary{{kLocalizedDescriptionKey, description}}};
+}
+
 double Location::distanceFromLocation(const Location& other) const {
   constexpr double kEarthMeanRadius = 6371008.8;
   constexpr double kRadians = std::numbers::pi / 180;

@@ -16,6 +16,7 @@
 
 #include <NimbFoundation/Export.h>
 #include <NimbFoundation/Platform/Core/Date.h>
+#include <NimbFoundation/Platform/Core/Error.h>
 
 namespace NIMB_EXPORT nimb {
 
@@ -37,6 +38,10 @@ enum LocationErrorCode : long {
   kCLErrorDenied = 1,           // the user or the service refused access
   kCLErrorNetwork = 2,          // the position service cannot be reached
 };
+
+// An Error in kLocationErrorDomain whose userInfo carries `description`
+// under kLocalizedDescriptionKey, as the kit's sources report them.
+Error locationError(long code, const std::string& description);
 
 struct LocationCoordinate2D {
   double latitude = 0;

@@ -37,10 +37,6 @@ std::string desktopId() {
   return FileManager::processName();
 }
 
-Error locationError(long code, const std::string& description) {
-  return Error{kLocationErrorDomain, code, Dictionary{{kLocalizedDescriptionKey, description}}};
-}
-
 }  // namespace
 
 std::shared_ptr<LocationManager> LocationManager::create() {
