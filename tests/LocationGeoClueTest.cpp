@@ -5,6 +5,9 @@
 // is given.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -258,13 +261,32 @@ TEST_F(GeoClueLocationTest, MissingBusOrServiceIsANetworkFailure) {
   ASSERT_TRUE(pumpUntil([&] { return unreachable.failureCount() == 1; }));
   source->stop();
 
-  for (Events* each : {&events, &started, &unreachable}) {
+  // A bus that accepts the connection and never answers: both the check
+  // and a run give up within the time limit.
+  const std::string silent = dir_ + "/silent-bus";
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un where{};
+  where.sun_family = AF_UNIX;
+  std::snprintf(where.sun_path, sizeof where.sun_path, "%s", silent.c_str());
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&where), sizeof where), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  machine_->variables["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + silent;
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_FALSE(source->isAvailable());
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(4));
+  Events silentBus;
+  source->start({}, silentBus.sink());
+  EXPECT_TRUE(pumpUntil([&] { return silentBus.failureCount() == 1; }, 4));
+  source->stop();
+  ::close(listener);
+
+  for (Events* each : {&events, &started, &unreachable, &silentBus}) {
     std::lock_guard guard(each->lock);
     ASSERT_EQ(each->failures.size(), 1u);
     EXPECT_EQ(each->failures[0].domain, kLocationErrorDomain);
     EXPECT_EQ(each->failures[0].code, kCLErrorNetwork) << each->failures[0].localizedDescription();
   }
-  EXPECT_EQ(events.fixCount() + unreachable.fixCount(), 0u);
+  EXPECT_EQ(events.fixCount() + unreachable.fixCount() + silentBus.fixCount(), 0u);
 }
 
 TEST_F(GeoClueLocationTest, NimbLocationManagerCallsBackWithEachFix) {

@@ -2,11 +2,14 @@
 
 #include <gio/gio.h>
 
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include <NimbFoundation/Internal/GLibThread.h>
@@ -60,15 +63,33 @@ std::string systemBusAddress() {
   return kStandardSystemBus;
 }
 
-// A new private message-bus connection to `address`, or nullptr with
-// `message` saying why.
-GDBusConnection* connectTo(const std::string& address, std::string& message) {
+constexpr GDBusConnectionFlags kConnectionFlags = static_cast<GDBusConnectionFlags>(
+    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+
+// A new private message-bus connection to `address` opened within
+// `timeoutMs` (a bus that accepts but never answers would otherwise hold
+// the caller), or nullptr with `message` saying why.
+GDBusConnection* connectWithin(const std::string& address, int timeoutMs, std::string& message) {
+  GCancellable* cancellable = g_cancellable_new();
+  std::mutex lock;
+  std::condition_variable changed;
+  bool done = false;
+  std::thread watchdog([&] {
+    std::unique_lock guard(lock);
+    if (!changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), [&] { return done; })) {
+      g_cancellable_cancel(cancellable);
+    }
+  });
   GError* error = nullptr;
   GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-      address.c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, &error);
+      address.c_str(), kConnectionFlags, nullptr, cancellable, &error);
+  {
+    std::lock_guard guard(lock);
+    done = true;
+  }
+  changed.notify_all();
+  watchdog.join();
+  g_object_unref(cancellable);
   if (!connection) {
     message = error ? error->message : "unknown error";
     if (error) g_error_free(error);
@@ -77,7 +98,6 @@ GDBusConnection* connectTo(const std::string& address, std::string& message) {
   g_dbus_connection_set_exit_on_close(connection, FALSE);
   return connection;
 }
-
 // A refusal by the service is kCLErrorDenied; any other failure means the
 // service cannot be reached.
 Error errorForCall(GError* error, const char* what) {
@@ -120,8 +140,9 @@ struct GeoClueSession {
   guint ownerSubscription = 0;
   guint locationSubscription = 0;
   gulong closedHandler = 0;
-  bool started = false;  // Start answered
-  bool over = false;     // a failure ended the run
+  GSource* connectTimeout = nullptr;  // until the connection is open
+  bool started = false;               // Start answered
+  bool over = false;                  // a failure ended the run
 
   ~GeoClueSession() {
     g_object_unref(cancellable);
@@ -301,11 +322,31 @@ void onClient(GObject* source, GAsyncResult* result, gpointer data) {
   startClient(session);
 }
 
-void beginOnGLibThread(const SessionPtr& session) {
-  std::string message;
-  session->connection = connectTo(session->address, message);
-  if (!session->connection) {
-    session->fail(locationError(kCLErrorNetwork, "cannot reach the system bus: " + message));
+// The bus connection of a run has arrived: listen for the service leaving
+// and ask for a client.
+void onConnected(GObject*, GAsyncResult* result, gpointer data) {
+  SessionPtr session = *static_cast<SessionPtr*>(data);
+  release(data);
+  if (session->connectTimeout) {
+    g_source_destroy(session->connectTimeout);
+    g_source_unref(session->connectTimeout);
+    session->connectTimeout = nullptr;
+  }
+  GError* error = nullptr;
+  GDBusConnection* connection = g_dbus_connection_new_for_address_finish(result, &error);
+  if (!connection) {
+    // A cancel comes from stop() or from the time limit, which reported it.
+    if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+      session->fail(locationError(kCLErrorNetwork,
+                                  std::string("cannot reach the system bus: ") + error->message));
+    }
+    g_error_free(error);
+    return;
+  }
+  g_dbus_connection_set_exit_on_close(connection, FALSE);
+  session->connection = connection;
+  if (session->over) {
+    g_dbus_connection_close(connection, nullptr, nullptr, nullptr);
     return;
   }
   session->closedHandler = g_signal_connect_data(
@@ -318,11 +359,34 @@ void beginOnGLibThread(const SessionPtr& session) {
   askForClient(session, "GetClient");
 }
 
+// Opens the run's connection without blocking the GLib thread; a bus that
+// has not answered within the availability limit fails the run.
+void beginOnGLibThread(const SessionPtr& session) {
+  session->connectTimeout = g_timeout_source_new(kAvailabilityTimeoutMs);
+  g_source_set_callback(
+      session->connectTimeout,
+      [](gpointer data) -> gboolean {
+        const SessionPtr& session = *static_cast<SessionPtr*>(data);
+        session->fail(locationError(kCLErrorNetwork, "the system bus did not answer in time"));
+        g_cancellable_cancel(session->cancellable);
+        return G_SOURCE_REMOVE;
+      },
+      hold(session), release);
+  g_source_attach(session->connectTimeout, detail::glibContext());
+  g_dbus_connection_new_for_address(session->address.c_str(), kConnectionFlags, nullptr,
+                                    session->cancellable, onConnected, hold(session));
+}
+
 // Ends the run at the service: Stop on the client (best effort), then the
 // connection closes once Stop has been sent.
 void endOnGLibThread(const SessionPtr& session) {
   session->over = true;
   g_cancellable_cancel(session->cancellable);
+  if (session->connectTimeout) {
+    g_source_destroy(session->connectTimeout);
+    g_source_unref(session->connectTimeout);
+    session->connectTimeout = nullptr;
+  }
   GDBusConnection* connection = session->connection;
   if (!connection) return;
   if (session->closedHandler) g_signal_handler_disconnect(connection, session->closedHandler);
@@ -363,7 +427,7 @@ GeoClueLocationSource::~GeoClueLocationSource() {
 
 bool GeoClueLocationSource::isAvailable() {
   std::string message;
-  GDBusConnection* connection = connectTo(systemBusAddress(), message);
+  GDBusConnection* connection = connectWithin(systemBusAddress(), kAvailabilityTimeoutMs, message);
   if (!connection) return false;
   GVariant* reply = g_dbus_connection_call_sync(
       connection, kService, kManagerPath, kProperties, "Get",
