@@ -1,4 +1,5 @@
 #include <NimbFoundation/Platform/Net/URLConnection.h>
+#include <NimbFoundation/Version.h>
 
 #include <curl/curl.h>
 
@@ -27,7 +28,7 @@ constexpr auto kHousekeepingInterval = std::chrono::milliseconds(50);
 // The longest an event waits on the network thread for others to travel
 // with it to the same run loop.
 constexpr auto kBatchWindow = std::chrono::microseconds(1000);
-constexpr const char* kUserAgent = "NimbFoundation/" NIMB_VERSION_STRING;
+constexpr const char* kUserAgent = "NimbFoundation/" NIMBFOUNDATION_VERSION_STRING;
 // The most header bytes one transfer takes from its server, over every
 // response it reads (interim ones and redirects included): ample for any
 // real server, and a bound on what an endless header block can make us
