@@ -80,9 +80,6 @@ TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
       {{"cache", "set", "k", "--ttl", "soon"}, "--ttl"},
       {{"cache", "set", "k", "--ttl", "inf"}, "--ttl must be a finite number"},
       {{"cache"}, "subcommand"},
-      {{"cache", "frob"}, "nimbkit cache: unknown subcommand \"frob\"\n"},
-      {{"frobnicate"}, "nimbkit: unknown subcommand \"frobnicate\"\n"},
-      {{"\x1b[2Jwipe"}, "nimbkit: unknown subcommand \"\\x1B[2Jwipe\"\n"},
       {{"serve", ".", "--port", "99999"}, "not in range 0 to 65535"},
   };
   for (const auto& [args, says] : cases) {
@@ -138,8 +135,11 @@ TEST(NimbkitCache, NothingStoredIsAFailure) {
     auto copy = runNimbkit({"cache", "copy", source, "zero"});
     EXPECT_EQ(copy.exitCode, 1) << source;
     EXPECT_NE(copy.err.find("nothing stored"), std::string::npos) << copy.err;
+    auto set = runNimbkit({"cache", "set", "k", "--file", source});
+    EXPECT_EQ(set.exitCode, 1) << source;
+    EXPECT_NE(set.err.find("cannot read " + std::string(source) + ": "), std::string::npos)
+        << set.err;
   }
-  EXPECT_EQ(runNimbkit({"cache", "set", "k", "--file", "/dev/zero"}).exitCode, 1);
   // A pipe is a fine source for set (a shell's <(command)), never for copy.
   auto piped = nimb::test::runProgram(
       {"bash", "-c", "\"$0\" cache set piped --file <(printf pipe) && \"$0\" cache get piped",

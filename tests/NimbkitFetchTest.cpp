@@ -1,12 +1,57 @@
 #include <NimbFoundation/Platform/Graphics/Image.h>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
 
 #include "HttpTestServer.h"
 #include "TestSupport.h"
 
 using namespace nimb;
 using namespace nimb::test;
+
+namespace {
+
+// nimbkit `args` with standard output and error on a new terminal of
+// `rows` rows: what the terminal showed, and the exit status.
+ToolResult runOnTerminal(const std::vector<std::string>& args, unsigned short rows) {
+  std::vector<std::string> words{NIMBKIT_PATH};
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  int terminal = -1, side = -1;
+  winsize size{rows, 100, 0, 0};
+  if (::openpty(&terminal, &side, nullptr, nullptr, &size) != 0) return {-1, "", "no pty"};
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::setsid();
+    const int null = ::open("/dev/null", O_RDONLY);
+    ::dup2(null, 0);
+    ::dup2(side, 1);
+    ::dup2(side, 2);
+    ::execv(argv[0], argv.data());
+    ::_exit(127);
+  }
+  ::close(side);
+  std::string shown;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = ::read(terminal, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
+    if (n > 0) shown.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(terminal);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, shown, ""};
+}
+
+}  // namespace
 
 TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
   const ScopedHome home;  // a cache of its own
@@ -60,4 +105,48 @@ TEST(NimbkitDownload, SizeAndTimeLimitsEndEndlessBodies) {
         << bad;
   }
   EXPECT_EQ(runNimbkit({"download", server.url("/endless"), "--max-time", "0"}).exitCode, 2);
+}
+
+// The board of bars is drawn only when the terminal holds it; a taller
+// batch falls back to one line per event rather than drawing above the top.
+TEST(NimbkitFetch, ProgressBoardKeepsToTheTerminalHeight) {
+  const ScopedHome home;  // a cache of its own
+  HttpTestServer server;
+  server.servePictures(pngBody(Image::withBitmap({8, 8, Data(256, 0x80)})));
+  server.start();
+  const std::string out = makeTemporaryDirectory("board-out");
+  std::vector<std::string> args{"fetch", "--out", out};
+  for (int i = 0; i < 3; ++i) args.push_back(server.url("/p" + std::to_string(i) + ".png"));
+  auto fits = runOnTerminal(args, 8);
+  EXPECT_EQ(fits.exitCode, 0) << fits.out;
+  EXPECT_NE(fits.out.find("\x1b[3A"), std::string::npos) << fits.out;  // back up to the first bar
+  EXPECT_NE(fits.out.find("] 100%  p0.png"), std::string::npos) << fits.out;
+
+  for (int i = 3; i < 7; ++i) args.push_back(server.url("/p" + std::to_string(i) + ".png"));
+  auto tall = runOnTerminal(args, 8);
+  EXPECT_EQ(tall.exitCode, 0) << tall.out;
+  EXPECT_EQ(tall.out.find("\x1b["), std::string::npos) << tall.out;
+  EXPECT_NE(tall.out.find("p6.png: network\r\n"), std::string::npos) << tall.out;
+}
+
+// download keeps a picture off the terminal, and a refused connection
+// names where it went.
+TEST(NimbkitDownload, RefusesBinaryOnATerminalAndNamesTheHostItCannotReach) {
+  const ScopedHome home;  // a cache of its own
+  HttpTestServer server;
+  server.servePictures(pngBody(Image::withBitmap({8, 8, Data(256, 0x80)})));
+  server.start();
+  auto shown = runOnTerminal({"download", server.url("/a.png")}, 24);
+  EXPECT_EQ(shown.exitCode, 1);
+  EXPECT_NE(shown.out.find("use -o FILE or redirect standard output"), std::string::npos)
+      << shown.out;
+  EXPECT_EQ(shown.out.find("PNG"), std::string::npos) << shown.out;
+  auto piped = runNimbkit({"download", server.url("/a.png")});
+  EXPECT_EQ(piped.exitCode, 0) << piped.err;
+  EXPECT_TRUE(piped.out.starts_with("\x89PNG")) << piped.out.substr(0, 8);
+
+  auto refused = runNimbkit({"download", "http://127.0.0.1:1/x.png"});
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_NE(refused.err.find("nimbkit: cannot connect to 127.0.0.1:1: "), std::string::npos)
+      << refused.err;
 }

@@ -28,6 +28,7 @@
 
 #include "Command.h"
 #include "DisplayText.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -173,9 +174,8 @@ int get(const CacheOptions& o) {
     std::fprintf(stderr, "nimbkit: no fresh entry for \"%s\"\n", o.key.c_str());
     return kNotFound;
   }
-  std::fwrite(data->data(), 1, data->size(), stdout);
-  std::fflush(stdout);
-  return kOk;
+  // main reports a write error.
+  return writeStandardOutput(*data) && flushStandardOutput() ? kOk : kNotFound;
 }
 
 int has(const CacheOptions& o) {

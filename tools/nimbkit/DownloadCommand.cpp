@@ -2,7 +2,9 @@
 // standard error and the raw body out; and nimbkit serve: a loopback file
 // server to download or fetch from.
 #include <httplib.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -16,6 +18,9 @@
 #include <NimbFoundation/Platform/Env/FileManager.h>
 
 #include "Command.h"
+#include "DisplayText.h"
+#include "ImageFetch.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -89,20 +94,28 @@ int download(const DownloadOptions& o) {
     const auto& body = c.responseData();
     std::fprintf(stderr, "\rfinished: HTTP %ld, %zu bytes\n",
                  c.response() ? c.response()->statusCode : 0L, body.size());
+    done = true;
     if (!o.output.empty()) {
-      if (!nimb::FileManager::writeAtomically(o.output, body)) {
-        std::fprintf(stderr, "nimbkit: cannot write %s\n", o.output.c_str());
+      if (auto why = writeUserFile(o.output, body); !why.empty()) {
+        std::fprintf(stderr, "nimbkit: cannot write %s: %s\n", escapeForDisplay(o.output).c_str(),
+                     why.c_str());
         exitCode = kNotFound;
       }
-    } else {
-      std::fwrite(body.data(), 1, body.size(), stdout);
-      std::fflush(stdout);
+    } else if (::isatty(STDOUT_FILENO) == 1 &&
+               std::find(body.begin(), body.end(), 0) != body.end()) {
+      // A picture's bytes would garble the terminal, as curl also holds.
+      std::fprintf(stderr,
+                   "nimbkit: not writing %zu bytes of binary data to a terminal; use -o FILE or "
+                   "redirect standard output\n",
+                   body.size());
+      exitCode = kNotFound;
+    } else if (!writeStandardOutput(body) || !flushStandardOutput()) {
+      exitCode = kNotFound;  // main reports the write error
     }
-    done = true;
   };
   delegate->imageLoadConnection = [&](nimb::VQImageLoadConnection&, const nimb::Error& e) {
-    std::fprintf(stderr, "\nnimbkit: %s (%s %ld)\n", e.localizedDescription().c_str(),
-                 e.domain.c_str(), e.code);
+    std::fprintf(stderr, "\nnimbkit: %s (%s %ld)\n", failureText(e).c_str(), e.domain.c_str(),
+                 e.code);
     exitCode = kNotFound;
     done = true;
   };

@@ -20,6 +20,7 @@
 #include <NimbFoundation/Platform/Graphics/Image.h>
 
 #include "Command.h"
+#include "DisplayText.h"
 #include "ImageFetch.h"
 
 namespace nimbkit {
@@ -54,18 +55,20 @@ std::string absolute(const std::string& path) {
   return ec ? path : full.lexically_normal().string();
 }
 
-int finishWithSheet(const std::vector<FetchResult>& results, const FetchSettings& settings,
-                    const std::string& outDirectory) {
+// Writes the contact sheet and says where; false, with the reason on
+// standard error, when it could not be written.
+bool finishWithSheet(const std::vector<FetchResult>& results, const FetchSettings& settings,
+                     const std::string& outDirectory) {
   const std::string sheet =
       nimb::FileManager::appendingPathComponent(outDirectory, "contact-sheet.png");
-  if (writeContactSheet(results, settings, sheet)) {
+  const std::string why = writeContactSheet(results, settings, sheet);
+  if (why.empty()) {
     std::printf("\nContact sheet: %s\n", absolute(sheet).c_str());
   } else {
-    std::fprintf(stderr, "nimbkit: cannot write the contact sheet to %s\n", sheet.c_str());
+    std::fprintf(stderr, "nimbkit: cannot write the contact sheet to %s: %s\n",
+                 escapeForDisplay(sheet).c_str(), why.c_str());
   }
-  const bool all =
-      std::all_of(results.begin(), results.end(), [](const FetchResult& r) { return r.loaded; });
-  return all ? kOk : kNotFound;
+  return why.empty();
 }
 
 int fetch(const FetchOptions& o) {
@@ -83,7 +86,10 @@ int fetch(const FetchOptions& o) {
   settings.timeoutSeconds = o.timeout;
   auto results = fetchIntoViews(urls, settings);
   printResults(results, settings);
-  return finishWithSheet(results, settings, o.out);
+  const bool written = finishWithSheet(results, settings, o.out);
+  const bool all =
+      std::all_of(results.begin(), results.end(), [](const FetchResult& r) { return r.loaded; });
+  return written && all ? kOk : kNotFound;
 }
 
 // --- The demo's own pictures ---
@@ -272,7 +278,7 @@ int demo(const DemoOptions& o) {
   std::vector<FetchResult> both = cold;
   both.insert(both.end(), warm.begin(), warm.end());
   settings.title = "nimbkit demo: cold (network) then warm (cache)";
-  finishWithSheet(both, settings, o.out);
+  const bool written = finishWithSheet(both, settings, o.out);
   std::printf("Each view as PNG: %s/cold and %s/warm\n", absolute(o.out).c_str(),
               absolute(o.out).c_str());
   // Everything but the page that is no picture must have loaded.
@@ -281,7 +287,7 @@ int demo(const DemoOptions& o) {
                        [](const FetchResult& r) { return r.loaded; }) &&
            !results.back().loaded;
   };
-  return sampleLoaded(cold) && sampleLoaded(warm) ? kOk : kNotFound;
+  return written && sampleLoaded(cold) && sampleLoaded(warm) ? kOk : kNotFound;
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include "ImageFetch.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Images/VQImageLoader.h>
@@ -12,6 +14,8 @@
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Graphics/Graphics.h>
+
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -37,12 +41,31 @@ std::string humanBytes(std::size_t bytes) {
   return text;
 }
 
-// One progress bar per image on a terminal, redrawn in place; elsewhere a
-// plain line at each quarter, so logs stay readable.
+// The rows of the terminal on standard error: its window size, else $LINES;
+// 0 when unknown.
+std::size_t terminalRows() {
+  winsize size{};
+  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0) return size.ws_row;
+  const char* lines = std::getenv("LINES");
+  const long rows = lines ? std::strtol(lines, nullptr, 10) : 0;
+  return rows > 0 ? static_cast<std::size_t>(rows) : 0;
+}
+
+// Whether standard error is a terminal tall enough for one bar per image
+// with two rows to spare; a board taller than the screen would be drawn
+// above its top.
+bool boardFits(std::size_t bars) {
+  if (::isatty(STDERR_FILENO) != 1) return false;
+  const std::size_t rows = terminalRows();
+  return rows == 0 || bars + 2 <= rows;
+}
+
+// One progress bar per image on a terminal that holds them all, redrawn in
+// place; elsewhere a plain line at each quarter, so logs stay readable.
 class ProgressDisplay {
  public:
   explicit ProgressDisplay(std::vector<std::string> names)
-      : terminal_(::isatty(2) == 1),
+      : terminal_(boardFits(names.size())),
         names_(std::move(names)),
         lastQuarter_(names_.size(), -1),
         lines_(names_.size()) {
@@ -119,13 +142,43 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// The error line of a failed load. The 406 of a body that is no picture has
-// no description of its own.
-std::string failureText(const nimb::Error& error) {
-  return error.code == nimb::VQImageLoader::kNotAnImageCode && error.userInfo.empty()
-             ? "not a picture (406 from " + error.domain + ")"
-             : error.localizedDescription();
+// "host:port" of `url`, the port the scheme's when none is written.
+std::string authorityOf(const nimb::URL& url) {
+  const std::string& text = url.absoluteString();
+  const auto start = text.find("://");
+  if (start == std::string::npos) return url.host();
+  std::string authority = text.substr(start + 3, text.find_first_of("/?#", start + 3) - start - 3);
+  if (const auto at = authority.rfind('@'); at != std::string::npos) authority.erase(0, at + 1);
+  const auto colon = authority.rfind(':');
+  if (colon == std::string::npos || authority.find(']', colon) != std::string::npos) {
+    authority += url.scheme() == "https" ? ":443" : ":80";
+  }
+  return authority;
 }
+
+}  // namespace
+
+std::string failureText(const nimb::Error& error) {
+  // The 406 of a body that is no picture has no description of its own.
+  if (error.code == nimb::VQImageLoader::kNotAnImageCode && error.userInfo.empty()) {
+    return "not a picture (406 from " + error.domain + ")";
+  }
+  const std::string description = error.localizedDescription();
+  if (error.domain != nimb::kURLErrorDomain || (error.code != nimb::kURLErrorCannotConnectToHost &&
+                                                error.code != nimb::kURLErrorCannotFindHost)) {
+    return description;
+  }
+  auto url = nimb::URL::withString(error.failingURLString());
+  if (!url) return description;
+  const auto colon = description.rfind(": ");
+  const std::string reason =
+      colon == std::string::npos ? description : description.substr(colon + 2);
+  return (error.code == nimb::kURLErrorCannotFindHost ? "cannot find host "
+                                                      : "cannot connect to ") +
+         authorityOf(*url) + ": " + reason;
+}
+
+namespace {
 
 // The delegate that fills the slot's result and the display's line `i`.
 std::shared_ptr<nimb::VQImageViewDelegate> slotDelegate(Slot& slot, ProgressDisplay& display,
@@ -195,8 +248,7 @@ void savePicture(FetchResult& result, const std::string& name, std::size_t i,
   const std::string stem = name.substr(0, name.rfind('.'));
   const std::string path = nimb::FileManager::appendingPathComponent(
       outDirectory, prefix + (stem.empty() ? name : stem) + ".png");
-  if (auto png = result.rendered->pngRepresentation();
-      png && nimb::FileManager::writeAtomically(path, *png)) {
+  if (auto png = result.rendered->pngRepresentation(); png && writeUserFile(path, *png).empty()) {
     result.pngPath = path;
   }
 }
@@ -319,12 +371,12 @@ void drawCell(nimb::ImageContext& context, const FetchResult& r, nimb::Point at,
 
 }  // namespace
 
-bool writeContactSheet(const std::vector<FetchResult>& results, const FetchSettings& settings,
-                       const std::string& path) {
-  if (results.empty()) return false;
+std::string writeContactSheet(const std::vector<FetchResult>& results,
+                              const FetchSettings& settings, const std::string& path) {
+  if (results.empty()) return "no pictures";
   const SheetLayout layout(results.size(), settings.viewSize);
   nimb::ImageContext context(layout.size, true, 1.0);
-  if (!context.isValid()) return false;
+  if (!context.isValid()) return "too large to draw";
   context.fillRect(Rect(0, 0, layout.size.width, layout.size.height), {0.94, 0.94, 0.95, 1});
   context.drawText(settings.title, {kSheetMargin, 26}, 16, kSheetInk);
   for (std::size_t i = 0; i < results.size(); ++i) {
@@ -332,7 +384,7 @@ bool writeContactSheet(const std::vector<FetchResult>& results, const FetchSetti
   }
   auto image = context.image();
   auto png = image ? image->pngRepresentation() : std::nullopt;
-  return png && nimb::FileManager::writeAtomically(path, *png);
+  return png ? writeUserFile(path, *png) : "cannot encode it as PNG";
 }
 
 }  // namespace nimbkit

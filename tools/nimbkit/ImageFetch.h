@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include <NimbFoundation/Platform/Core/Error.h>
 #include <NimbFoundation/Platform/Core/Geometry.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Platform/Net/URL.h>
@@ -47,10 +48,14 @@ std::vector<FetchResult> fetchIntoViews(const std::vector<nimb::URL>& urls,
 // The per-image table on standard output.
 void printResults(const std::vector<FetchResult>& results, const FetchSettings& settings);
 
-// Draws every rendered view in a grid with its label; false when it could
-// not be written.
-bool writeContactSheet(const std::vector<FetchResult>& results, const FetchSettings& settings,
-                       const std::string& path);
+// Draws every rendered view in a grid with its label and writes it to
+// `path`; "" when written, else why not.
+std::string writeContactSheet(const std::vector<FetchResult>& results,
+                              const FetchSettings& settings, const std::string& path);
+
+// The line that says why a load failed; a connection that could not be
+// made names the host and port ("cannot connect to 127.0.0.1:1: ...").
+std::string failureText(const nimb::Error& error);
 
 // Runs the main loop until the cache has written everything it was given.
 void flushCache();

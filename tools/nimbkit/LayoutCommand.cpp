@@ -10,9 +10,11 @@
 // reported with the file and where it is, and nothing is written.
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -25,13 +27,13 @@
 
 #include <NimbFoundation/NimbConstraintCache.h>
 #include <NimbFoundation/NimbKit.h>
-#include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Graphics/LayoutConstraint.h>
 #include <NimbFoundation/Platform/Graphics/View.h>
 #include <NimbFoundation/Platform/Graphics/ViewRenderer.h>
 
 #include "Command.h"
 #include "DisplayText.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -84,7 +86,10 @@ bad command line or an --hide/--detach id the file does not have.)HELP";
 // The file's bytes, refusing more than kMaxFileBytes.
 std::string readDescription(const std::string& file) {
   std::ifstream in(file, std::ios::binary);
-  if (!in) throw std::runtime_error(escapeForDisplay(file) + ": cannot open for reading");
+  if (!in) {
+    throw std::runtime_error(escapeForDisplay(file) +
+                             ": cannot open for reading: " + std::strerror(errno));
+  }
   std::string text(kMaxFileBytes + 1, '\0');
   in.read(text.data(), std::streamsize(text.size()));
   if (in.bad()) throw std::runtime_error(escapeForDisplay(file) + ": cannot read");
@@ -447,9 +452,8 @@ int runLayout(const LayoutOptions& options) {
     auto png = image->pngRepresentation();
     if (!png) throw std::runtime_error(std::string(name) + ": cannot encode the picture");
     const std::string path = (fs::path(options.out) / name).string();
-    if (auto written = nimb::FileManager::writeAtomically(path, *png); !written) {
-      throw std::runtime_error(escapeForDisplay(path) + ": cannot write (" +
-                               written.error().message() + ")");
+    if (auto why = writeUserFile(path, *png); !why.empty()) {
+      throw std::runtime_error(escapeForDisplay(path) + ": cannot write (" + why + ")");
     }
     std::printf("[%s]\n", name);
     printTree(*root, 0);

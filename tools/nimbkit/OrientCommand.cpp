@@ -11,11 +11,11 @@
 #include <string>
 
 #include <NimbFoundation/NimbKit.h>
-#include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 
 #include "Command.h"
 #include "DisplayText.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -49,8 +49,10 @@ int orient(const OrientOptions& o) {
               stored.width, stored.height, size.width, size.height);
   if (o.output.empty()) return kOk;
   auto png = upright ? upright->pngRepresentation() : std::nullopt;
-  if (!png || !nimb::FileManager::writeAtomically(o.output, *png)) {
-    std::fprintf(stderr, "nimbkit: cannot write %s\n", escapeForDisplay(o.output).c_str());
+  const std::string why = png ? writeUserFile(o.output, *png) : "cannot encode it as PNG";
+  if (!why.empty()) {
+    std::fprintf(stderr, "nimbkit: cannot write %s: %s\n", escapeForDisplay(o.output).c_str(),
+                 why.c_str());
     return kNotFound;
   }
   return kOk;

@@ -12,11 +12,11 @@
 #include <string>
 
 #include <NimbFoundation/NimbKit.h>
-#include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Graphics/Graphics.h>
 
 #include "Command.h"
 #include "DisplayText.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -50,9 +50,8 @@ void writeSwatch(const nimb::Color& color, const std::string& path) {
   auto image = context.image();
   auto png = image ? image->pngRepresentation() : std::nullopt;
   if (!png) throw std::runtime_error(escapeForDisplay(path) + ": cannot draw the swatch");
-  if (auto written = nimb::FileManager::writeAtomically(path, *png); !written) {
-    throw std::runtime_error(escapeForDisplay(path) + ": cannot write (" +
-                             written.error().message() + ")");
+  if (auto why = writeUserFile(path, *png); !why.empty()) {
+    throw std::runtime_error(escapeForDisplay(path) + ": cannot write (" + why + ")");
   }
 }
 

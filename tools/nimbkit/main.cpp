@@ -1,11 +1,16 @@
 // nimbkit: the command-line front door to NimbFoundation.
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include <NimbFoundation/Utils/VQUtils.h>
 
 #include "Command.h"
 #include "DisplayText.h"
+#include "Output.h"
 
 namespace {
 
@@ -18,32 +23,51 @@ std::string oneLine(std::string text) {
   return text;
 }
 
+// An unknown command word where one is required ("nimbkit frobnicate",
+// "nimbkit cache frob"): the words up to it, and the command whose help
+// lists the right ones.
+struct UnknownCommand {
+  std::string words;   // "cache frob"
+  std::string parent;  // "nimbkit cache"
+};
+
 // The first word of the command line that names no subcommand where one is
-// required ("nimbkit frobnicate", "nimbkit cache frob"), with the command
-// path it was given to; nullopt when every word fits.
-std::optional<std::string> unknownSubcommand(CLI::App& app, int argc, char** argv) {
+// required; nullopt when every word fits.
+std::optional<UnknownCommand> unknownSubcommand(CLI::App& app,
+                                                const std::vector<std::string>& args) {
   CLI::App* current = &app;
-  std::string path = "nimbkit";
-  for (int i = 1; i < argc; ++i) {
-    std::string word = argv[i];
+  std::string path;
+  for (const std::string& word : args) {
     if (word.empty() || word[0] == '-') return std::nullopt;  // options are CLI11's
     auto matches = current->get_subcommands([&](CLI::App* s) { return s->check_name(word); });
     CLI::App* sub = matches.empty() ? nullptr : matches.front();
     if (!sub) {
       if (current->get_require_subcommand_min() == 0) return std::nullopt;
-      return path + ": unknown subcommand \"" + nimbkit::escapeForDisplay(word) + "\"";
+      return UnknownCommand{path + (path.empty() ? "" : " ") + nimbkit::escapeForDisplay(word),
+                            "nimbkit" + (path.empty() ? "" : " " + path)};
     }
     current = sub;
-    path += " " + word;
+    path += (path.empty() ? "" : " ") + word;
   }
   return std::nullopt;
 }
 
-}  // namespace
+// The command line after the program name, with "help [COMMAND...]" read
+// as "[COMMAND...] --help".
+std::vector<std::string> argumentsOf(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (!args.empty() && args.front() == "help") {
+    args.erase(args.begin());
+    args.push_back("--help");
+  }
+  return args;
+}
 
-int main(int argc, char** argv) {
-  CLI::App app{"nimbkit: see NimbFoundation's services work, and script them"};
+int run(int argc, char** argv) {
+  CLI::App app{"nimbkit: see NimbFoundation's services work, and script them", "nimbkit"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", "nimbkit " + nimb::VQUtils::utilsVersion(),
+                       "Print the version and exit");
   nimbkit::Action selected;
   nimbkit::addCacheCommand(app, selected);
   nimbkit::addDownloadCommands(app, selected);
@@ -57,14 +81,17 @@ int main(int argc, char** argv) {
   nimbkit::addPickCommand(app, selected);
   nimbkit::addLocateCommand(app, selected);
 
-  if (auto unknown = unknownSubcommand(app, argc, argv)) {
-    std::fprintf(stderr, "%s\n", oneLine(*unknown).c_str());
+  std::vector<std::string> args = argumentsOf(argc, argv);
+  if (auto unknown = unknownSubcommand(app, args)) {
+    std::fprintf(stderr, "nimbkit: unknown command '%s'\nTry '%s --help' for more information.\n",
+                 unknown->words.c_str(), unknown->parent.c_str());
     return nimbkit::kUsage;
   }
   try {
-    app.parse(argc, argv);
+    std::reverse(args.begin(), args.end());  // CLI11 takes them last first
+    app.parse(args);
   } catch (const CLI::Success& e) {
-    return app.exit(e);  // --help
+    return app.exit(e);  // --help, --version
   } catch (const CLI::ParseError& e) {
     std::fprintf(stderr, "nimbkit: %s\n", oneLine(e.what()).c_str());
     return nimbkit::kUsage;
@@ -78,4 +105,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "nimbkit: %s\n", oneLine(e.what()).c_str());
     return nimbkit::kNotFound;
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return nimbkit::finishStandardStreams(run(argc, argv));
 }
