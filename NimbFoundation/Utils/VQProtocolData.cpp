@@ -1,5 +1,7 @@
 #include <NimbFoundation/Utils/VQProtocolData.h>
 
+#include <NimbFoundation/Internal/LogRoute.h>
+
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -7,6 +9,8 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include <NimbFoundation/Platform/Core/DateFormatter.h>
@@ -51,10 +55,33 @@ std::string bundleString(std::string_view key) {
   return "";
 }
 
-// Writes one of the hardware-address failures to standard output.
-void report(const char* line) {
-  std::fputs(line, stdout);
+// The default output of the hardware-address failures: the bare line on
+// standard output, with or without its newline.
+void writeReport(std::string_view, std::string_view line) {
+  std::fwrite(line.data(), 1, line.size(), stdout);
   std::fflush(stdout);
+}
+
+void writeReportLine(std::string_view subsystem, std::string_view line) {
+  writeReport(subsystem, std::string(line) + "\n");
+}
+
+// One of those failures; `line` is written as is (most end in a newline).
+void report(std::string_view line) {
+  std::string_view message = line;
+  if (!message.empty() && message.back() == '\n') message.remove_suffix(1);
+  // The sink gets the message; the default output keeps the line's own ending.
+  detail::routeLog(LogLevel::kWarning, "VQProtocolData", message,
+                   message.size() == line.size() ? writeReport : writeReportLine);
+}
+
+// The shared identifier could not be read: "Exception occurred: <reason>",
+// by default followed by ", (null)" on standard error.
+void reportException(const char* reason) {
+  detail::routeLog(LogLevel::kError, "VQProtocolData", std::string("Exception occurred: ") + reason,
+                   [](std::string_view, std::string_view message) {
+                     detail::writeWhole(std::string(message) + ", (null)\n");
+                   });
 }
 
 }  // namespace
@@ -119,9 +146,9 @@ std::string VQProtocolData::sharedUDIDString() {
   try {
     return VQSharedUDID::value();
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "Exception occurred: %s, %s\n", e.what(), "(null)");
+    reportException(e.what());
   } catch (...) {
-    std::fprintf(stderr, "Exception occurred: %s, %s\n", "unknown exception", "(null)");
+    reportException("unknown exception");
   }
   return "";
 }

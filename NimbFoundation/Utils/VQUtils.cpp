@@ -1,5 +1,7 @@
 #include <NimbFoundation/Utils/VQUtils.h>
 
+#include <NimbFoundation/Internal/LogRoute.h>
+
 #include <openssl/evp.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -103,6 +105,15 @@ std::string logHeader() {
   std::snprintf(header, sizeof header, "[%s(%5d)] - ", VQProtocolData::timeMSString().c_str(),
                 static_cast<int>(::syscall(SYS_gettid)));
   return header;
+}
+// The console log's default output: the header, the message, " \n".
+void writeConsoleLine(std::string_view, std::string_view message) {
+  writeLine(logHeader() + std::string(message) + " \n");
+}
+
+// A null message: the header and "nil", with no space before the newline.
+void writeNilLine(std::string_view, std::string_view) {
+  writeLine(logHeader() + "nil\n");
 }
 
 }  // namespace
@@ -333,21 +344,19 @@ void VQUtils::outLog(const char* format, ...) {
 }
 
 void VQUtils::outLog(std::nullptr_t) {
-  if (openLog()) writeLine(logHeader() + "nil\n");
+  if (openLog()) detail::routeLog(LogLevel::kInfo, "VQUtils", "nil", writeNilLine);
 }
 
 void VQUtils::outLogv(const char* format, va_list arguments) {
   if (!openLog()) return;
-  std::string line = logHeader();
   if (!format) {
-    writeLine(line + "nil\n");
+    detail::routeLog(LogLevel::kInfo, "VQUtils", "nil", writeNilLine);
     return;
   }
   std::string message = stringWithFormatv(format, arguments);
   if (auto p = prefix(); p && !p->empty()) message = *p + " " + message;
-  line += replaceAll(std::move(message), "%%", "%%%%");
-  line += " \n";
-  writeLine(line);
+  detail::routeLog(LogLevel::kInfo, "VQUtils", replaceAll(std::move(message), "%%", "%%%%"),
+                   writeConsoleLine);
 }
 
 // --- Random ---

@@ -2,6 +2,9 @@
 
 #include <NimbFoundation/Internal/GuardedCall.h>
 
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -48,6 +51,83 @@ struct RunLoop::Impl {
   std::uint64_t nextSequence = 0;
   bool stopRequested = false;
   bool closed = false;
+
+  // The host's descriptor, made by the first fileDescriptor() call: an
+  // epoll set over an eventfd (raised while tasks are queued) and a timerfd
+  // (armed for the earliest delayed request). -1 until then.
+  int pollFd = -1;
+  int eventFd = -1;
+  int timerFd = -1;
+  bool eventRaised = false;
+  double armedDue = -1;  // the Env time the timerfd is armed for; -1 disarmed
+
+  ~Impl() { closeDescriptors(); }
+
+  void closeDescriptors() {
+    for (int* fd : {&pollFd, &eventFd, &timerFd}) {
+      if (*fd >= 0) ::close(*fd);
+      *fd = -1;
+    }
+  }
+
+  bool openDescriptors() {
+    pollFd = ::epoll_create1(EPOLL_CLOEXEC);
+    eventFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    timerFd = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    bool ok = pollFd >= 0 && eventFd >= 0 && timerFd >= 0;
+    for (int fd : {eventFd, timerFd}) {
+      if (!ok) break;
+      epoll_event ev{};
+      ev.events = EPOLLIN;
+      ev.data.fd = fd;
+      ok = ::epoll_ctl(pollFd, EPOLL_CTL_ADD, fd, &ev) == 0;
+    }
+    if (!ok) closeDescriptors();
+    eventRaised = false;
+    armedDue = -1;
+    return ok;
+  }
+
+  // Clears both members after the loop has taken what was due.
+  void drainDescriptors() {
+    if (pollFd < 0) return;
+    std::uint64_t count;
+    if (eventRaised) {
+      [[maybe_unused]] auto n = ::read(eventFd, &count, sizeof count);
+      eventRaised = false;
+    }
+    [[maybe_unused]] auto n = ::read(timerFd, &count, sizeof count);
+    armedDue = -1;
+  }
+
+  // Makes the descriptor match the queue and the timers: raised while tasks
+  // wait, the timer armed for the earliest request. `now` is the Env's clock.
+  void syncDescriptors(double now) {
+    raiseIfQueued();
+    armTimer(now);
+  }
+
+  void raiseIfQueued() {
+    if (pollFd < 0 || queue.empty() || eventRaised) return;
+    const std::uint64_t one = 1;
+    eventRaised = ::write(eventFd, &one, sizeof one) == sizeof one;
+  }
+
+  void armTimer(double now) {
+    if (pollFd < 0) return;
+    const double due = timers.empty() ? -1 : timers.begin()->first.first;
+    if (due == armedDue) return;
+    itimerspec when{};
+    if (due >= 0) {
+      // The time left on the Env's clock, counted down on the real one; a
+      // request already due fires at once (a zero value would disarm).
+      double left = std::max(due - now, 1e-9);
+      when.it_value.tv_sec = static_cast<time_t>(left);
+      when.it_value.tv_nsec = static_cast<long>((left - std::floor(left)) * 1e9);
+      if (when.it_value.tv_sec == 0 && when.it_value.tv_nsec == 0) when.it_value.tv_nsec = 1;
+    }
+    if (::timerfd_settime(timerFd, 0, &when, nullptr) == 0) armedDue = due;
+  }
 
   // Moves due work out under the lock; runs nothing.
   bool collect(std::deque<Task>& out, double now) {
@@ -120,6 +200,7 @@ void RunLoop::closeForThreadExit() {
     dropped.swap(impl_->queue);
     droppedTimers.swap(impl_->timers);
     impl_->byTarget.clear();
+    impl_->closeDescriptors();
   }
   // `dropped` and `droppedTimers` release their captures here, outside the lock.
 }
@@ -160,6 +241,7 @@ void RunLoop::perform(Task task) {
     std::lock_guard lock(impl_->mutex);
     if (impl_->closed) return;
     impl_->queue.push_back(std::move(task));
+    impl_->raiseIfQueued();
   }
   impl_->wake.notify_all();
 }
@@ -175,6 +257,7 @@ void RunLoop::performAfterDelay(double seconds, const void* target, std::string 
     Impl::TimerKey key{due, impl_->nextSequence++};
     if (target) impl_->byTarget.emplace(std::make_pair(target, action), key);
     impl_->timers.emplace(key, Impl::Timer{target, std::move(action), std::move(task)});
+    impl_->armTimer(due - seconds);
   }
   impl_->wake.notify_all();
 }
@@ -190,6 +273,7 @@ void RunLoop::cancelPerforms(const void* target, std::string_view action) {
     impl_->timers.erase(timer);
   }
   impl_->byTarget.erase(range.first, range.second);
+  impl_->armTimer(Env::current()->monotonicSeconds());
 }
 
 void RunLoop::cancelPerforms(const void* target) {
@@ -204,6 +288,7 @@ void RunLoop::cancelPerforms(const void* target) {
     }
     it = impl_->byTarget.erase(it);
   }
+  impl_->armTimer(Env::current()->monotonicSeconds());
 }
 
 bool RunLoop::runOnce(double maxWaitSeconds) {
@@ -212,9 +297,14 @@ bool RunLoop::runOnce(double maxWaitSeconds) {
   {
     std::unique_lock lock(impl_->mutex);
     const auto limit = realAfter(maxWaitSeconds);
-    while (!impl_->collect(work, env->monotonicSeconds())) {
-      const auto now = std::chrono::steady_clock::now();
-      if (now >= limit || impl_->stopRequested) return false;
+    for (;;) {
+      // Taken before the work, so that a post made after it raises anew.
+      impl_->drainDescriptors();
+      const double now = env->monotonicSeconds();
+      const bool found = impl_->collect(work, now);
+      impl_->syncDescriptors(now);
+      if (found) break;
+      if (std::chrono::steady_clock::now() >= limit || impl_->stopRequested) return false;
       auto wakeAt = limit;
       if (!impl_->timers.empty()) {
         // Sleeps as long as the Env's clock says is left; a manual clock
@@ -281,6 +371,21 @@ void RunLoop::stop() {
 bool RunLoop::hasPendingWork() const {
   std::lock_guard lock(impl_->mutex);
   return !impl_->queue.empty() || !impl_->timers.empty();
+}
+
+int RunLoop::fileDescriptor() {
+  std::lock_guard lock(impl_->mutex);
+  if (impl_->pollFd < 0 && !impl_->closed && impl_->openDescriptors())
+    impl_->syncDescriptors(Env::current()->monotonicSeconds());
+  return impl_->pollFd;
+}
+
+double RunLoop::nextTimeout() const {
+  const double now = Env::current()->monotonicSeconds();
+  std::lock_guard lock(impl_->mutex);
+  if (!impl_->queue.empty()) return 0;
+  if (impl_->timers.empty()) return -1;
+  return std::max(0.0, impl_->timers.begin()->first.first - now);
 }
 
 std::size_t RunLoop::scheduledCount() const {

@@ -11,8 +11,27 @@
 //     with `wait` block until the task has run (at once when already on the
 //     main thread).
 // Nothing runs until the owning thread turns the loop: run(), runUntil(),
-// runFor(), runOnce() or runUntilIdle(). A host program with an event loop
-// of its own can call runOnce(0) from it.
+// runFor(), runOnce() or runUntilIdle().
+//
+// A host event loop (GLib, Qt, SDL, epoll) turns a kit loop without polling:
+//   1. fd = loop.fileDescriptor(), from any thread, once: the host watches
+//      it for reading (POLLIN). It stays the same for the loop's life and
+//      the loop owns it (do not read, write or close it).
+//   2. It is readable while tasks are queued and once the earliest delayed
+//      request has fallen due. It may also turn readable with nothing due;
+//      runOnce(0) then does nothing.
+//   3. When it is readable, the loop's own thread calls runOnce(0), which
+//      runs what is due and clears the descriptor; work posted while that
+//      turn runs makes it readable again.
+//   4. A host that also takes a timeout can use nextTimeout() for it.
+// Examples: examples/GLibRunLoopSource.h attaches the main loop to a GLib
+// main context.
+//
+// The timer behind the descriptor counts real time: when a request is
+// scheduled, cancelled or the loop turns, it is set to fire after the time
+// the Env's clock says is left. A test that moves a manual clock forward
+// sees nextTimeout() follow at once, while the descriptor catches up at the
+// next runOnce(), so such a test turns the loop itself.
 //
 // Time: a delayed request falls due on Env::current()->monotonicSeconds(),
 // so a test whose Env has a manual monotonic clock advances it and calls
@@ -82,6 +101,14 @@ class RunLoop {
   // Makes the current or next run(), runUntil() or runUntilIdle() return
   // after its turn.
   void stop();
+
+  // The descriptor a host event loop watches (see the header comment),
+  // made on first call; -1 when the system gives none or the thread that
+  // owned the loop has ended. Any thread.
+  int fileDescriptor();
+  // Seconds on the Env's clock until the loop has work: 0 when tasks are
+  // queued or a request is due, -1 when nothing is scheduled. Any thread.
+  double nextTimeout() const;
 
   // Whether tasks are queued or delayed requests scheduled.
   bool hasPendingWork() const;

@@ -1,5 +1,7 @@
 #include <NimbFoundation/Platform/Env/SystemLog.h>
 
+#include <NimbFoundation/Internal/LogRoute.h>
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -23,6 +25,13 @@ void SystemLog::log(const char* format, ...) {
 
 void SystemLog::logv(const char* format, va_list arguments) {
   if (!format) return;
+  detail::routeLog(LogLevel::kError, "SystemLog", stringWithFormatv(format, arguments),
+                   detail::writePlatformLogLine);
+}
+
+namespace detail {
+
+void writePlatformLogLine(std::string_view, std::string_view message) {
   const double now = Date::now().timeIntervalSince1970();
   const auto seconds = static_cast<std::time_t>(std::floor(now));
   const int millis = static_cast<int>((now - std::floor(now)) * 1000);
@@ -35,17 +44,12 @@ void SystemLog::logv(const char* format, va_list arguments) {
   std::snprintf(header, sizeof header, "%s.%03d %s[%d:%d] ", stamp, millis,
                 FileManager::processName().c_str(), static_cast<int>(::getpid()),
                 static_cast<int>(::syscall(SYS_gettid)));
-  std::string line = header + stringWithFormatv(format, arguments);
+  std::string line = header + std::string(message);
   line.push_back('\n');
   // One write, so that lines from several threads never mix.
-  const char* data = line.data();
-  std::size_t left = line.size();
-  while (left > 0) {
-    const ssize_t n = ::write(2, data, left);
-    if (n <= 0) break;
-    data += n;
-    left -= static_cast<std::size_t>(n);
-  }
+  writeWhole(line);
 }
+
+}  // namespace detail
 
 }  // namespace nimb

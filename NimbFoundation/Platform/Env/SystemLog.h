@@ -4,7 +4,8 @@
 // Each message becomes one line on standard error, written whole:
 //   "2026-11-21 17:50:00.123 nimbkit[1234:1240] message"
 // with the local date and time, the process name, its id and the kernel
-// thread number. Always on. Safe from any thread.
+// thread number. Always on. Safe from any thread. With a log sink set
+// (Log.h), the message goes to it instead, under the subsystem "SystemLog".
 #pragma once
 
 #include <cstdarg>
