@@ -42,8 +42,8 @@
 // Thread rule: perform, performAfterDelay, cancelPerforms, stop and
 // hasPendingWork may be called from any thread; the run functions only from
 // the loop's own thread. A task never runs while the loop's lock is held, so
-// tasks may schedule or cancel freely. A task that throws is reported on
-// standard error and dropped.
+// tasks may schedule or cancel freely. A task that throws is reported
+// through the log sink (Log.h; standard error by default) and dropped.
 #pragma once
 
 #include <chrono>
