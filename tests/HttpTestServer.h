@@ -9,7 +9,7 @@
 
 #include <httplib.h>
 
-#include "TestSupport.h"
+#include "RunLoopPump.h"
 
 #include <algorithm>
 #include <array>

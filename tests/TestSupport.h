@@ -25,7 +25,8 @@
 #include <thread>
 #include <vector>
 
-#include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include "RunLoopPump.h"
+
 #include <NimbFoundation/Platform/Env/Env.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 
@@ -120,18 +121,6 @@ inline RunningProgram startProgram(const std::vector<std::string>& command,
   if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) program.pid = pid;
   posix_spawn_file_actions_destroy(&actions);
   return program;
-}
-
-// Turns the calling thread's run loop until `done` holds or `seconds` pass;
-// tests wait this way, never with bare sleeps.
-inline bool pumpUntil(const std::function<bool()>& done, double seconds = 4) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!done() && std::chrono::steady_clock::now() < deadline) RunLoop::current().runOnce(0.01);
-  return done();
-}
-// Turns the loop for `seconds`, to see that nothing (more) arrives.
-inline void pumpFor(double seconds) {
-  pumpUntil([] { return false; }, seconds);
 }
 
 // Ends a program started by startProgram() with SIGTERM and waits for it;
