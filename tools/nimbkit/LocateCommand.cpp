@@ -31,20 +31,10 @@ struct LocateOptions {
 };
 
 int locate(const LocateOptions& options) {
-  if (!LocationManager::userSwitchAllowsLocation()) {
-    std::fprintf(stderr, "nimbkit locate: location services are turned off in %s\n",
-                 (nimb::FileManager::configDirectory() + "/NimbFoundation/Location.plist").c_str());
-    return kNotFound;
-  }
-  auto source = options.source.empty() ? LocationSource::systemDefault()
-                                       : LocationSource::named(options.source);
-  if (!source || !source->isAvailable()) {
-    std::fprintf(stderr, "nimbkit locate: no location source answers (%s)\n",
-                 options.source.empty() ? "tried geoclue and gpsd" : options.source.c_str());
-    return kNotFound;
-  }
-  const std::string sourceName = source->name();
-  NimbLocationManager manager(std::move(source));
+  // The wrapper asks the services itself, when it is made and when it
+  // starts; a start that did not happen says why.
+  NimbLocationManager manager(options.source.empty() ? nullptr
+                                                     : LocationSource::named(options.source));
   const nimb::DateFormatter stamp("yyyy-MM-dd'T'HH:mm:ss.SSS'Z'", "UTC");
   std::optional<Location> previous;
   long fixes = 0;
@@ -72,7 +62,20 @@ int locate(const LocateOptions& options) {
     }
     std::fflush(stdout);
   });
-  std::fprintf(stderr, "nimbkit locate: following %s (50 m filter)\n", sourceName.c_str());
+  auto updates = manager.locationManager();
+  if (!updates->isUpdating()) {
+    if (!LocationManager::userSwitchAllowsLocation()) {
+      std::fprintf(
+          stderr, "nimbkit locate: location services are turned off in %s\n",
+          (nimb::FileManager::configDirectory() + "/NimbFoundation/Location.plist").c_str());
+    } else {
+      std::fprintf(stderr, "nimbkit locate: no location source answers (%s)\n",
+                   options.source.empty() ? "tried geoclue and gpsd" : options.source.c_str());
+    }
+    return kNotFound;
+  }
+  std::fprintf(stderr, "nimbkit locate: following %s (50 m filter)\n",
+               updates->source()->name().c_str());
   const auto deadline = options.seconds > 0
                             ? std::chrono::steady_clock::now() +
                                   std::chrono::duration_cast<std::chrono::steady_clock::duration>(
