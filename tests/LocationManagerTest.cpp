@@ -139,11 +139,16 @@ TEST_F(LocationManagerTest, FiltersByDistanceFromTheLastDeliveredFixOnTheStartin
   EXPECT_EQ(manager_->location(), northOfStart(130))
       << "location() is the latest, delivered or not";
 
-  // No filter: every fix.
+  // No filter: every fix. A failure arrives on the same loop as it was sent.
   manager_->setDistanceFilter(kDistanceFilterNone);
   sendFromAnotherThread({131, 132});
+  std::thread([&] { source_->sendFailure(kCLErrorNetwork); }).join();
   test::pumpFor(0.05);
   EXPECT_EQ(recorder_.fixes.size(), 5u);
+  ASSERT_EQ(recorder_.failures.size(), 1u);
+  EXPECT_EQ(recorder_.failures[0].code, kCLErrorNetwork);
+  EXPECT_TRUE(recorder_.allOnMainThread);
+  EXPECT_TRUE(manager_->isUpdating());
 }
 
 TEST_F(LocationManagerTest, StopDropsWhatIsQueuedAndARestartDeliversTheFirstFixAgain) {
@@ -173,22 +178,6 @@ TEST_F(LocationManagerTest, StopDropsWhatIsQueuedAndARestartDeliversTheFirstFixA
   EXPECT_EQ(source_->stops, 2);
   test::pumpFor(0.05);
   EXPECT_EQ(recorder_.fixes.size(), 2u);
-}
-
-TEST_F(LocationManagerTest, FailuresAreDeliveredAndUpdatesGoOn) {
-  manager_->startUpdatingLocation();
-  std::thread([&] {
-    source_->sendFailure(kCLErrorNetwork);
-    source_->sendFix(northOfStart(0));
-    source_->sendFailure(kCLErrorLocationUnknown);
-  }).join();
-  test::pumpFor(0.05);
-  ASSERT_EQ(recorder_.failures.size(), 2u);
-  EXPECT_EQ(recorder_.failures[0].code, kCLErrorNetwork);
-  EXPECT_EQ(recorder_.failures[1].domain, kLocationErrorDomain);
-  EXPECT_EQ(recorder_.fixes.size(), 1u);
-  EXPECT_TRUE(manager_->isUpdating());
-  EXPECT_TRUE(recorder_.allOnMainThread);
 }
 
 TEST_F(LocationManagerTest, TheUserSwitchAndTheSourceDecideWhetherServicesAreEnabled) {
@@ -312,19 +301,27 @@ TEST_F(NimbLocationManagerTest, TheCallbackIsTheManagersCurrentLocationNotTheDel
   EXPECT_EQ(results_[0].second, northOfStart(0));
 }
 
-TEST_F(NimbLocationManagerTest, FailuresCallBackWithNothingAndUpdatingGoesOn) {
-  int calls = 0;
-  nimbManager_->startLocateWithEvent(record(calls));
+// A failure calls back with nothing and updating goes on; a second start
+// replaces the callback and the first hears nothing more.
+TEST_F(NimbLocationManagerTest, FailuresCallBackWithNothingAndASecondStartReplacesTheCallback) {
+  int first = 0, second = 0;
+  nimbManager_->startLocateWithEvent(record(first));
   std::thread([&] {
     source_->sendFailure(kCLErrorLocationUnknown);
     source_->sendFix(northOfStart(0));
   }).join();
   test::pumpFor(0.05);
-  ASSERT_EQ(calls, 2);
+  ASSERT_EQ(first, 2);
   EXPECT_FALSE(results_[0].first);
   EXPECT_FALSE(results_[0].second.has_value());
   EXPECT_TRUE(results_[1].first);
   EXPECT_TRUE(nimbManager_->locationManager()->isUpdating());
+
+  nimbManager_->startLocateWithEvent(record(second));
+  sendFromAnotherThread({100});
+  test::pumpFor(0.05);
+  EXPECT_EQ(first, 2);
+  EXPECT_EQ(second, 1);
 }
 
 TEST_F(NimbLocationManagerTest, DisabledServicesKeepTheCallbackAndNeverCallIt) {
@@ -336,18 +333,6 @@ TEST_F(NimbLocationManagerTest, DisabledServicesKeepTheCallbackAndNeverCallIt) {
   sendFromAnotherThread({0});
   test::pumpFor(0.05);
   EXPECT_EQ(calls, 0);
-}
-
-TEST_F(NimbLocationManagerTest, ASecondStartReplacesTheCallback) {
-  int first = 0, second = 0;
-  nimbManager_->startLocateWithEvent(record(first));
-  sendFromAnotherThread({0});
-  test::pumpFor(0.05);
-  nimbManager_->startLocateWithEvent(record(second));
-  sendFromAnotherThread({100});
-  test::pumpFor(0.05);
-  EXPECT_EQ(first, 1);
-  EXPECT_EQ(second, 1);
 }
 
 }  // namespace
