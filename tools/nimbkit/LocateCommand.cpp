@@ -1,6 +1,5 @@
 // nimbkit locate: the device's position as NimbLocationManager reports it,
 // one line per callback, from gpsd or GeoClue.
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -58,7 +57,7 @@ int locate(const LocateOptions& options) {
               : (std::to_string(std::lround(location->horizontalAccuracy())) + " m").c_str(),
           moved.c_str());
       previous = location;
-      ++fixes;
+      if (++fixes == options.count) RunLoop::main().stop();
     }
     std::fflush(stdout);
   });
@@ -76,15 +75,8 @@ int locate(const LocateOptions& options) {
   }
   std::fprintf(stderr, "nimbkit locate: following %s (50 m filter)\n",
                updates->source()->name().c_str());
-  const auto deadline = options.seconds > 0
-                            ? std::chrono::steady_clock::now() +
-                                  std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                      std::chrono::duration<double>(options.seconds))
-                            : std::chrono::steady_clock::time_point::max();
-  while ((options.count == 0 || fixes < options.count) &&
-         std::chrono::steady_clock::now() < deadline) {
-    RunLoop::main().runOnce(0.1);
-  }
+  // The callback stops the loop once --count positions have come.
+  options.seconds > 0 ? RunLoop::main().runFor(options.seconds) : RunLoop::main().run();
   manager.stopLocationUpdate();
   if (fixes == 0) {
     std::fprintf(stderr, "nimbkit locate: no position within %g s\n", options.seconds);
