@@ -41,8 +41,8 @@ class NimbLocationManager {
 
   // init: asks whether location services are enabled (the answer is not
   // used), makes a LocationManager with this object as its delegate, best
-  // accuracy and a 50 m distance filter. Its source is chosen when updates
-  // start (LocationSource::systemDefault()).
+  // accuracy and a 50 m distance filter. Asking chooses the manager's source
+  // (LocationSource::systemDefault()), which it keeps.
   NimbLocationManager();
   // The same, with the manager reading from `source` (null: as above).
   explicit NimbLocationManager(std::shared_ptr<LocationSource> source);

@@ -9,6 +9,8 @@
 
 #include <httplib.h>
 
+#include "RunLoopPump.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -105,16 +107,6 @@ class HttpTestServer {
   int port_ = 0;
 };
 
-// Turns the calling thread's run loop until `done` holds or `seconds` pass.
-inline bool pumpUntil(const std::function<bool()>& done, double seconds) {
-  auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-  while (!done() && Clock::now() < deadline) RunLoop::current().runOnce(0.01);
-  return done();
-}
-// Turns the loop for `seconds`, to see that nothing (more) arrives.
-inline void pumpFor(double seconds) {
-  pumpUntil([] { return false; }, seconds);
-}
 // Turns the loop until no transfer is left running.
 inline bool pumpUntilNoTransfers() {
   return pumpUntil([] { return URLConnection::activeTransferCount() == 0; }, 5);

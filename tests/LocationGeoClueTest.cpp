@@ -27,20 +27,10 @@
 namespace nimb {
 namespace {
 
+using test::pumpFor;
+using test::pumpUntil;
+
 constexpr const char* kPython = "/usr/bin/python3";
-
-bool pumpUntil(const std::function<bool()>& done, double seconds = 4) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    RunLoop::main().runOnce(0.02);
-  }
-  return true;
-}
-
-void pumpFor(double seconds) {
-  pumpUntil([] { return false; }, seconds);
-}
 
 // Two fixes: the first without altitude, speed or heading, the second with.
 constexpr const char* kTwoFixes =

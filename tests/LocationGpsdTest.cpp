@@ -27,6 +27,9 @@
 namespace nimb {
 namespace {
 
+using test::pumpFor;
+using test::pumpUntil;
+
 constexpr const char* kPython = "/usr/bin/python3";
 // Seconds between two sentences gpsfake writes; a fix is four sentences.
 constexpr double kSentenceCycle = 0.025;
@@ -37,15 +40,6 @@ constexpr double kHorizontalAccuracy = 2 * 9.5 * 0.9;
 constexpr double kVerticalAccuracy = 23 * 1.3;
 
 using Clock = std::chrono::steady_clock;
-
-bool pumpUntil(const std::function<bool()>& done, double seconds) {
-  const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-  while (!done()) {
-    if (Clock::now() >= deadline) return false;
-    RunLoop::main().runOnce(0.02);
-  }
-  return true;
-}
 
 int freePort() {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);

@@ -23,24 +23,12 @@
 namespace nimb {
 namespace {
 
+using test::pumpFor;
+using test::pumpUntil;
+
 using test::FakeMachine;
 
 constexpr const char* kPython = "/usr/bin/python3";
-
-// Turns the main run loop until `done` or a few seconds have passed.
-bool pumpUntil(const std::function<bool()>& done, double seconds = 4) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    RunLoop::main().runOnce(0.02);
-  }
-  return true;
-}
-
-// Turns the main run loop for a while, for what must not happen.
-void pumpFor(double seconds) {
-  pumpUntil([] { return false; }, seconds);
-}
 
 struct Call {
   ImagePickerController* picker = nullptr;

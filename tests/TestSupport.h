@@ -25,6 +25,8 @@
 #include <thread>
 #include <vector>
 
+#include "RunLoopPump.h"
+
 #include <NimbFoundation/Platform/Env/Env.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 

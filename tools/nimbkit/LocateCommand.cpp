@@ -1,6 +1,5 @@
 // nimbkit locate: the device's position as NimbLocationManager reports it,
 // one line per callback, from gpsd or GeoClue.
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -31,20 +30,10 @@ struct LocateOptions {
 };
 
 int locate(const LocateOptions& options) {
-  if (!LocationManager::userSwitchAllowsLocation()) {
-    std::fprintf(stderr, "nimbkit locate: location services are turned off in %s\n",
-                 (nimb::FileManager::configDirectory() + "/NimbFoundation/Location.plist").c_str());
-    return kNotFound;
-  }
-  auto source = options.source.empty() ? LocationSource::systemDefault()
-                                       : LocationSource::named(options.source);
-  if (!source || !source->isAvailable()) {
-    std::fprintf(stderr, "nimbkit locate: no location source answers (%s)\n",
-                 options.source.empty() ? "tried geoclue and gpsd" : options.source.c_str());
-    return kNotFound;
-  }
-  const std::string sourceName = source->name();
-  NimbLocationManager manager(std::move(source));
+  // The wrapper asks the services itself, when it is made and when it
+  // starts; a start that did not happen says why.
+  NimbLocationManager manager(options.source.empty() ? nullptr
+                                                     : LocationSource::named(options.source));
   const nimb::DateFormatter stamp("yyyy-MM-dd'T'HH:mm:ss.SSS'Z'", "UTC");
   std::optional<Location> previous;
   long fixes = 0;
@@ -68,20 +57,26 @@ int locate(const LocateOptions& options) {
               : (std::to_string(std::lround(location->horizontalAccuracy())) + " m").c_str(),
           moved.c_str());
       previous = location;
-      ++fixes;
+      if (++fixes == options.count) RunLoop::main().stop();
     }
     std::fflush(stdout);
   });
-  std::fprintf(stderr, "nimbkit locate: following %s (50 m filter)\n", sourceName.c_str());
-  const auto deadline = options.seconds > 0
-                            ? std::chrono::steady_clock::now() +
-                                  std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                      std::chrono::duration<double>(options.seconds))
-                            : std::chrono::steady_clock::time_point::max();
-  while ((options.count == 0 || fixes < options.count) &&
-         std::chrono::steady_clock::now() < deadline) {
-    RunLoop::main().runOnce(0.1);
+  auto updates = manager.locationManager();
+  if (!updates->isUpdating()) {
+    if (!LocationManager::userSwitchAllowsLocation()) {
+      std::fprintf(
+          stderr, "nimbkit locate: location services are turned off in %s\n",
+          (nimb::FileManager::configDirectory() + "/NimbFoundation/Location.plist").c_str());
+    } else {
+      std::fprintf(stderr, "nimbkit locate: no location source answers (%s)\n",
+                   options.source.empty() ? "tried geoclue and gpsd" : options.source.c_str());
+    }
+    return kNotFound;
   }
+  std::fprintf(stderr, "nimbkit locate: following %s (50 m filter)\n",
+               updates->source()->name().c_str());
+  // The callback stops the loop once --count positions have come.
+  options.seconds > 0 ? RunLoop::main().runFor(options.seconds) : RunLoop::main().run();
   manager.stopLocationUpdate();
   if (fixes == 0) {
     std::fprintf(stderr, "nimbkit locate: no position within %g s\n", options.seconds);

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include <NimbFoundation/Internal/DBusConnection.h>
 #include <NimbFoundation/Internal/GLibThread.h>
 #include <NimbFoundation/Internal/RuntimeMethods.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
@@ -70,7 +71,8 @@ std::optional<std::string> sessionBusAddress() {
 }
 
 // A connection to the bus at `address`, shared while the address stays the
-// same and the connection open; a new reference, or nullptr.
+// same and the connection open; a new reference, or nullptr when the bus
+// has not answered within the availability limit.
 GDBusConnection* connectTo(const std::string& address) {
   static std::mutex lock;
   static std::string cachedAddress;
@@ -81,17 +83,9 @@ GDBusConnection* connectTo(const std::string& address) {
     cached = nullptr;
   }
   if (!cached) {
-    GError* error = nullptr;
-    cached = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (!cached) {
-      g_error_free(error);
-      return nullptr;
-    }
-    g_dbus_connection_set_exit_on_close(cached, FALSE);
+    std::string message;
+    cached = detail::openBusConnection(address, kAvailabilityTimeoutMs, message);
+    if (!cached) return nullptr;
     cachedAddress = address;
   }
   return G_DBUS_CONNECTION(g_object_ref(cached));

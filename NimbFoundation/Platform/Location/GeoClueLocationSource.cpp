@@ -2,16 +2,14 @@
 
 #include <gio/gio.h>
 
-#include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 
+#include <NimbFoundation/Internal/DBusConnection.h>
 #include <NimbFoundation/Internal/GLibThread.h>
 #include <NimbFoundation/Platform/Env/Env.h>
 
@@ -63,41 +61,6 @@ std::string systemBusAddress() {
   return kStandardSystemBus;
 }
 
-constexpr GDBusConnectionFlags kConnectionFlags = static_cast<GDBusConnectionFlags>(
-    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-
-// A new private message-bus connection to `address` opened within
-// `timeoutMs` (a bus that accepts but never answers would otherwise hold
-// the caller), or nullptr with `message` saying why.
-GDBusConnection* connectWithin(const std::string& address, int timeoutMs, std::string& message) {
-  GCancellable* cancellable = g_cancellable_new();
-  std::mutex lock;
-  std::condition_variable changed;
-  bool done = false;
-  std::thread watchdog([&] {
-    std::unique_lock guard(lock);
-    if (!changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), [&] { return done; })) {
-      g_cancellable_cancel(cancellable);
-    }
-  });
-  GError* error = nullptr;
-  GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-      address.c_str(), kConnectionFlags, nullptr, cancellable, &error);
-  {
-    std::lock_guard guard(lock);
-    done = true;
-  }
-  changed.notify_all();
-  watchdog.join();
-  g_object_unref(cancellable);
-  if (!connection) {
-    message = error ? error->message : "unknown error";
-    if (error) g_error_free(error);
-    return nullptr;
-  }
-  g_dbus_connection_set_exit_on_close(connection, FALSE);
-  return connection;
-}
 // A refusal by the service is kCLErrorDenied; any other failure means the
 // service cannot be reached.
 Error errorForCall(GError* error, const char* what) {
@@ -373,7 +336,7 @@ void beginOnGLibThread(const SessionPtr& session) {
       },
       hold(session), release);
   g_source_attach(session->connectTimeout, detail::glibContext());
-  g_dbus_connection_new_for_address(session->address.c_str(), kConnectionFlags, nullptr,
+  g_dbus_connection_new_for_address(session->address.c_str(), detail::kBusClientFlags, nullptr,
                                     session->cancellable, onConnected, hold(session));
 }
 
@@ -427,7 +390,8 @@ GeoClueLocationSource::~GeoClueLocationSource() {
 
 bool GeoClueLocationSource::isAvailable() {
   std::string message;
-  GDBusConnection* connection = connectWithin(systemBusAddress(), kAvailabilityTimeoutMs, message);
+  GDBusConnection* connection =
+      detail::openBusConnection(systemBusAddress(), kAvailabilityTimeoutMs, message);
   if (!connection) return false;
   GVariant* reply = g_dbus_connection_call_sync(
       connection, kService, kManagerPath, kProperties, "Get",

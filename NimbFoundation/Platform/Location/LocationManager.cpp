@@ -66,13 +66,18 @@ bool LocationManager::userSwitchAllowsLocation() {
 
 bool LocationManager::locationServicesEnabled() {
   if (!userSwitchAllowsLocation()) return false;
-  auto source = LocationSource::systemDefault();
-  return source && source->isAvailable();
+  bool answers = false;
+  LocationSource::systemDefault(&answers);
+  return answers;
 }
 
 bool LocationManager::servicesEnabled() {
-  if (!source_) return locationServicesEnabled();
-  return userSwitchAllowsLocation() && source_->isAvailable();
+  if (!userSwitchAllowsLocation()) return false;
+  if (source_) return source_->isAvailable();
+  // The source is chosen here, once, and kept for the updates.
+  bool answers = false;
+  source_ = LocationSource::systemDefault(&answers);
+  return answers;
 }
 
 void LocationManager::startUpdatingLocation() {

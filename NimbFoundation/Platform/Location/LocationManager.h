@@ -51,8 +51,8 @@ struct LocationManagerDelegate {
 
 class LocationManager : public std::enable_shared_from_this<LocationManager> {
  public:
-  // A manager whose source is chosen when updates start
-  // (LocationSource::systemDefault()).
+  // A manager whose source is chosen by the first servicesEnabled() or
+  // startUpdatingLocation() (LocationSource::systemDefault()).
   static std::shared_ptr<LocationManager> create();
   // A manager on `source`; null means as create().
   static std::shared_ptr<LocationManager> create(std::shared_ptr<LocationSource> source);
@@ -63,7 +63,8 @@ class LocationManager : public std::enable_shared_from_this<LocationManager> {
   // Whether the user's switch is on and the source the kit would choose
   // (LocationSource::systemDefault()) answers.
   static bool locationServicesEnabled();
-  // The same question about this manager's own source.
+  // The same question about this manager's own source. A manager without
+  // one chooses it here (LocationSource::systemDefault()) and keeps it.
   bool servicesEnabled();
   // Whether the user's switch (above) allows location services.
   static bool userSwitchAllowsLocation();
@@ -91,8 +92,7 @@ class LocationManager : public std::enable_shared_from_this<LocationManager> {
 
   // The most recent fix, delivered or not; nullopt before the first.
   std::optional<Location> location() const { return location_; }
-  // The source in use: the one given, or the one chosen at the last start
-  // (null before it).
+  // The source in use: the one given or chosen (null before that).
   std::shared_ptr<LocationSource> source() const { return source_; }
 
  private:

@@ -21,13 +21,21 @@ std::shared_ptr<LocationSource> LocationSource::named(std::string_view name) {
   return nullptr;
 }
 
-std::shared_ptr<LocationSource> LocationSource::systemDefault() {
-  if (auto chosen = Env::current()->environmentVariable("NIMB_LOCATION_SOURCE")) {
-    return named(*chosen);
+std::shared_ptr<LocationSource> LocationSource::systemDefault(bool* answers) {
+  std::shared_ptr<LocationSource> chosen;
+  bool answered = false;
+  if (auto name = Env::current()->environmentVariable("NIMB_LOCATION_SOURCE")) {
+    chosen = named(*name);
+    answered = chosen && answers && chosen->isAvailable();
+  } else if (auto geoclue = geoClue(); geoclue->isAvailable()) {
+    chosen = std::move(geoclue);
+    answered = true;
+  } else {
+    chosen = gpsd();
+    answered = answers && chosen->isAvailable();
   }
-  auto geoclue = geoClue();
-  if (geoclue->isAvailable()) return geoclue;
-  return gpsd();
+  if (answers) *answers = answered;
+  return chosen;
 }
 
 }  // namespace nimb

@@ -79,7 +79,9 @@ class LocationSource {
   static std::shared_ptr<LocationSource> named(std::string_view name);
   // The source named by $NIMB_LOCATION_SOURCE when it is set (null when it
   // names none); otherwise GeoClue when its service answers, else gpsd.
-  static std::shared_ptr<LocationSource> systemDefault();
+  // With `answers`, also whether the chosen source answers, found with at
+  // most one round trip to each service.
+  static std::shared_ptr<LocationSource> systemDefault(bool* answers = nullptr);
 };
 
 }  // namespace nimb
