@@ -171,7 +171,7 @@ int get(const CacheOptions& o) {
   requireKey(o.key);
   auto data = VQCache::currentCache()->dataForKey(o.key);
   if (!data) {
-    std::fprintf(stderr, "nimbkit: no fresh entry for \"%s\"\n", o.key.c_str());
+    diagnose("nimbkit: no fresh entry for \"%s\"\n", o.key.c_str());
     return kNotFound;
   }
   // main reports a write error.

@@ -97,25 +97,24 @@ int download(const DownloadOptions& o) {
     done = true;
     if (!o.output.empty()) {
       if (auto why = writeUserFile(o.output, body); !why.empty()) {
-        std::fprintf(stderr, "nimbkit: cannot write %s: %s\n", escapeForDisplay(o.output).c_str(),
-                     why.c_str());
+        diagnose("nimbkit: cannot write %s: %s\n", escapeForDisplay(o.output).c_str(), why.c_str());
         exitCode = kNotFound;
       }
     } else if (::isatty(STDOUT_FILENO) == 1 &&
                std::find(body.begin(), body.end(), 0) != body.end()) {
       // A picture's bytes would garble the terminal, as curl also holds.
-      std::fprintf(stderr,
-                   "nimbkit: not writing %zu bytes of binary data to a terminal; use -o FILE or "
-                   "redirect standard output\n",
-                   body.size());
+      diagnose(
+          "nimbkit: not writing %zu bytes of binary data to a terminal; use -o FILE or "
+          "redirect standard output\n",
+          body.size());
       exitCode = kNotFound;
     } else if (!writeStandardOutput(body) || !flushStandardOutput()) {
       exitCode = kNotFound;  // main reports the write error
     }
   };
   delegate->imageLoadConnection = [&](nimb::VQImageLoadConnection&, const nimb::Error& e) {
-    std::fprintf(stderr, "\nnimbkit: %s (%s %ld)\n", failureText(e).c_str(), e.domain.c_str(),
-                 e.code);
+    std::fputc('\n', stderr);  // ends the progress line
+    diagnose("nimbkit: %s (%s %ld)\n", failureText(e).c_str(), e.domain.c_str(), e.code);
     exitCode = kNotFound;
     done = true;
   };

@@ -13,6 +13,7 @@
 #include <NimbFoundation/Encode/VQStringEncoding.h>
 
 #include "Command.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -71,7 +72,7 @@ int run(const EncodeOptions& o) {
   if (!input.empty() && input.back() == '\r') input.pop_back();
   auto bytes = encoder->decode(input);
   if (!bytes) {
-    std::fprintf(stderr, "nimbkit: the input is not valid text for this encoding\n");
+    diagnose("nimbkit: the input is not valid text for this encoding\n");
     return kNotFound;
   }
   std::fwrite(bytes->data(), 1, bytes->size(), stdout);

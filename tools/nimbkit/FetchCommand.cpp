@@ -22,6 +22,7 @@
 #include "Command.h"
 #include "DisplayText.h"
 #include "ImageFetch.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -65,8 +66,8 @@ bool finishWithSheet(const std::vector<FetchResult>& results, const FetchSetting
   if (why.empty()) {
     std::printf("\nContact sheet: %s\n", absolute(sheet).c_str());
   } else {
-    std::fprintf(stderr, "nimbkit: cannot write the contact sheet to %s: %s\n",
-                 escapeForDisplay(sheet).c_str(), why.c_str());
+    diagnose("nimbkit: cannot write the contact sheet to %s: %s\n", escapeForDisplay(sheet).c_str(),
+             why.c_str());
   }
   return why.empty();
 }

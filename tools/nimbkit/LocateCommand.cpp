@@ -12,6 +12,7 @@
 #include <NimbFoundation/Platform/Env/FileManager.h>
 
 #include "Command.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -64,12 +65,11 @@ int locate(const LocateOptions& options) {
   auto updates = manager.locationManager();
   if (!updates->isUpdating()) {
     if (!LocationManager::userSwitchAllowsLocation()) {
-      std::fprintf(
-          stderr, "nimbkit locate: location services are turned off in %s\n",
-          (nimb::FileManager::configDirectory() + "/NimbFoundation/Location.plist").c_str());
+      diagnose("nimbkit locate: location services are turned off in %s\n",
+               (nimb::FileManager::configDirectory() + "/NimbFoundation/Location.plist").c_str());
     } else {
-      std::fprintf(stderr, "nimbkit locate: no location source answers (%s)\n",
-                   options.source.empty() ? "tried geoclue and gpsd" : options.source.c_str());
+      diagnose("nimbkit locate: no location source answers (%s)\n",
+               options.source.empty() ? "tried geoclue and gpsd" : options.source.c_str());
     }
     return kNotFound;
   }
@@ -79,7 +79,7 @@ int locate(const LocateOptions& options) {
   options.seconds > 0 ? RunLoop::main().runFor(options.seconds) : RunLoop::main().run();
   manager.stopLocationUpdate();
   if (fixes == 0) {
-    std::fprintf(stderr, "nimbkit locate: no position within %g s\n", options.seconds);
+    diagnose("nimbkit locate: no position within %g s\n", options.seconds);
     return kNotFound;
   }
   return kOk;

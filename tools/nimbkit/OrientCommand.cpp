@@ -37,8 +37,8 @@ const char* orientationName(nimb::ImageOrientation o) {
 int orient(const OrientOptions& o) {
   auto image = nimb::Image::withContentsOfFile(o.input);
   if (!image) {
-    std::fprintf(stderr, "nimbkit: %s: missing, unreadable or not a picture\n",
-                 escapeForDisplay(o.input).c_str());
+    diagnose("nimbkit: %s: missing, unreadable or not a picture\n",
+             escapeForDisplay(o.input).c_str());
     return kNotFound;
   }
   auto upright = nimb::NimbKit::fixOrientation(image);
@@ -51,8 +51,7 @@ int orient(const OrientOptions& o) {
   auto png = upright ? upright->pngRepresentation() : std::nullopt;
   const std::string why = png ? writeUserFile(o.output, *png) : "cannot encode it as PNG";
   if (!why.empty()) {
-    std::fprintf(stderr, "nimbkit: cannot write %s: %s\n", escapeForDisplay(o.output).c_str(),
-                 why.c_str());
+    diagnose("nimbkit: cannot write %s: %s\n", escapeForDisplay(o.output).c_str(), why.c_str());
     return kNotFound;
   }
   return kOk;

@@ -5,13 +5,18 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <random>
 
+#include <NimbFoundation/Platform/Env/Log.h>
+
 namespace nimbkit {
 
 namespace {
+
+constexpr std::string_view kToolSubsystem = "nimbkit";
 
 // The first write error on standard output (an errno value), or 0.
 int firstOutputError = 0;
@@ -66,6 +71,30 @@ bool flushStandardOutput() {
   return true;
 }
 
+void installDiagnosticSink() {
+  nimb::setLogSink([](nimb::LogLevel, std::string_view subsystem, std::string_view message) {
+    std::string line = subsystem == kToolSubsystem
+                           ? std::string(message)
+                           : "nimbkit: " + std::string(subsystem) + ": " + std::string(message);
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), stderr);
+  });
+}
+
+void diagnose(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, arguments);
+  va_end(arguments);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, again);
+  va_end(again);
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  nimb::logMessage(nimb::LogLevel::kError, kToolSubsystem, text);
+}
+
 int finishStandardStreams(int status) {
   if (std::ferror(stdout)) noteOutputError(EIO);
   // Standard output closed before the start is no error unless something
@@ -73,7 +102,7 @@ int finishStandardStreams(int status) {
   const bool pending = __fpending(stdout) > 0;
   if (std::fclose(stdout) != 0 && (pending || errno != EBADF)) noteOutputError(errno);
   if (outputFailed) {
-    std::fprintf(stderr, "nimbkit: write error: %s\n", std::strerror(firstOutputError));
+    diagnose("nimbkit: write error: %s", std::strerror(firstOutputError));
   }
   const bool errorFailed = std::fflush(stderr) != 0 || std::ferror(stderr);
   return (outputFailed || errorFailed) && status == 0 ? 1 : status;

@@ -13,7 +13,14 @@
 // redirection, through a temporary file next to the target and a rename,
 // so a reader never sees half a file and a failure leaves the old one.
 //
-// Main thread only.
+// Diagnostics: the tool's own error lines and the kit's diagnostics both go
+// through the kit's log sink (NimbFoundation/Platform/Env/Log.h), which
+// main sets with installDiagnosticSink(): every line lands on standard
+// error, so the kit's messages never mix into what a command prints on
+// standard output.
+//
+// Main thread only, apart from the sink, which the kit may call from any
+// thread.
 #pragma once
 
 #include <cstdint>
@@ -34,6 +41,14 @@ bool flushStandardOutput();
 // `status`, or 1 in place of 0 when any write to either failed, after
 // printing "nimbkit: write error: <reason>" for standard output.
 int finishStandardStreams(int status);
+
+// Sets the sink that writes diagnostics on standard error: the tool's own
+// lines as they are, the kit's as "nimbkit: <subsystem>: <message>".
+void installDiagnosticSink();
+
+// Reports one of the tool's own failures, printf-style, through the sink
+// (subsystem "nimbkit"); a final newline in `format` is dropped.
+void diagnose(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Writes `bytes` to `path` as described above. Returns "" on success, else
 // the reason (strerror text). A symbolic link at `path` is replaced, not

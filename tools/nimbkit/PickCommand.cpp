@@ -11,6 +11,7 @@
 
 #include "Command.h"
 #include "DisplayText.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -23,8 +24,7 @@ using nimb::RunLoop;
 
 int pick() {
   if (!ImagePickerController::isSourceTypeAvailable(nimb::ImagePickerSourceType::kPhotoLibrary)) {
-    std::fprintf(stderr,
-                 "nimbkit pick: no desktop portal with a file chooser on the session bus\n");
+    diagnose("nimbkit pick: no desktop portal with a file chooser on the session bus\n");
     return kNotFound;
   }
   NimbKit& kit = NimbKit::sharedInstance();
@@ -35,7 +35,7 @@ int pick() {
   // A pick calls the completion; a cancel only ends the dialog.
   while (!picked && picker && picker->isPresented()) RunLoop::main().runOnce(0.1);
   if (!picked) {
-    std::fprintf(stderr, "nimbkit pick: cancelled\n");
+    diagnose("nimbkit pick: cancelled\n");
     return kNotFound;
   }
   std::printf("url: %s\n",

@@ -8,6 +8,7 @@
 #include <NimbFoundation/Utils/VQUtils.h>
 
 #include "Command.h"
+#include "Output.h"
 
 namespace nimbkit {
 
@@ -65,7 +66,7 @@ void addUtilsCommands(CLI::App& app, Action& selected) {
                  [](const std::string& text) {
                    auto decoded = VQUtils::urlDecode(text);
                    if (!decoded) {
-                     std::fprintf(stderr, "nimbkit: the escapes do not decode to UTF-8 text\n");
+                     diagnose("nimbkit: the escapes do not decode to UTF-8 text\n");
                      return kNotFound;
                    }
                    printLine(*decoded);
@@ -76,7 +77,7 @@ void addUtilsCommands(CLI::App& app, Action& selected) {
                  [](const std::string& text) {
                    auto pairs = VQUtils::dictionaryWithQueryString(text);
                    if (!pairs) {
-                     std::fprintf(stderr, "nimbkit: the escapes do not decode to UTF-8 text\n");
+                     diagnose("nimbkit: the escapes do not decode to UTF-8 text\n");
                      return kNotFound;
                    }
                    for (const auto& [key, value] : *pairs) {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include <NimbFoundation/Utils/VQUtils.h>
+#include <NimbFoundation/Version.h>
 
 #include "Command.h"
 #include "DisplayText.h"
@@ -64,9 +64,10 @@ std::vector<std::string> argumentsOf(int argc, char** argv) {
 }
 
 int run(int argc, char** argv) {
+  nimbkit::installDiagnosticSink();
   CLI::App app{"nimbkit: see NimbFoundation's services work, and script them", "nimbkit"};
   app.require_subcommand(1);
-  app.set_version_flag("--version", "nimbkit " + nimb::VQUtils::utilsVersion(),
+  app.set_version_flag("--version", "nimbkit " NIMBFOUNDATION_VERSION_STRING,
                        "Print the version and exit");
   nimbkit::Action selected;
   nimbkit::addCacheCommand(app, selected);
@@ -83,8 +84,8 @@ int run(int argc, char** argv) {
 
   std::vector<std::string> args = argumentsOf(argc, argv);
   if (auto unknown = unknownSubcommand(app, args)) {
-    std::fprintf(stderr, "nimbkit: unknown command '%s'\nTry '%s --help' for more information.\n",
-                 unknown->words.c_str(), unknown->parent.c_str());
+    nimbkit::diagnose("nimbkit: unknown command '%s'\nTry '%s --help' for more information.\n",
+                      unknown->words.c_str(), unknown->parent.c_str());
     return nimbkit::kUsage;
   }
   try {
@@ -93,16 +94,16 @@ int run(int argc, char** argv) {
   } catch (const CLI::Success& e) {
     return app.exit(e);  // --help, --version
   } catch (const CLI::ParseError& e) {
-    std::fprintf(stderr, "nimbkit: %s\n", oneLine(e.what()).c_str());
+    nimbkit::diagnose("nimbkit: %s\n", oneLine(e.what()).c_str());
     return nimbkit::kUsage;
   }
   try {
     return selected ? selected() : nimbkit::kUsage;
   } catch (const nimbkit::UsageError& e) {
-    std::fprintf(stderr, "nimbkit: %s\n", oneLine(e.what()).c_str());
+    nimbkit::diagnose("nimbkit: %s\n", oneLine(e.what()).c_str());
     return nimbkit::kUsage;
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "nimbkit: %s\n", oneLine(e.what()).c_str());
+    nimbkit::diagnose("nimbkit: %s\n", oneLine(e.what()).c_str());
     return nimbkit::kNotFound;
   }
 }
