@@ -104,7 +104,7 @@ TEST(Graphics, DrawnImagesFillTheirRectangleToTheEdges) {
   for (int y : {20, 80}) EXPECT_EQ(pixel(out, 30, y), (Pixel{})) << y;
 }
 
-TEST(Graphics, StraightAlphaSurvivesARoundTrip) {
+TEST(Graphics, StraightAlphaSurvivesARoundTripAndImagesComposite) {
   const Pixel in[] = {{255, 0, 0, 128},     {200, 100, 50, 128}, {17, 250, 3, 255},
                       {201, 201, 201, 100}, {128, 128, 128, 2},  {255, 255, 255, 0}};
   // 201 at alpha 100 premultiplies to 78.8, which must round up to come back near. 128 at alpha 2
@@ -116,19 +116,18 @@ TEST(Graphics, StraightAlphaSurvivesARoundTrip) {
   context.drawImage(*image, {0, 0, 6, 1});
   const Bitmap back = context.image()->bitmap();
   for (int x = 0; x < 6; ++x) EXPECT_LE(farthest(pixel(back, x, 0), out[x]), x < 4 ? 1 : 0) << x;
-}
 
-TEST(Graphics, ImagesCompositeOverEachOtherAndSnapshotsStayPut) {
-  // A (60x20: half-transparent red, then green) over B (40x30 blue), each at its own size.
+  // Images composite over each other, and snapshots stay put: A (60x20: half-transparent red, then
+  // green) over B (40x30 blue), each at its own size.
   auto b = Image::withBitmap(filled(40, 30, [](int, int) { return kBlue; }));
   auto a = Image::withBitmap(filled(60, 20, [](int x, int) {
     return x < 30 ? Pixel{255, 0, 0, 128} : kGreen;
   }));
-  ImageContext context(b->size(), false, 1);
-  context.drawImage(*b, {{0, 0}, b->size()});
-  auto before = context.image();
-  context.drawImage(*a, {{0, 0}, a->size()});
-  auto sum = context.image();
+  ImageContext canvas(b->size(), false, 1);
+  canvas.drawImage(*b, {{0, 0}, b->size()});
+  auto before = canvas.image();
+  canvas.drawImage(*a, {{0, 0}, a->size()});
+  auto sum = canvas.image();
   ASSERT_EQ(sum->size(), (Size{40, 30}));
   EXPECT_LE(farthest(pixel(sum->bitmap(), 10, 10), {128, 0, 127, 255}), 1) << "blend";
   EXPECT_EQ(pixel(sum->bitmap(), 35, 10), kGreen);

@@ -160,7 +160,7 @@ Data withApp1(Data jpeg, const Data& payload) {
   return jpeg;
 }
 
-TEST(ImageJpeg, DecodesColoursAndExifOrientationInBothByteOrders) {
+TEST(ImageJpeg, ExifOrientationInBothByteOrdersAndMalformedExifMeansUp) {
   for (auto [little, value, want] : {std::tuple{true, 6u, O::Right}, {false, 8u, O::Left}}) {
     auto image = Image::withData(withApp1(redBlue(), exif(little, value)));
     ASSERT_TRUE(image);
@@ -170,12 +170,10 @@ TEST(ImageJpeg, DecodesColoursAndExifOrientationInBothByteOrders) {
     EXPECT_LE(test::farthest(pixel(image->bitmap(), 4, 8), test::kRed), 10);
     EXPECT_LE(test::farthest(pixel(image->bitmap(), 27, 8), test::kBlue), 10);
   }
-}
-
-TEST(ImageJpeg, MalformedExifMeansUpAndStillDecodes) {
-  // {byte, new value, bytes kept}: IFD0 offset, entry count (entry cut), byte order, magic,
-  // value, tag, type, cuts, a count of 0xFF000001 values, an IFD0 offset near 2 GiB. The
-  // comment after would read as 6 past the segment's end.
+  // Malformed EXIF means Up, and the picture still decodes. {byte, new value, bytes kept}: IFD0
+  // offset, entry count (entry cut), byte order, magic, value, tag, type, cuts, a count of
+  // 0xFF000001 values, an IFD0 offset near 2 GiB. The comment after would read as 6 past the
+  // segment's end.
   const std::size_t cases[][3] = {{10, 0xF0, 32}, {15, 0xFF, 22}, {6, 'X', 32},   {8, 43, 32},
                                   {24, 9, 32},    {24, 0, 32},    {16, 0x13, 32}, {18, 2, 32},
                                   {6, 'I', 7},    {6, 'I', 20},   {23, 0xFF, 32}, {13, 0x7F, 32}};
@@ -244,7 +242,7 @@ TEST(ImageCodecs, EachFormatRoundTrips) {
     ASSERT_EQ(dark->bitmap().rgba[i], i % 4 == 3 ? 255 : 0) << i;
 }
 
-TEST(ImageGif, ColoursBecomeTheirNearestPaletteEntryAndFaintPixelsTransparent) {
+TEST(ImageGif, NearestPaletteColoursFaintPixelsTransparentAndInterlacedFrames) {
   Bitmap bm = pattern(37, 23);
   auto back = Image::withData(*Image::withBitmap(bm)->gifRepresentation());
   ASSERT_TRUE(back);
@@ -264,10 +262,9 @@ TEST(ImageGif, ColoursBecomeTheirNearestPaletteEntryAndFaintPixelsTransparent) {
       EXPECT_EQ(std::abs(got[i + c] - bm.rgba[i + c]), nearest) << i / 4 << " " << c;
     }
   }
-}
 
-TEST(ImageGif, InterlacedFrameAtAnOffsetOnATransparentCanvas) {
-  // A 6x10 frame, each row one palette colour, its last column transparent.
+  // An interlaced frame at an offset on a transparent canvas: a 6x10 frame, each row one palette
+  // colour, its last column transparent.
   const Bitmap frame = filled(6, 10, [](int x, int k) {
     return Pixel{kRedBlueLevels[k % 6], kGreenLevels[k * 3 % 7], kRedBlueLevels[(k + 2) % 6],
                  x == 5 ? 0 : 255};
@@ -302,7 +299,7 @@ TEST(ImageWebP, AnimationShowsItsFirstFrameAtItsOffset) {
   EXPECT_EQ(image->bitmap().rgba, want);
 }
 
-TEST(ImageRefusal, GarbageTruncatedAndCorruptBytes) {
+TEST(ImageRefusal, GarbageTruncatedAndCorruptBytesCorruptBodiesKeepTheSize) {
   for (const Data& junk : {Data(100, 0xAB), Data{0xFF, 0xD8, 0xFF, 0xD9}, Data{'G', 'I', 'F'},
                            Data{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'E', 'B', 'P'}})
     EXPECT_FALSE(Image::withData(junk));
@@ -329,18 +326,17 @@ TEST(ImageRefusal, GarbageTruncatedAndCorruptBytes) {
   auto stray = Image::withData(jpeg);
   ASSERT_TRUE(stray);
   EXPECT_LE(test::farthest(pixel(stray->bitmap(), 27, 8), test::kBlue), 10);  // still blue
-}
 
-TEST(ImageRefusal, CorruptBodyKeepsTheSizeWithTransparentPixels) {
+  // A corrupt body keeps the size, with transparent pixels.
   const Bitmap bm = pattern(160, 120);  // 76.8 kB: its buffers are recycled
-  Data png = pngOf(bm);
+  png = pngOf(bm);
   png[png.size() - 20] ^= 0x55;  // inside IDAT: the checksum no longer matches
   Data gif = *Image::withBitmap(bm)->gifRepresentation();
   gif.resize(gif.size() * 3 / 4);
   Data webp = *Image::withBitmap(bm)->webpRepresentation(100);
   webp.resize(webp.size() * 3 / 4);
   // A progressive JPEG whose second scan asks for an impossible band: a fatal error.
-  Data jpeg = turboJpeg(bm, TJSAMP_420, 80, TJFLAG_PROGRESSIVE);
+  jpeg = turboJpeg(bm, TJSAMP_420, 80, TJFLAG_PROGRESSIVE);
   const Data sos = {0xFF, 0xDA};
   auto first = std::search(jpeg.begin(), jpeg.end(), sos.begin(), sos.end());
   auto second = std::search(first + 2, jpeg.end(), sos.begin(), sos.end());

@@ -197,7 +197,7 @@ TEST(Layout, FramesComeFromTheSolutionAndFollowEdits) {
   EXPECT_EQ(mark->frame(), Rect(10, 10, 5, 0));
 }
 
-TEST(Layout, IntrinsicSizeHeldByHuggingAndCompressionResistance) {
+TEST(Layout, IntrinsicSizeHuggingCompressionResistanceAndContradictions) {
   auto root = make({0, 0, 300, 300}, false);
   auto image = std::make_shared<ImageView>(
       Image::withBitmap({80, 60, Data(80 * 60 * 4, 0xff)}, 2));  // 40 x 30 points
@@ -222,10 +222,9 @@ TEST(Layout, IntrinsicSizeHeldByHuggingAndCompressionResistance) {
   image->setImage(Image::withBitmap({20, 20, Data(20 * 20 * 4, 0xff)}, 1));
   root->layoutIfNeeded();
   EXPECT_EQ(image->frame().size, Size(20, 10));
-}
 
-TEST(Layout, ContradictionsLeaveOutTheLastMadeAndAreLoggedOnce) {
-  auto root = make({0, 0, 100, 100}, false), view = make();
+  // Contradictions leave out the last made and are logged once.
+  auto view = make();
   root->addSubview(view);
   pin(root, view, A::Left, root);
   pin(root, view, A::Top, root);
@@ -265,7 +264,7 @@ TEST(Layout, ContradictionsLeaveOutTheLastMadeAndAreLoggedOnce) {
   EXPECT_EQ(other->frame(), Rect(0, 0, 20, 5));
 }
 
-TEST(Layout, DeepSubtreesOfFixedFramesCostTheSolverNothing) {
+TEST(Layout, FittingSizesAndDeepSubtreesOfFixedFramesThatCostTheSolverNothing) {
   // 10,000 levels of views keeping their frames under a view placed by
   // constraints: laid out and measured at once, without room in the solver
   // for every level. The box is as wide as five of its first level.
@@ -288,9 +287,8 @@ TEST(Layout, DeepSubtreesOfFixedFramesCostTheSolverNothing) {
   EXPECT_EQ(box->frame(), Rect(5, 6, 50, 40));
   EXPECT_EQ(leaf->frame(), Rect(1, 1, 10, 10));
   EXPECT_EQ(box->systemLayoutSizeFittingSize(LayoutFittingExpandedSize), Size(50, 40));
-}
 
-TEST(Layout, FittingSizesFromTheSubtree) {
+  // Fitting sizes come from the subtree; measuring moves nothing.
   auto cell = make({0, 0, 999, 999}, false);
   auto thumb = make(), title = make();
   cell->addSubview(thumb);
@@ -311,5 +309,5 @@ TEST(Layout, FittingSizesFromTheSubtree) {
   EXPECT_EQ(cell->systemLayoutSizeFittingSize(LayoutFittingExpandedSize),
             Size(500, LayoutFittingExpandedSize.height));
   EXPECT_EQ(cell->systemLayoutSizeFittingSize({200, 10}), Size(200, 56));
-  EXPECT_EQ(cell->frame(), Rect(0, 0, 999, 999));  // measuring moves nothing
+  EXPECT_EQ(cell->frame(), Rect(0, 0, 999, 999));
 }

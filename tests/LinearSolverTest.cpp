@@ -15,13 +15,8 @@
 
 #include "TestSupport.h"
 
-using nimb::LinearSolver;
-using nimb::SolverConstraint;
-using nimb::SolverExpression;
-using nimb::SolverRelation;
-using nimb::SolverStatus;
-using nimb::SolverVariable;
-namespace Strength = nimb::SolverStrength;
+using namespace nimb;
+namespace Strength = SolverStrength;
 
 namespace {
 
@@ -42,7 +37,7 @@ void addAll(LinearSolver& solver, std::initializer_list<SolverConstraint> constr
   for (const auto& c : constraints) EXPECT_EQ(solver.addConstraint(c), SolverStatus::Ok);
 }
 
-TEST(LinearSolver, RequiredConstraintsAndWeightedPreferences) {
+TEST(LinearSolver, RequiredConstraintsWeightedPreferencesAndEditVariables) {
   LinearSolver solver;
   SolverVariable x("x"), y("y");
   // x + y = 100, x >= 30, y <= 90; x prefers 10 (weak), y prefers 20 (strong).
@@ -78,10 +73,9 @@ TEST(LinearSolver, RequiredConstraintsAndWeightedPreferences) {
   EXPECT_DOUBLE_EQ(w.value(), 10);
   EXPECT_DOUBLE_EQ(z.value(), 10);
   EXPECT_EQ(solver.constraintCount(), 8u);
-}
 
-TEST(LinearSolver, EditVariablesFollowSuggestions) {
-  LinearSolver solver;
+  // Edit variables follow suggestions.
+  solver.reset();
   SolverVariable left("left"), width("width"), right("right");
   addAll(solver, {SolverConstraint(SolverExpression{{{left, 1}, {width, 1}, {right, -1}}, 0}, EQ),
                   make(1, width, -10, GE), make(1, width, -50, EQ, Strength::weak)});
@@ -167,13 +161,11 @@ TEST(LinearSolver, SetConstantMatchesRemoveAndAddAndRejectsContradictions) {
   // Boxes a, b, c in a row with gaps; b's gap is changed both ways.
   auto build = [](LinearSolver& solver, std::vector<SolverVariable>& v, double gap) {
     v = {SolverVariable("a"), SolverVariable("b"), SolverVariable("c")};
-    solver.addConstraint(make(1, v[0], 0, EQ));
-    solver.addConstraint(make(1, v[2], -100, LE));
-    solver.addConstraint(make(1, v[1], -1, v[2], 20, LE, Strength::strong));
-    solver.addConstraint(make(1, v[2], -95, EQ, Strength::medium));
     auto gapB = make(1, v[1], -1, v[0], -gap, GE);
-    solver.addConstraint(gapB);
-    solver.addConstraint(make(1, v[1], -30, EQ, Strength::weak));
+    addAll(solver, {make(1, v[0], 0, EQ), make(1, v[2], -100, LE),
+                    make(1, v[1], -1, v[2], 20, LE, Strength::strong),
+                    make(1, v[2], -95, EQ, Strength::medium), gapB,
+                    make(1, v[1], -30, EQ, Strength::weak)});
     return gapB;
   };
   LinearSolver edited, rebuilt;
@@ -236,16 +228,12 @@ TEST(LinearSolver, AgreesWithKiwisolverOnRandomSystems) {
   std::vector<SolverVariable> xs;
   std::map<int, SolverConstraint> held;
   auto relation = [](const std::string& r) { return r == "le" ? LE : r == "ge" ? GE : EQ; };
-  auto readExpression = [&](std::istream& in) {
+  auto readExpression = [&](std::istream& in) {  // constant, term count, {variable, coefficient}
     SolverExpression e;
-    size_t k;
-    in >> e.constant >> k;
-    for (size_t i = 0; i < k; ++i) {
-      int v;
-      double c;
-      in >> v >> c;
-      e.terms.push_back({xs.at(v), c});
-    }
+    size_t k = 0;
+    int v;
+    double c;
+    for (in >> e.constant >> k; k > 0 && in >> v >> c; --k) e.terms.push_back({xs.at(v), c});
     return e;
   };
   while (std::getline(lines, line)) {
@@ -277,17 +265,13 @@ TEST(LinearSolver, AgreesWithKiwisolverOnRandomSystems) {
       in >> id;
       ASSERT_EQ(solver->removeConstraint(held.at(id)), SolverStatus::Ok);
       held.erase(id);
-    } else if (op == "const") {
-      int id;
-      double constant;
-      in >> id >> constant;
-      ASSERT_EQ(solver->setConstant(held.at(id), constant), SolverStatus::Ok);
-    } else if (op == "edit" || op == "suggest") {
-      int v;
+    } else if (op == "const" || op == "edit" || op == "suggest") {
+      int i;  // a constraint's id, or a variable's index
       double number;
-      in >> v >> number;
-      ASSERT_EQ(op == "edit" ? solver->addEditVariable(xs.at(v), number)
-                             : solver->suggestValue(xs.at(v), number),
+      in >> i >> number;
+      ASSERT_EQ(op == "const"  ? solver->setConstant(held.at(i), number)
+                : op == "edit" ? solver->addEditVariable(xs.at(i), number)
+                               : solver->suggestValue(xs.at(i), number),
                 SolverStatus::Ok);
     } else if (op == "expect") {
       ++checks;

@@ -16,7 +16,7 @@
 using nimb::test::runNimbkit;
 using nimb::test::startNimbkit;
 
-TEST(NimbkitCache, StoreCopyReadListAndRemove) {
+TEST(NimbkitCache, StoreCopyReadListRemoveAndUsageErrors) {
   const nimb::test::ScopedHome home;  // a cache of its own
   auto path = runNimbkit({"cache", "path"});
   EXPECT_EQ(path.exitCode, 0);
@@ -65,13 +65,9 @@ TEST(NimbkitCache, StoreCopyReadListAndRemove) {
   EXPECT_EQ(runNimbkit({"cache", "remove", "greeting"}).exitCode, 0);
   EXPECT_EQ(runNimbkit({"cache", "has", "greeting"}).exitCode, 1);
   EXPECT_EQ(runNimbkit({"cache", "clear"}).exitCode, 0);
-  EXPECT_EQ(runNimbkit({"cache", "list"}).out, "");
-}
 
-// Usage errors exit 2 with one line on standard error that names the fault
-// (a whole line: exactly that), and store nothing.
-TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
-  const nimb::test::ScopedHome home;  // a cache of its own
+  // Usage errors exit 2 with one line on standard error that names the fault
+  // (a whole line: exactly that), and store nothing.
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"cache", "set", "VQCache.plist"}, "index file"},
       {{"cache", "set", "a/b"}, "cannot be a cache key"},
@@ -93,7 +89,7 @@ TEST(NimbkitCache, UsageErrorsExitTwoWithOneLine) {
       EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
     }
   }
-  EXPECT_EQ(runNimbkit({"cache", "list"}).out, "");  // nothing was stored
+  EXPECT_EQ(runNimbkit({"cache", "list"}).out, "");  // cleared, and nothing stored since
 }
 
 // Many processes setting at once: each saves its own entry onto the index

@@ -18,8 +18,8 @@
 using nimb::test::runNimbkit;
 
 // The library's tokens are checked against the openssl command (VQUtilsAES);
-// the tool hands them out unchanged.
-TEST(NimbkitUtils, AesGivesTheLibraryTokenForSecretsOfSixteenToThirtyTwoCharacters) {
+// the tool hands them out unchanged, for secrets of 16 to 32 characters.
+TEST(NimbkitUtils, AesDigestsEscapesAndQueryStrings) {
   const std::string text = "user=42&token=é";
   for (const std::string secret : {"0123456789abcdef", "exactly thirty-two characters ok"}) {
     auto ours = runNimbkit({"aes", "--secret", secret, text});
@@ -29,9 +29,7 @@ TEST(NimbkitUtils, AesGivesTheLibraryTokenForSecretsOfSixteenToThirtyTwoCharacte
   auto refused = runNimbkit({"aes", "--secret", "too short", "text"});
   EXPECT_EQ(refused.exitCode, 2);
   EXPECT_NE(refused.err.find("secret"), std::string::npos);
-}
 
-TEST(NimbkitUtils, EscapesDigestsAndQueryStrings) {
   EXPECT_EQ(runNimbkit({"md5", ""}).out, "D41D8CD98F00B204E9800998ECF8427E\n");
   EXPECT_EQ(runNimbkit({"url-encode", "a b/é"}).out, "a%20b%2F%C3%A9\n");
   EXPECT_EQ(runNimbkit({"url-decode", "a%20b+%C3%A9"}).out, "a b+é\n");
@@ -102,7 +100,7 @@ TEST(NimbkitCommandLine, UsageVersionAndUnknownCommands) {
 
 // Output that cannot be written is a failure, as coreutils have it: exit 1
 // and the reason, whether the bytes went to standard output or to a file.
-TEST(NimbkitCommandLine, WriteErrorsExitOne) {
+TEST(NimbkitCommandLine, WriteErrorsExitOneAndOutputFilesHonourTheUmask) {
   const nimb::test::ScopedHome home;  // a cache of its own
   HttpTestServer server;
   server.servePictures(nimb::test::pngBody(nimb::Image::withBitmap({8, 8, nimb::Data(256, 0x80)})));
@@ -123,25 +121,19 @@ TEST(NimbkitCommandLine, WriteErrorsExitOne) {
   EXPECT_NE(sheet.err.find("cannot write the contact sheet to /proc/nope/contact-sheet.png: "),
             std::string::npos)
       << sheet.err;
-}
 
-// Files written for the user get 0666 less the umask, as a shell's
-// redirection does, and replace a link at their path instead of writing
-// through it.
-TEST(NimbkitCommandLine, OutputFilesHonourTheUmask) {
-  const nimb::test::ScopedHome home;  // a cache of its own
-  HttpTestServer server;
-  server.servePictures(nimb::test::pngBody(nimb::Image::withBitmap({8, 8, nimb::Data(256, 0x80)})));
-  server.start();
+  // Files written for the user get 0666 less the umask, as a shell's
+  // redirection does, and replace a link at their path instead of writing
+  // through it.
   const std::string dir = home.root();
-  const std::vector<std::string> commands[] = {
+  const std::vector<std::string> writers[] = {
       {"color", "20C040", "--out", dir + "/swatch.png"},
       {"orient", dir + "/swatch.png", "--out", dir + "/upright.png"},
       {"download", server.url("/d.png"), "-o", dir + "/download.png"},
       {"fetch", server.url("/f.png"), "--out", dir + "/fetch"},
       {"layout", NIMB_EXAMPLES_DIR "/layout/profile-card.json", "--out", dir + "/layout"},
   };
-  for (const auto& args : commands) {
+  for (const auto& args : writers) {
     auto r = runNimbkitAfter("umask 027", args);
     EXPECT_EQ(r.exitCode, 0) << args[0] << ": " << r.err;
   }

@@ -64,7 +64,7 @@ TEST(Runtime, SelectorsAreInternedAcrossThreads) {
   for (Selector s : seen) EXPECT_EQ(s, seen[0]);
 }
 
-TEST(Runtime, ClassesHaveMetaclassesAndUniqueNames) {
+TEST(Runtime, ClassesHaveMetaclassesUniqueNamesAndInheritedMethodTables) {
   Zoo zoo("Reg");
   EXPECT_EQ(objc_getClass("RegDog"), zoo.dog);
   EXPECT_EQ(class_getSuperclass(zoo.dog), zoo.animal);
@@ -85,10 +85,7 @@ TEST(Runtime, ClassesHaveMetaclassesAndUniqueNames) {
   EXPECT_FALSE(object_isKindOfClass(&rex, View::classObject()));
   EXPECT_EQ(rex.description().rfind("<RegDog: 0x", 0), 0u);
   EXPECT_EQ(zoo.dog->description(), "RegDog");
-}
 
-TEST(Runtime, MethodTablesFollowInheritanceAndRefuseBadChanges) {
-  Zoo zoo("Tab");
   Method* inherited = class_getInstanceMethod(zoo.dog, sel("speak"));
   ASSERT_NE(inherited, nullptr);
   EXPECT_EQ(inherited, class_getInstanceMethod(zoo.animal, sel("speak")));
@@ -101,7 +98,7 @@ TEST(Runtime, MethodTablesFollowInheritanceAndRefuseBadChanges) {
   EXPECT_FALSE(class_addMethod(zoo.dog, sel("speak"), bark, "v@:"));  // wrong types
   EXPECT_FALSE(class_addMethod(zoo.dog, sel("speak"), IMP()));
   EXPECT_TRUE(class_addMethod(zoo.dog, sel("speak"), bark, "{string}@:"));  // only inherited
-  Pet rex(zoo.dog), generic(zoo.animal);
+  Pet generic(zoo.animal);
   EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "bark");
   EXPECT_EQ(msgSend<std::string>(&generic, sel("speak")), "animal");
 
@@ -124,16 +121,6 @@ TEST(Runtime, CachedLookupsSeeChangesToSuperclasses) {
       zoo.animal, sel("sit"), +[](Object*, Selector) {});
   EXPECT_EQ(msgSend<std::string>(&rex, sel("speak")), "changed");
   EXPECT_TRUE(class_respondsToSelector(zoo.dog, sel("sit")));
-  // Many selectors grow the cache past its first size.
-  for (int i = 0; i < 40; ++i) {
-    class_addMethod(
-        zoo.animal, sel("n" + std::to_string(i)),
-        +[](Object*, Selector s) { return static_cast<int>(s.index()); });
-  }
-  for (int i = 0; i < 40; ++i) {
-    Selector s = sel("n" + std::to_string(i));
-    EXPECT_EQ(msgSend<int>(&rex, s), static_cast<int>(s.index()));
-  }
   EXPECT_EQ(msgSend<std::string>(static_cast<Object*>(nullptr), sel("speak")), "");
 }
 
@@ -164,6 +151,7 @@ TEST(Runtime, DispatchRefusesAnotherSignature) {
   ASSERT_NE(speak.as<std::string>(), nullptr);
 }
 
+// 64 selectors also grow Dog's cache past its first size while it is read.
 TEST(Runtime, ConcurrentSendsWhileClassesRegister) {
   Zoo zoo("Race");
   for (int i = 0; i < 64; ++i) {
@@ -284,7 +272,7 @@ std::string shoutingMd5(Object* self, Selector, std::optional<std::string> text)
   return digest;
 }
 
-TEST(NimbKitRuntime, KitClassMethodsAreSentThroughTheRuntime) {
+TEST(NimbKitRuntime, KitClassMethodsAndSharedInstanceGoThroughTheRuntime) {
   Class* kit = NimbKit::classObject();
   class_addMethod(object_getClass(kit), sel("xx_md5:"), &shoutingMd5);
   ASSERT_TRUE(NimbKit::swizzleClassMethod(kit, sel("md5:"), sel("xx_md5:")));
@@ -298,9 +286,7 @@ TEST(NimbKitRuntime, KitClassMethodsAreSentThroughTheRuntime) {
         "swizzleInstanceMethod:originalSelector:swizzledSelector:"}) {
     EXPECT_NE(class_getClassMethod(kit, sel(name)), nullptr) << name;
   }
-}
-
-TEST(NimbKitRuntime, SharedInstanceIsOneObjectOfClassNimbKit) {
+  // The shared instance is one object of class NimbKit, from any thread.
   std::vector<NimbKit*> seen(8);
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t)

@@ -21,6 +21,7 @@
 #include <thread>
 #include <tuple>
 
+#include "HttpTestServer.h"
 #include "TestSupport.h"
 
 using nimb::Data;
@@ -37,7 +38,7 @@ constexpr auto kDefault = std::numeric_limits<std::int64_t>::max(),
 
 }  // namespace
 
-TEST(VQUtilsDictionary, StringReadsDescribeWhatIsNotAStringAndDictionaryReadsDefault) {
+TEST(VQUtilsDictionary, StringDictionaryAndIntegerReads) {
   Dictionary d{{"s", "text"}, {"n", 5}, {"r", 7.9}, {"b", true}, {"null", nimb::Null{}}};
   d["list"] = nimb::Array{1, "two words", "é"};
   d["inner"] = Dictionary{{"k", Dictionary{{"x", 1}}}};
@@ -59,26 +60,25 @@ TEST(VQUtilsDictionary, StringReadsDescribeWhatIsNotAStringAndDictionaryReadsDef
   EXPECT_TRUE(VQUtils::getDictionaryFromDictionary(d, "s").empty());
   EXPECT_TRUE(VQUtils::getDictionaryFromDictionary(d, "").empty());
   EXPECT_TRUE(VQUtils::getDictionaryFromDictionary(Value(nimb::Array{}), "inner").empty());
-}
 
-TEST(VQUtilsDictionary, IntegerReadsTakeNumbersAndPureIntegerStrings) {
-  // "wide" passes the 32-bit scan (clamped) and is then read in 64 bits.
-  const std::tuple<const char*, Value, std::int64_t> rows[] = {
+  // Integer reads take numbers and pure integer strings. "wide" passes the 32-bit scan (clamped)
+  // and is then read in 64 bits.
+  const std::tuple<const char*, Value, std::int64_t> intRows[] = {
       {"padded", " 12 ", 12},     {"suffix", "12a", kDefault},
       {"word", "abc", kDefault},  {"real", 7.9, 7},
       {"negative", -7.9, -7},     {"yes", true, 1},
       {"huge", -1e300, kMin},     {"wide", "99999999999", 99999999999},
       {"float", "1.5", kDefault}, {"list", nimb::Array{}, kDefault}};
-  Dictionary d;
-  for (const auto& [key, value, expected] : rows) d[key] = value;
-  for (const auto& [key, value, expected] : rows) {
-    EXPECT_EQ(VQUtils::getIntergerFromDictionary(d, key), expected) << key;
+  Dictionary ints;
+  for (const auto& [key, value, expected] : intRows) ints[key] = value;
+  for (const auto& [key, value, expected] : intRows) {
+    EXPECT_EQ(VQUtils::getIntergerFromDictionary(ints, key), expected) << key;
   }
-  EXPECT_EQ(VQUtils::getIntergerFromDictionary(d, "missing"), kDefault);
+  EXPECT_EQ(VQUtils::getIntergerFromDictionary(ints, "missing"), kDefault);
   EXPECT_EQ(VQUtils::getIntergerFromDictionary(Value(5), "real"), kDefault);
 }
 
-TEST(VQUtilsQuery, ParsingSkipsMalformedPiecesAndLaterKeysWin) {
+TEST(VQUtilsQuery, ParsingSkipsMalformedPiecesAndBuildingEscapesValuesOnly) {
   // Escapes that are not UTF-8 reject the whole text rather than lose a pair.
   const std::pair<const char*, std::optional<Dictionary>> rows[] = {
       {"a=1&b=%20x&c&d=1=2&a=3", Dictionary{{"a", "3"}, {"b", " x"}}},
@@ -89,9 +89,7 @@ TEST(VQUtilsQuery, ParsingSkipsMalformedPiecesAndLaterKeysWin) {
   for (const auto& [query, expected] : rows) {
     EXPECT_EQ(VQUtils::dictionaryWithQueryString(query), expected) << query;
   }
-}
-
-TEST(VQUtilsQuery, BuildingEscapesValuesButNotKeys) {
+  // Building escapes values but not keys.
   EXPECT_EQ(VQUtils::queryStringWithDictionary({{"k", "a b&c"}}), "k=a%20b%26c");
   EXPECT_EQ(VQUtils::queryStringWithDictionary({{"b", "2"}, {"a b", "é"}}), "a b=%C3%A9&b=2");
   EXPECT_EQ(VQUtils::queryStringWithDictionary({}), "");
@@ -102,22 +100,20 @@ TEST(VQUtilsQuery, BuildingEscapesValuesButNotKeys) {
             original);
 }
 
-TEST(VQUtilsPercent, OnlyUnreservedCharactersStay) {
+TEST(VQUtilsPercent, OnlyUnreservedCharactersStayAndDecodingIsStrict) {
   const std::pair<const char*, const char*> rows[] = {
       {"a-b_c.d~e", "a-b_c.d~e"},
       {"é", "%C3%A9"},
       {"!*'\"();:@&=+$,/?%#[] ", "%21%2A%27%22%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D%20"},
       {"<>\\^`{|}\n\x7f", "%3C%3E%5C%5E%60%7B%7C%7D%0A%7F"}};
   for (const auto& [text, escaped] : rows) EXPECT_EQ(VQUtils::urlEncode(text), escaped);
-}
-
-TEST(VQUtilsPercent, DecodingIsStrictAboutEscapesAndUtf8) {
-  // Half a character, bytes that are never UTF-8, and malformed escapes fail.
-  const std::pair<const char*, std::optional<std::string>> rows[] = {
+  // Decoding is strict: half a character, bytes that are never UTF-8, and
+  // malformed escapes fail.
+  const std::pair<const char*, std::optional<std::string>> decodes[] = {
       {"%C3%a9+x%2B", "é+x+"},  {"plain", "plain"},    {"%C3", std::nullopt},
       {"%FF%FE", std::nullopt}, {"%zz", std::nullopt}, {"100%", std::nullopt},
       {"%4", std::nullopt}};
-  for (const auto& [text, decoded] : rows) EXPECT_EQ(VQUtils::urlDecode(text), decoded) << text;
+  for (const auto& [text, decoded] : decodes) EXPECT_EQ(VQUtils::urlDecode(text), decoded) << text;
   const std::string every = "a %+~\x7f\u00e9\u4e2d\U0001F600";
   EXPECT_EQ(VQUtils::urlDecode(VQUtils::urlEncode(every)), every);
 }
@@ -142,7 +138,7 @@ TEST(VQUtilsText, SubStringCutsWholeCharactersByEncodedBytes) {
   }
 }
 
-TEST(VQUtilsNumbers, PureNumbersFollowTheScannerRules) {
+TEST(VQUtilsNumbers, PureNumbersFollowTheScannerWhichClampsToThirtyTwoBits) {
   const std::tuple<bool (*)(std::string_view), bool, std::vector<const char*>> rows[] = {
       {&VQUtils::isPureInt,
        true,
@@ -153,9 +149,7 @@ TEST(VQUtilsNumbers, PureNumbersFollowTheScannerRules) {
   for (const auto& [pure, expected, texts] : rows) {
     for (const char* text : texts) EXPECT_EQ(pure(text), expected) << text;
   }
-}
-
-TEST(VQUtilsNumbers, ScannerClampsToThirtyTwoBitsAndConsumesEveryDigit) {
+  // The scanner clamps to 32 bits and consumes every digit.
   nimb::Scanner scanner(" 99999999999x -99999999999");
   std::int32_t value = 0;
   ASSERT_TRUE(scanner.scanInt(&value));
@@ -192,7 +186,7 @@ TEST(VQUtilsBase64, StandardAndWebSafeAlphabetsWithPadding) {
 
 // The token is compared as text, so its padding is checked too; the key is
 // the secret filled up with NUL to 32 bytes, the vector its first 16 bytes.
-TEST(VQUtilsAES, MatchesTheOpensslCommand) {
+TEST(VQUtilsAES, MatchesTheOpensslCommandAndRefusesBadParameters) {
   const auto hex = [](std::string_view s) {
     return nimb::VQStringEncoding::hexStringEncoding()->encode(nimb::test::dataOf(s));
   };
@@ -214,9 +208,7 @@ TEST(VQUtilsAES, MatchesTheOpensslCommand) {
     if (!expected.empty() && expected.back() == '\n') expected.pop_back();
     EXPECT_EQ(*token, expected) << secret;
   }
-}
-
-TEST(VQUtilsAES, BadParametersAreLoggedAndRefused) {
+  // Bad parameters are logged and refused.
   VQUtils::setOpenLog(true);
   std::string out = captureOutput(1, [] {
     EXPECT_FALSE(VQUtils::AES256Encrypt("text", "fifteen chars!!"));
@@ -310,7 +302,7 @@ TEST(VQUtilsBundle, ResourcePathsInsideNamedBundles) {
   EXPECT_FALSE(VQUtils::getBundleRes("", "Emoji.bundle"));
 }
 
-TEST(VQUtilsViews, TreesPrintWithBarHyphenIndentsAndABlankLinePerLevel) {
+TEST(VQUtilsViews, TreesPrintWithBarHyphenIndentsAndAddImageDrawsAOverB) {
   auto root = std::make_shared<nimb::View>(), b = std::make_shared<nimb::View>();
   auto a = std::make_shared<nimb::View>(nimb::Rect(1, 2, 3, 4));
   auto a1 = std::make_shared<nimb::View>(nimb::Rect(5, 6, 7, 8));
@@ -327,18 +319,15 @@ TEST(VQUtilsViews, TreesPrintWithBarHyphenIndentsAndABlankLinePerLevel) {
   EXPECT_EQ(captureOutput(1, [&] { VQUtils::printViews(top, 1); }),
             "|" + A + "\n|-|" + A1 + "\n|-|-|" + A1X + "\n\n\n|" + B + "\n\n");
   EXPECT_EQ(captureOutput(1, [&] { VQUtils::printViewHierarchy(*b, 3); }), "\n");
-}
 
-TEST(VQUtilsViews, AddImageDrawsAOverBAtTheScreenScaleCutToB) {
+  // addImage draws A over B at the screen's scale, cut to B.
   nimb::test::FakeMachine machine;
   machine->device = nimb::DeviceFacts{};
   machine->device->mainScreen = nimb::ScreenFacts{{320, 568}, 2.0, std::nullopt};
-  auto solid = [](int w, int h, std::uint8_t r, std::uint8_t g, std::uint8_t b) {
-    nimb::Bitmap bitmap{w, h, {}};
-    for (int i = 0; i < w * h; ++i) bitmap.rgba.insert(bitmap.rgba.end(), {r, g, b, 255});
-    return nimb::Image::withBitmap(std::move(bitmap));
+  auto solid = [](int w, int h, nimb::test::Pixel colour) {
+    return nimb::Image::withBitmap(nimb::test::filled(w, h, [&](int, int) { return colour; }));
   };
-  auto red = solid(4, 4, 255, 0, 0), blue = solid(2, 6, 0, 0, 255);
+  auto red = solid(4, 4, nimb::test::kRed), blue = solid(2, 6, nimb::test::kBlue);
   auto both = VQUtils::addImage(blue, red);
   ASSERT_TRUE(both);
   EXPECT_EQ(both->size(), (nimb::Size{4, 4}));
