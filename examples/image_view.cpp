@@ -43,6 +43,7 @@ int main(int argc, char** argv) {
   server.Get("/photo.png", [&](const httplib::Request&, httplib::Response& res) {
     res.set_content(std::string(png->begin(), png->end()), "image/png");
   });
+  server.set_keep_alive_max_count(1);  // one request a connection: stop() need not wait
   const int port = server.bind_to_any_port("127.0.0.1");
   if (port <= 0) return 1;
   std::thread serving([&] { server.listen_after_bind(); });
