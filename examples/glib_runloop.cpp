@@ -77,6 +77,7 @@ int main(int argc, char** argv) {
   const int loads = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
   const std::string picture = makePicture();
   httplib::Server server;
+  server.set_keep_alive_max_count(1);  // one request a connection: stop() need not wait
   server.Get(R"(/.*)", [&](const httplib::Request&, httplib::Response& res) {
     res.set_content(picture, "image/jpeg");
   });
