@@ -2,8 +2,9 @@
 # The main job: installs what is missing, builds nimbkit, and runs
 # `nimbkit demo`: sample pictures served on loopback, loaded through the image
 # loader into views once cold and once warm, with a contact sheet at the end
-# (in build/demo-output). Then it walks through the other services, location
-# updates from a gpsd that gpsfake feeds among them. It works
+# (in build/demo-output), and the same in the GTK 4 gallery window under Xvfb
+# (build/demo-output/gallery.png). Then it walks through the other services,
+# location updates from a gpsd that gpsfake feeds among them. It works
 # in a temporary cache directory, so it leaves the user's own cache alone;
 # each step is a new process, which shows that entries survive a restart
 # through the cache's index file.
@@ -16,7 +17,7 @@ scripts/install-deps.sh
 jobs=${NIMB_JOBS:-2}
 cmake -S . -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DNIMB_BUILD_TESTS=OFF \
   -DNIMB_BUILD_BENCH=OFF >/dev/null
-cmake --build build/demo -j "${jobs}" --target nimbkit exif_orientations
+cmake --build build/demo -j "${jobs}" --target nimbkit exif_orientations gallery
 nimbkit=build/demo/tools/nimbkit/nimbkit
 
 demo_home=$(mktemp -d)
@@ -30,6 +31,14 @@ step() { printf '\n$ %s\n' "$*"; "$@"; }
 
 echo "== The main job: images through the loader into views (VQImageLoader, VQImageView) =="
 step "$nimbkit" demo --out build/demo-output
+
+echo
+echo "== The same through a GTK 4 window: the gallery, headless under Xvfb =="
+# The window's own sample pictures, served on loopback; a screenshot once
+# every cell has its picture. GTK draws with Cairo, as Xvfb has no GL.
+GDK_BACKEND=x11 GSK_RENDERER=cairo NO_AT_BRIDGE=1 step xvfb-run -a \
+  build/demo/examples/gallery/gallery --screenshot build/demo-output/gallery.png --timeout 30
+echo "The gallery's screenshot: $(pwd)/build/demo-output/gallery.png"
 
 echo
 echo "== Photos upright: the eight EXIF orientations (NimbKit::fixOrientation) =="
@@ -153,3 +162,4 @@ GPSD_PORT=$gps_port step "$nimbkit" locate --source gpsd --for 3 ||
 echo
 echo "The demo's contact sheet: $(pwd)/build/demo-output/contact-sheet.png"
 echo "The laid-out views: $(pwd)/build/demo-output/layout/*.png"
+echo "The gallery window: $(pwd)/build/demo-output/gallery.png"

@@ -28,6 +28,8 @@ packages=(
   dbus-daemon python3-dbusmock xdg-user-dirs
   # location fixes from gpsd (libgps), and gpsd with gpsfake for the tests and the demo
   libgps-dev gpsd gpsd-clients
+  # the GTK 4 gallery example, and its screenshot test and demo under a private X server
+  libgtk-4-dev xvfb xauth
 )
 
 missing=()
