@@ -112,11 +112,19 @@ std::string startRecord(const std::string& desktopId, int level, int threshold) 
          ", \"DistanceThreshold\": " + std::to_string(threshold) + "}";
 }
 
-TEST_F(GeoClueLocationTest, ClientIsConfiguredFromTheRequest) {
-  startGeoClue("\"locations\": []");
+// Each start configures a new client from the request (and stops the one
+// running); stop() stops the client, and nothing is delivered after it.
+TEST_F(GeoClueLocationTest, ClientIsConfiguredFromTheRequestAndStopEndsDelivery) {
+  // A long stream of fixes, 50 ms apart.
+  std::string fixes = "[";
+  for (int i = 0; i < 40; ++i) {
+    fixes += std::string(i ? ", " : "") + "{\"latitude\": " + std::to_string(10 + i) +
+             ", \"longitude\": 20, \"accuracy\": 5}";
+  }
+  startGeoClue("\"locations\": " + fixes + "]");
   auto source = LocationSource::geoClue();
   EXPECT_EQ(source->name(), "geoclue");
-  Events events;
+  Events events, streamed;
   // Desired accuracy -> GeoClue level; the filter in whole meters, 0 when off.
   const struct {
     double accuracy, filter;
@@ -126,25 +134,36 @@ TEST_F(GeoClueLocationTest, ClientIsConfiguredFromTheRequest) {
                {kLocationAccuracyNearestTenMeters, 0, 8, 0},
                {kLocationAccuracyHundredMeters, 100, 6, 100},
                {kLocationAccuracyKilometer, 1, 5, 1},
-               {kLocationAccuracyThreeKilometers, 2.5, 4, 2}};
+               {kLocationAccuracyThreeKilometers, 2.5, 4, 2},
+               {kLocationAccuracyBest, kDistanceFilterNone, 8, 0}};
   std::vector<std::string> expected;
   for (const auto& c : cases) {
-    // Each restart stops the running client before the next starts.
     if (!expected.empty()) expected.push_back("{\"call\": \"Stop\"}");
-    source->start({c.accuracy, c.filter, "org.example.Nimb"}, events.sink());
+    source->start({c.accuracy, c.filter, "org.example.Nimb"},
+                  &c == std::end(cases) - 1 ? streamed.sink() : events.sink());
     expected.push_back(startRecord("org.example.Nimb", c.level, c.threshold));
     ASSERT_TRUE(pumpUntil([&] { return recordedCalls().size() == expected.size(); }))
         << "accuracy " << c.accuracy;
   }
+  ASSERT_TRUE(pumpUntil([&] { return streamed.fixCount() >= 2; }));
   source->stop();
+  const size_t atStop = streamed.fixCount();
   expected.push_back("{\"call\": \"Stop\"}");
   ASSERT_TRUE(pumpUntil([&] { return recordedCalls().size() == expected.size(); }));
   EXPECT_EQ(recordedCalls(), expected);
-  EXPECT_EQ(events.failureCount(), 0u);
+  pumpFor(0.3);
+  EXPECT_EQ(streamed.fixCount(), atStop) << "nothing is delivered once stop() has returned";
+  EXPECT_EQ(events.failureCount() + streamed.failureCount(), 0u);
+  std::lock_guard guard(streamed.lock);
+  for (size_t i = 0; i < streamed.fixes.size(); ++i) {
+    EXPECT_EQ(streamed.fixes[i].coordinate().latitude, 10.0 + static_cast<double>(i)) << "in order";
+  }
 }
 
-TEST_F(GeoClueLocationTest, ManagerDeliversFixesOnTheMainThread) {
-  startGeoClue(std::string("\"locations\": ") + kTwoFixes);
+// LocationManager delivers each fix on the main thread; NimbLocationManager
+// calls back with each. The service only knows CreateClient, the newer name.
+TEST_F(GeoClueLocationTest, ManagerAndNimbLocationManagerDeliverFixesOnTheMainThread) {
+  startGeoClue(std::string("\"no_get_client\": true, \"locations\": ") + kTwoFixes);
   auto manager = LocationManager::create(LocationSource::geoClue());
   auto delegate = std::make_shared<LocationManagerDelegate>();
   std::vector<Location> fixes;
@@ -168,64 +187,41 @@ TEST_F(GeoClueLocationTest, ManagerDeliversFixesOnTheMainThread) {
   EXPECT_EQ(fixes[1], Location({48.8566, 2.3522}, 35, 8, 8, 270, 3.5,
                                Date::fromTimeIntervalSince1970(1763800060)));
   EXPECT_EQ(manager->location(), fixes[1]);
-  // The manager asked for its application's id and best accuracy.
-  auto calls = recordedCalls();
-  ASSERT_FALSE(calls.empty());
-  EXPECT_NE(calls[0].find("\"RequestedAccuracyLevel\": 8, \"DistanceThreshold\": 0"),
-            std::string::npos)
-      << calls[0];
-  EXPECT_EQ(calls[0].find("\"DesktopId\": \"\""), std::string::npos) << calls[0];
-}
-
-TEST_F(GeoClueLocationTest, StopStopsTheClientAndEndsDelivery) {
-  // A long stream of fixes, 50 ms apart.
-  std::string fixes = "[";
-  for (int i = 0; i < 40; ++i) {
-    fixes += std::string(i ? ", " : "") + "{\"latitude\": " + std::to_string(10 + i) +
-             ", \"longitude\": 20, \"accuracy\": 5}";
-  }
-  startGeoClue("\"locations\": " + fixes + "]");
-  auto source = LocationSource::geoClue();
-  Events events;
-  source->start({kLocationAccuracyBest, kDistanceFilterNone, "org.example.Nimb"}, events.sink());
-  ASSERT_TRUE(pumpUntil([&] { return events.fixCount() >= 2; }));
-  source->stop();
-  const size_t atStop = events.fixCount();
   ASSERT_TRUE(pumpUntil([&] { return recordedCalls().size() == 2; }));
-  EXPECT_EQ(recordedCalls()[1], "{\"call\": \"Stop\"}");
-  pumpFor(0.3);
-  EXPECT_EQ(events.fixCount(), atStop) << "nothing is delivered once stop() has returned";
-  std::lock_guard guard(events.lock);
-  for (size_t i = 0; i < events.fixes.size(); ++i) {
-    EXPECT_EQ(events.fixes[i].coordinate().latitude, 10.0 + static_cast<double>(i)) << "in order";
-  }
-}
 
-TEST_F(GeoClueLocationTest, RefusalFailsOnceWithDenied) {
-  startGeoClue(std::string("\"deny\": true, \"locations\": ") + kTwoFixes);
-  auto manager = LocationManager::create(LocationSource::geoClue());
-  auto delegate = std::make_shared<LocationManagerDelegate>();
-  std::vector<Error> errors;
-  int updates = 0;
-  delegate->locationManagerDidUpdateLocations = [&](LocationManager&,
-                                                    const std::vector<Location>&) { ++updates; };
-  delegate->locationManagerDidFailWithError = [&](LocationManager&, const Error& error) {
-    errors.push_back(error);
-  };
-  manager->setDelegate(delegate);
-  manager->startUpdatingLocation();
-  ASSERT_TRUE(pumpUntil([&] { return !errors.empty(); }));
-  pumpFor(0.3);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0].domain, kLocationErrorDomain);
-  EXPECT_EQ(errors[0].code, kCLErrorDenied);
-  EXPECT_NE(errors[0].localizedDescription().find("Geolocation disabled for UID 1000"),
+  NimbLocationManager wrapper(LocationSource::geoClue());
+  std::vector<std::pair<bool, std::optional<Location>>> calls;
+  wrapper.startLocateWithEvent([&](bool success, std::optional<Location> location) {
+    calls.emplace_back(success, location);
+  });
+  ASSERT_TRUE(pumpUntil([&] { return calls.size() == 2; }));
+  wrapper.stopLocationUpdate();
+  pumpFor(0.1);
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_TRUE(calls[0].first && calls[1].first);
+  ASSERT_TRUE(calls[0].second && calls[1].second);
+  EXPECT_EQ(calls[0].second->coordinate(), (LocationCoordinate2D{52.52, 13.405}));
+  EXPECT_EQ(calls[1].second->coordinate(), (LocationCoordinate2D{48.8566, 2.3522}));
+
+  // The manager asked for its application's id and best accuracy; the
+  // wrapper for 50 m on top.
+  ASSERT_TRUE(pumpUntil([&] { return recordedCalls().size() == 4; }));
+  auto recorded = recordedCalls();
+  EXPECT_NE(recorded[0].find("\"RequestedAccuracyLevel\": 8, \"DistanceThreshold\": 0"),
             std::string::npos)
-      << errors[0].localizedDescription();
-  EXPECT_EQ(updates, 0);
+      << recorded[0];
+  EXPECT_EQ(recorded[0].find("\"DesktopId\": \"\""), std::string::npos) << recorded[0];
+  EXPECT_NE(recorded[2].find("\"RequestedAccuracyLevel\": 8, \"DistanceThreshold\": 50"),
+            std::string::npos)
+      << recorded[2];
+  EXPECT_EQ(recorded[1], "{\"call\": \"Stop\"}");
+  EXPECT_EQ(recorded[3], "{\"call\": \"Stop\"}");
 }
 
-TEST_F(GeoClueLocationTest, MissingBusOrServiceIsANetworkFailure) {
+// A missing bus or service, a service that leaves, and a bus that never
+// answers each fail once with kCLErrorNetwork; a service that refuses fails
+// once with kCLErrorDenied and delivers nothing.
+TEST_F(GeoClueLocationTest, MissingBusOrServiceIsANetworkFailureAndRefusalIsDenied) {
   auto source = LocationSource::geoClue();
   EXPECT_FALSE(source->isAvailable()) << "a bus without GeoClue";
   Events events;
@@ -242,6 +238,14 @@ TEST_F(GeoClueLocationTest, MissingBusOrServiceIsANetworkFailure) {
   test::stopProgram(geoclue_);
   ASSERT_TRUE(pumpUntil([&] { return started.failureCount() == 1; }));
   source->stop();
+
+  startGeoClue(std::string("\"deny\": true, \"locations\": ") + kTwoFixes);
+  Events refused;
+  source->start({}, refused.sink());
+  ASSERT_TRUE(pumpUntil([&] { return refused.failureCount() == 1; }));
+  pumpFor(0.3);
+  source->stop();
+  test::stopProgram(geoclue_);
 
   // No bus at all.
   machine_->variables["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + dir_ + "/no-bus";
@@ -270,37 +274,17 @@ TEST_F(GeoClueLocationTest, MissingBusOrServiceIsANetworkFailure) {
   source->stop();
   ::close(listener);
 
-  for (Events* each : {&events, &started, &unreachable, &silentBus}) {
+  for (Events* each : {&events, &started, &refused, &unreachable, &silentBus}) {
     std::lock_guard guard(each->lock);
     ASSERT_EQ(each->failures.size(), 1u);
     EXPECT_EQ(each->failures[0].domain, kLocationErrorDomain);
-    EXPECT_EQ(each->failures[0].code, kCLErrorNetwork) << each->failures[0].localizedDescription();
+    EXPECT_EQ(each->failures[0].code, each == &refused ? kCLErrorDenied : kCLErrorNetwork)
+        << each->failures[0].localizedDescription();
   }
-  EXPECT_EQ(events.fixCount() + unreachable.fixCount() + silentBus.fixCount(), 0u);
-}
-
-TEST_F(GeoClueLocationTest, NimbLocationManagerCallsBackWithEachFix) {
-  // A service that only knows CreateClient, the newer name.
-  startGeoClue(std::string("\"no_get_client\": true, \"locations\": ") + kTwoFixes);
-  NimbLocationManager wrapper(LocationSource::geoClue());
-  std::vector<std::pair<bool, std::optional<Location>>> calls;
-  wrapper.startLocateWithEvent([&](bool success, std::optional<Location> location) {
-    calls.emplace_back(success, location);
-  });
-  ASSERT_TRUE(pumpUntil([&] { return calls.size() == 2; }));
-  wrapper.stopLocationUpdate();
-  pumpFor(0.1);
-  ASSERT_EQ(calls.size(), 2u);
-  EXPECT_TRUE(calls[0].first && calls[1].first);
-  ASSERT_TRUE(calls[0].second && calls[1].second);
-  EXPECT_EQ(calls[0].second->coordinate(), (LocationCoordinate2D{52.52, 13.405}));
-  EXPECT_EQ(calls[1].second->coordinate(), (LocationCoordinate2D{48.8566, 2.3522}));
-  auto recorded = recordedCalls();
-  ASSERT_EQ(recorded.size(), 2u);
-  EXPECT_NE(recorded[0].find("\"RequestedAccuracyLevel\": 8, \"DistanceThreshold\": 50"),
-            std::string::npos)
-      << recorded[0];
-  EXPECT_EQ(recorded[1], "{\"call\": \"Stop\"}");
+  const std::string denial = refused.failures[0].localizedDescription();
+  EXPECT_NE(denial.find("Geolocation disabled for UID 1000"), std::string::npos) << denial;
+  EXPECT_EQ(events.fixCount() + refused.fixCount() + unreachable.fixCount() + silentBus.fixCount(),
+            0u);
 }
 
 }  // namespace

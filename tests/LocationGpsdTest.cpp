@@ -11,7 +11,6 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -208,11 +207,11 @@ TEST_F(GpsdLocationTest, WalkThroughFilterGapAndErrorEstimates) {
   ASSERT_EQ(logFixes.size(), 35u);
   // What the filter lets through: the first fix, then each one at least
   // 50 m from the last let through.
+  auto at = [](LocationCoordinate2D c) { return Location(c, 0, 1, 1, -1, -1, Date()); };
   std::vector<LogFix> expected;
   for (const auto& fix : logFixes) {
-    const Location here(fix.coordinate, 0, 1, 1, -1, -1, Date());
-    if (expected.empty() || here.distanceFromLocation(Location(expected.back().coordinate, 0, 1, 1,
-                                                               -1, -1, Date())) >= 50) {
+    if (expected.empty() ||
+        at(fix.coordinate).distanceFromLocation(at(expected.back().coordinate)) >= 50) {
       expected.push_back(fix);
     }
   }
@@ -260,12 +259,9 @@ TEST_F(GpsdLocationTest, WalkThroughFilterGapAndErrorEstimates) {
   std::vector<double> delays;
   for (const auto& fix : record.fixes) {
     const double at = std::chrono::duration<double>(fix.at.time_since_epoch()).count();
-    char hhmmss[16];
-    const std::time_t seconds =
-        static_cast<std::time_t>(fix.location.timestamp().timeIntervalSince1970());
-    std::tm utc{};
-    ::gmtime_r(&seconds, &utc);
-    std::strftime(hhmmss, sizeof hhmmss, "%H%M%S", &utc);
+    const long day = static_cast<long>(fix.location.timestamp().timeIntervalSince1970()) % 86400;
+    char hhmmss[32];
+    std::snprintf(hhmmss, sizeof hhmmss, "%02ld%02ld%02ld", day / 3600, day / 60 % 60, day % 60);
     double written = -1;
     for (const auto& [when, time] : stamped) {
       if (time == hhmmss && when <= at) written = when;
@@ -279,12 +275,41 @@ TEST_F(GpsdLocationTest, WalkThroughFilterGapAndErrorEstimates) {
                delays.back() * 1e3);
 }
 
-// gpsd going away fails once with kCLErrorNetwork naming host:port; a gpsd
-// back on the same port brings fixes back. Once stop() has returned, the
-// source delivers nothing more.
-TEST_F(GpsdLocationTest, LostGpsdFailsOnceThenFixesResumeAndStopIsFinal) {
-  const std::string log = writeWalk("loop.nmea", {"--count", "10", "--lead", "20"});
+// nimbkit locate follows the walk through NimbLocationManager: one line per
+// callback, each at least 50 m on from the one before; with gpsd gone it
+// says that no source answers and exits 1. gpsd going away fails once with
+// kCLErrorNetwork naming host:port; a gpsd back on the same port brings
+// fixes back. Once stop() has returned, the source delivers nothing more.
+TEST_F(GpsdLocationTest, LostGpsdFailsOnceThenFixesResumeAndNimbkitLocateFollows) {
+  // Played in a loop: a tool that starts late (a loaded machine, a
+  // sanitizer) still hears the walk, from wherever it has got to.
+  const std::string log = writeWalk("loop.nmea", {"--count", "20", "--lead", "20"});
   startGpsfake(log, false);
+  const std::vector<std::string> locate{
+      "env", "GPSD_PORT=" + std::to_string(port_), NIMBKIT_PATH, "locate", "--source", "gpsd"};
+  auto command = locate;
+  command.insert(command.end(), {"--count", "3", "--for", "20"});
+  const auto run = test::runProgram(command);
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  std::vector<std::string> lines;
+  std::istringstream out(run.out);
+  for (std::string line; std::getline(out, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 3u) << run.out;
+  // The tool may connect a few fixes into the walk: every line is a fix of
+  // the walk, due east of its start.
+  for (size_t i = 0; i < lines.size(); ++i) {
+    const auto lat = lines[i].find("lat "), lon = lines[i].find("lon ");
+    const auto moved = lines[i].find(i ? "moved " : "first fix");
+    ASSERT_TRUE(lat != std::string::npos && lon != std::string::npos && moved != std::string::npos)
+        << lines[i];
+    EXPECT_NEAR(std::stod(lines[i].substr(lat + 4)), 52.52, 1e-4) << lines[i];
+    EXPECT_GE(std::stod(lines[i].substr(lon + 4)), 13.405) << lines[i];
+    EXPECT_LT(std::stod(lines[i].substr(lon + 4)), 13.41) << lines[i];
+    if (i) {
+      EXPECT_GE(std::stod(lines[i].substr(moved + 6)), 50.0) << lines[i];
+    }
+  }
+
   auto source = LocationSource::gpsd("127.0.0.1", port_);
   auto manager = LocationManager::create(source);
   Delegate record;
@@ -301,6 +326,9 @@ TEST_F(GpsdLocationTest, LostGpsdFailsOnceThenFixesResumeAndStopIsFinal) {
   EXPECT_EQ(record.count(kCLErrorNetwork), 1);
   const std::string text = record.errors.back().localizedDescription();
   EXPECT_NE(text.find("127.0.0.1:" + std::to_string(port_)), std::string::npos) << text;
+  const auto gone = test::runProgram(locate);
+  EXPECT_EQ(gone.exitCode, 1);
+  EXPECT_NE(gone.err.find("no location source answers"), std::string::npos) << gone.err;
 
   startGpsfake(log, false);
   EXPECT_TRUE(pumpUntil([&] { return record.fixes.size() > fixesBefore; }, 12))
@@ -321,46 +349,6 @@ TEST_F(GpsdLocationTest, LostGpsdFailsOnceThenFixesResumeAndStopIsFinal) {
   const int atStop = events.load();
   pumpUntil([] { return false; }, 0.5);
   EXPECT_EQ(events.load(), atStop) << "an event after stop() returned";
-}
-
-// nimbkit locate follows the walk through NimbLocationManager: one line per
-// callback, each at least 50 m on from the one before; with gpsd gone it
-// says that no source answers and exits 1.
-TEST_F(GpsdLocationTest, NimbkitLocatePrintsTheWalkThroughNimbLocationManager) {
-  // Played in a loop: a tool that starts late (a loaded machine, a
-  // sanitizer) still hears the walk, from wherever it has got to.
-  const std::string log = writeWalk("nimb.nmea", {"--count", "20", "--lead", "120"});
-  startGpsfake(log, false);
-  const std::vector<std::string> locate{
-      "env", "GPSD_PORT=" + std::to_string(port_), NIMBKIT_PATH, "locate", "--source", "gpsd"};
-  auto command = locate;
-  command.insert(command.end(), {"--count", "3", "--for", "20"});
-  const auto run = test::runProgram(command);
-  ASSERT_EQ(run.exitCode, 0) << run.err;
-  std::vector<std::string> lines;
-  std::istringstream out(run.out);
-  for (std::string line; std::getline(out, line);) lines.push_back(line);
-  ASSERT_EQ(lines.size(), 3u) << run.out;
-  // The tool may connect a few fixes into the walk (a slow start, under a
-  // sanitizer): every line is a fix of the walk, due east of its start.
-  for (const auto& line : lines) {
-    const auto lat = line.find("lat "), lon = line.find("lon ");
-    ASSERT_TRUE(lat != std::string::npos && lon != std::string::npos) << line;
-    EXPECT_NEAR(std::stod(line.substr(lat + 4)), 52.52, 1e-4) << line;
-    EXPECT_GE(std::stod(line.substr(lon + 4)), 13.405) << line;
-    EXPECT_LT(std::stod(line.substr(lon + 4)), 13.41) << line;
-  }
-  EXPECT_NE(lines[0].find("first fix"), std::string::npos) << lines[0];
-  for (size_t i = 1; i < lines.size(); ++i) {
-    const auto at = lines[i].find("moved ");
-    ASSERT_NE(at, std::string::npos) << lines[i];
-    EXPECT_GE(std::stod(lines[i].substr(at + 6)), 50.0) << lines[i];
-  }
-
-  stopGpsfake();
-  const auto gone = test::runProgram(locate);
-  EXPECT_EQ(gone.exitCode, 1);
-  EXPECT_NE(gone.err.find("no location source answers"), std::string::npos) << gone.err;
 }
 
 }  // namespace

@@ -193,9 +193,8 @@ TEST_F(LocationManagerTest, TheUserSwitchAndTheSourceDecideWhetherServicesAreEna
   EXPECT_TRUE(manager_->servicesEnabled());
   source_->available = false;
   EXPECT_FALSE(manager_->servicesEnabled());
-}
 
-TEST_F(LocationManagerTest, AnUnknownSourceNameIsAFailureNotACrash) {
+  // An unknown source name is a failure, not a crash.
   machine_->variables["NIMB_LOCATION_SOURCE"] = "carrier-pigeon";
   EXPECT_EQ(LocationSource::systemDefault(), nullptr);
   EXPECT_FALSE(LocationManager::locationServicesEnabled());
@@ -277,34 +276,39 @@ TEST_F(NimbLocationManagerTest,
   EXPECT_EQ(results_[1].second, northOfStart(60));
   EXPECT_EQ(results_[2].second, manager->location());
 
-  nimbManager_->stopLocationUpdate();
-  sendFromAnotherThread({500});
-  test::pumpFor(0.05);
-  EXPECT_EQ(calls, 3);
-  EXPECT_TRUE(nimbManager_->locationBlock()) << "the callback is kept after a stop";
-}
-
-TEST_F(NimbLocationManagerTest, TheCallbackIsTheManagersCurrentLocationNotTheDeliveredOne) {
-  int calls = 0;
-  nimbManager_->startLocateWithEvent(record(calls));
   // The delegate message carries a list; the callback gets location().
-  auto manager = nimbManager_->locationManager();
   auto forward = std::make_shared<LocationManagerDelegate>();
   forward->locationManagerDidUpdateLocations = [&](LocationManager& m,
                                                    const std::vector<Location>&) {
     nimbManager_->locationManager(m, std::vector<Location>{northOfStart(999)});
   };
   manager->setDelegate(forward);
-  sendFromAnotherThread({0});
+  sendFromAnotherThread({200});
   test::pumpFor(0.05);
-  ASSERT_EQ(calls, 1);
-  EXPECT_EQ(results_[0].second, northOfStart(0));
+  ASSERT_EQ(calls, 4);
+  EXPECT_EQ(results_[3].second, northOfStart(200));
+
+  nimbManager_->stopLocationUpdate();
+  sendFromAnotherThread({500});
+  test::pumpFor(0.05);
+  EXPECT_EQ(calls, 4);
+  EXPECT_TRUE(nimbManager_->locationBlock()) << "the callback is kept after a stop";
 }
 
-// A failure calls back with nothing and updating goes on; a second start
+// With services disabled a start keeps the callback and never calls it. A
+// failure calls back with nothing and updating goes on; a second start
 // replaces the callback and the first hears nothing more.
 TEST_F(NimbLocationManagerTest, FailuresCallBackWithNothingAndASecondStartReplacesTheCallback) {
-  int first = 0, second = 0;
+  int disabled = 0, first = 0, second = 0;
+  source_->available = false;
+  nimbManager_->startLocateWithEvent(record(disabled));
+  EXPECT_TRUE(nimbManager_->locationBlock());
+  EXPECT_EQ(source_->starts, 0);
+  sendFromAnotherThread({0});
+  test::pumpFor(0.05);
+  EXPECT_EQ(disabled, 0);
+
+  source_->available = true;
   nimbManager_->startLocateWithEvent(record(first));
   std::thread([&] {
     source_->sendFailure(kCLErrorLocationUnknown);
@@ -320,19 +324,8 @@ TEST_F(NimbLocationManagerTest, FailuresCallBackWithNothingAndASecondStartReplac
   nimbManager_->startLocateWithEvent(record(second));
   sendFromAnotherThread({100});
   test::pumpFor(0.05);
-  EXPECT_EQ(first, 2);
+  EXPECT_EQ(disabled + first, 2);
   EXPECT_EQ(second, 1);
-}
-
-TEST_F(NimbLocationManagerTest, DisabledServicesKeepTheCallbackAndNeverCallIt) {
-  source_->available = false;
-  int calls = 0;
-  nimbManager_->startLocateWithEvent(record(calls));
-  EXPECT_TRUE(nimbManager_->locationBlock());
-  EXPECT_EQ(source_->starts, 0);
-  sendFromAnotherThread({0});
-  test::pumpFor(0.05);
-  EXPECT_EQ(calls, 0);
 }
 
 }  // namespace
