@@ -150,6 +150,13 @@ BaseNKernels::BaseNKernels(std::string_view alphabet,
     }
   }
   buildVectorTables(alphabet);
+  if (shift_ == 6 && processorHasAvx512Vbmi()) {
+    avx512_ = true;
+    std::copy(alphabet.begin(), alphabet.end(), avx512Alphabet_.begin());
+    for (std::size_t c = 0; c < 128; ++c) {
+      avx512Values_[c] = values[c] < 0 ? 0x80 : static_cast<std::uint8_t>(values[c]);
+    }
+  }
   // Decoding tables depend on the reverse table too.
   if (vectorDecode_ != VectorShape::kNone) {
     VectorDecodeTables& t = vectorDecodeTables_;
@@ -227,36 +234,60 @@ bool BaseNKernels::processorHasAvx2() {
 #endif
 }
 
+bool BaseNKernels::processorHasAvx512Vbmi() {
+#if defined(__x86_64__) || defined(__i386__)
+  static const bool has =
+      __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vbmi");
+  return has;
+#else
+  return false;
+#endif
+}
+
 std::size_t BaseNKernels::encodeBlocks(const std::uint8_t* in, std::size_t n, char* out,
                                        Kind kind) const {
-  std::size_t done = 0;
-  if (kind == Kind::kVector) {
+  const auto shift = static_cast<std::size_t>(shift_);
+  std::size_t total = 0;
+  auto advance = [&](std::size_t done) {
+    total += done;
+    in += done;
+    n -= done;
+    out += done / shift * 8;
+  };
+  if (avx512_ && (kind == Kind::kVector || kind == Kind::kAvx512)) {
+    advance(avx512::encodeBase64(in, n, out, avx512Alphabet_));
+  }
+  if (kind == Kind::kVector || kind == Kind::kAvx2) {
     if (vectorEncode_ == VectorShape::kHex) {
-      done = avx2::encodeHex(in, n, out, vectorEncodeTable_);
+      advance(avx2::encodeHex(in, n, out, vectorEncodeTable_));
     } else if (vectorEncode_ == VectorShape::kBase64) {
-      done = avx2::encodeBase64(in, n, out, vectorEncodeTable_);
+      advance(avx2::encodeBase64(in, n, out, vectorEncodeTable_));
     }
   }
-  in += done;
-  n -= done;
-  out += done / static_cast<std::size_t>(shift_) * 8;
-  return done + kScalarEncoders[shift_](in, n, out, encodeTable_.data());
+  return total + kScalarEncoders[shift_](in, n, out, encodeTable_.data());
 }
 
 std::size_t BaseNKernels::decodeBlocks(const char* in, std::size_t n, std::uint8_t* out,
                                        Kind kind) const {
-  std::size_t done = 0;
-  if (kind == Kind::kVector) {
+  const auto shift = static_cast<std::size_t>(shift_);
+  std::size_t total = 0;
+  auto advance = [&](std::size_t done) {
+    total += done;
+    in += done;
+    n -= done;
+    out += done / 8 * shift;
+  };
+  if (avx512_ && (kind == Kind::kVector || kind == Kind::kAvx512)) {
+    advance(avx512::decodeBase64(in, n, out, avx512Values_));
+  }
+  if (kind == Kind::kVector || kind == Kind::kAvx2) {
     if (vectorDecode_ == VectorShape::kHex) {
-      done = avx2::decodeHex(in, n, out, vectorDecodeTables_);
+      advance(avx2::decodeHex(in, n, out, vectorDecodeTables_));
     } else if (vectorDecode_ == VectorShape::kBase64) {
-      done = avx2::decodeBase64(in, n, out, vectorDecodeTables_);
+      advance(avx2::decodeBase64(in, n, out, vectorDecodeTables_));
     }
   }
-  in += done;
-  n -= done;
-  out += done / 8 * static_cast<std::size_t>(shift_);
-  return done + kScalarDecoders[shift_](in, n, out, decodeTable_.data());
+  return total + kScalarDecoders[shift_](in, n, out, decodeTable_.data());
 }
 
 }  // namespace nimb

@@ -11,12 +11,17 @@
 //   - scalar: table-driven, for every alphabet size. Encoding looks up 2 to
 //     8 characters at once; decoding ORs 8 pre-shifted table entries and
 //     checks one marker bit for the whole block.
-//   - vector: AVX2, used only when the processor has it, for 16-character
+//   - AVX2, used only when the processor has it, for 16-character
 //     alphabets (any characters) and for 64-character alphabets that start
 //     "A-Za-z0-9" (encode) or whose characters map to their values with one
 //     offset per 16-code row plus at most two exceptions (decode), which
-//     covers both RFC 4648 alphabets. It hands over to the scalar kernel for
-//     the blocks that remain.
+//     covers both RFC 4648 alphabets.
+//   - AVX-512 (VBMI), used only when the processor has it, for every
+//     64-character alphabet: the whole alphabet and the whole reverse table
+//     fit in registers, so no shape is needed.
+// A vector kernel hands over to the next narrower one, and the scalar
+// kernel takes the blocks that remain; every kernel writes exactly the
+// bytes the scalar one would.
 //
 // Decoding takes a block only when all 8 characters are alphabet characters
 // that still decode to their own position (set-up may have turned one into
@@ -40,7 +45,12 @@ namespace nimb {
 
 class BaseNKernels {
  public:
-  enum class Kind { kScalar, kVector };
+  enum class Kind {
+    kScalar,  // the table-driven kernel only
+    kVector,  // AVX-512, then AVX2, as far as the processor and alphabet allow, then scalar
+    kAvx2,    // the AVX2 kernel only, then scalar (tests and benchmarks force a width)
+    kAvx512,  // the AVX-512 kernel only, then scalar
+  };
 
   // `alphabet` has 2^shift characters, shift from 1 to 7; `reverseCharMap`
   // is the encoder's reverse table (value, or a negative marker, per ASCII
@@ -61,12 +71,16 @@ class BaseNKernels {
   // (whole blocks are stored 8 bytes at a time).
   std::size_t decodeBlocks(const char* in, std::size_t n, std::uint8_t* out, Kind kind) const;
 
-  // Whether Kind::kVector has a kernel of its own here (else it is scalar).
+  // Whether Kind::kAvx2 has a kernel of its own here (else it is scalar).
   bool hasVectorEncode() const { return vectorEncode_ != VectorShape::kNone; }
   bool hasVectorDecode() const { return vectorDecode_ != VectorShape::kNone; }
+  // Whether Kind::kAvx512 has kernels of its own here (both or neither).
+  bool hasAvx512() const { return avx512_; }
 
   // Whether this processor runs AVX2 code.
   static bool processorHasAvx2();
+  // Whether this processor runs AVX-512 code with byte permutes (BW and VBMI).
+  static bool processorHasAvx512Vbmi();
 
   // Parameters of the AVX2 decoder: 16-entry byte tables indexed by the low
   // and high nibble of each character.
@@ -98,6 +112,12 @@ class BaseNKernels {
   VectorShape vectorDecode_ = VectorShape::kNone;
   std::array<std::int8_t, 16> vectorEncodeTable_{};
   VectorDecodeTables vectorDecodeTables_;
+
+  // AVX-512: the alphabet, and the value of each code below 128 or 0x80
+  // for a code the kernel must not take.
+  bool avx512_ = false;
+  std::array<char, 64> avx512Alphabet_{};
+  std::array<std::uint8_t, 128> avx512Values_{};
 };
 
 // The AVX2 loops, compiled for AVX2 in their own file. Each returns what it
@@ -115,5 +135,17 @@ std::size_t encodeBase64(const std::uint8_t* in, std::size_t n, char* out,
 std::size_t decodeBase64(const char* in, std::size_t n, std::uint8_t* out,
                          const BaseNKernels::VectorDecodeTables& tables);
 }  // namespace avx2
+
+// The AVX-512 loops, compiled for AVX-512 in their own file, for
+// 64-character alphabets. Each returns what it consumed (bytes for
+// encoding, characters for decoding); decoding stops at the first
+// 64-character chunk holding a code whose entry in `values` is 0x80, or a
+// code of 128 or more.
+namespace avx512 {
+std::size_t encodeBase64(const std::uint8_t* in, std::size_t n, char* out,
+                         const std::array<char, 64>& alphabet);
+std::size_t decodeBase64(const char* in, std::size_t n, std::uint8_t* out,
+                         const std::array<std::uint8_t, 128>& values);
+}  // namespace avx512
 
 }  // namespace nimb
