@@ -2,7 +2,11 @@
 // data, encode and decode, through each path of the encoder:
 //   exact   the bit loop
 //   scalar  the table-driven block kernel
-//   vector  the AVX2 block kernel (scalar where the processor has no AVX2)
+//   vector  the widest vector block kernel (AVX-512, else AVX2, else scalar)
+// and, for base 64, each vector width's block kernel on its own, timed
+// without the encoder around it:
+//   avx2    the AVX2 kernel
+//   avx512  the AVX-512 VBMI kernel
 // against OpenSSL's EVP_EncodeBlock / EVP_DecodeBlock (base 64 only) and
 // memcpy of the same number of bytes, the ceiling.
 //
@@ -23,6 +27,13 @@
 #include <NimbFoundation/Encode/VQStringEncoding.h>
 
 #include "BenchSupport.h"
+
+// The block kernels are internal to the shared library, which keeps their
+// symbols to itself; the bench compiles its own copy to time one width at
+// a time.
+#include <NimbFoundation/Internal/BaseNKernels.cpp>
+#include <NimbFoundation/Internal/BaseNKernelsAvx2.cpp>
+#include <NimbFoundation/Internal/BaseNKernelsAvx512.cpp>
 
 namespace {
 
@@ -74,6 +85,49 @@ void registerEncoder(const std::string& codec, std::shared_ptr<VQStringEncoding>
               benchmark::ClobberMemory();
             }
             state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * written));
+          });
+    }
+  }
+}
+
+// Base-64 block kernels of one width each, where the processor has it.
+void registerKernelWidths() {
+  const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::array<std::int32_t, 128> reverse;
+  reverse.fill(VQStringEncoding::kUnknown);
+  for (std::size_t i = 0; i < 64; ++i) {
+    reverse[static_cast<unsigned char>(alphabet[i])] = static_cast<std::int32_t>(i);
+  }
+  const auto kernels = std::make_shared<const nimb::BaseNKernels>(alphabet, reverse);
+  using Kind = nimb::BaseNKernels::Kind;
+  std::vector<std::pair<std::string, Kind>> widths;
+  if (nimb::BaseNKernels::processorHasAvx2()) widths.push_back({"avx2", Kind::kAvx2});
+  if (nimb::BaseNKernels::processorHasAvx512Vbmi()) widths.push_back({"avx512", Kind::kAvx512});
+  for (const auto& [sizeName, size] : kSizes) {
+    const Data data = randomBytes(size);
+    const std::string text = VQStringEncoding::rfc4648Base64StringEncoding()->encode(data);
+    for (const auto& [widthName, kind] : widths) {
+      benchmark::RegisterBenchmark(
+          name("base64", "encode", widthName, sizeName).c_str(),
+          [kernels, data, kind = kind](benchmark::State& state) {
+            std::string out(data.size() / 3 * 4, '\0');
+            for (auto _ : state) {
+              benchmark::DoNotOptimize(
+                  kernels->encodeBlocks(data.data(), data.size(), out.data(), kind));
+              benchmark::ClobberMemory();
+            }
+            state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * data.size()));
+          });
+      benchmark::RegisterBenchmark(
+          name("base64", "decode", widthName, sizeName).c_str(),
+          [kernels, text, size = size, kind = kind](benchmark::State& state) {
+            Data out(text.size() / 8 * 6);
+            for (auto _ : state) {
+              benchmark::DoNotOptimize(
+                  kernels->decodeBlocks(text.data(), text.size(), out.data(), kind));
+              benchmark::ClobberMemory();
+            }
+            state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * size));
           });
     }
   }
@@ -134,7 +188,8 @@ void printSummary(const nimb::bench::RatioReporter& reporter) {
       for (const std::string direction : {"encode", "decode"}) {
         const double exact = rate(name(codec, direction, "exact", sizeName));
         const double openssl = rate(name(codec, direction, "openssl", sizeName));
-        for (const std::string contender : {"exact", "scalar", "vector", "openssl"}) {
+        for (const std::string contender :
+             {"exact", "scalar", "vector", "avx2", "avx512", "openssl"}) {
           const double r = rate(name(codec, direction, contender, sizeName));
           if (r <= 0) continue;
           std::printf("  %-28s %9.0f %8.2f", (codec + " " + direction + " " + contender).c_str(), r,
@@ -149,8 +204,9 @@ void printSummary(const nimb::bench::RatioReporter& reporter) {
       }
     }
   }
-  std::printf("\nAVX2 on this processor: %s\n",
-              VQStringEncoding::vectorPathAvailable() ? "yes" : "no (vector = scalar)");
+  std::printf("\nAVX2 on this processor: %s; AVX-512 VBMI: %s\n",
+              VQStringEncoding::vectorPathAvailable() ? "yes" : "no",
+              nimb::BaseNKernels::processorHasAvx512Vbmi() ? "yes" : "no");
 }
 
 }  // namespace
@@ -158,6 +214,7 @@ void printSummary(const nimb::bench::RatioReporter& reporter) {
 int main(int argc, char** argv) {
   registerEncoder("base64", VQStringEncoding::rfc4648Base64StringEncoding());
   registerEncoder("hex", VQStringEncoding::hexStringEncoding());
+  registerKernelWidths();
   registerBaselines();
   return nimb::bench::runWithRatios(argc, argv, {}, printSummary);
 }
