@@ -28,12 +28,10 @@
 
 #include "BenchSupport.h"
 
-// The block kernels are internal to the shared library, which keeps their
-// symbols to itself; the bench compiles its own copy to time one width at
+// The block kernels are internal (the shared library keeps their symbols
+// to itself), so this bench links the static archive to time one width at
 // a time.
-#include <NimbFoundation/Internal/BaseNKernels.cpp>
-#include <NimbFoundation/Internal/BaseNKernelsAvx2.cpp>
-#include <NimbFoundation/Internal/BaseNKernelsAvx512.cpp>
+#include <NimbFoundation/Internal/BaseNKernels.h>
 
 namespace {
 

@@ -48,7 +48,7 @@ std::shared_ptr<const BaseNKernels> sharedKernels(const Data& alphabet,
 }  // namespace
 
 bool VQStringEncoding::vectorPathAvailable() {
-  return BaseNKernels::processorHasAvx2();
+  return BaseNKernels::processorHasAvx2() || BaseNKernels::processorHasAvx512Vbmi();
 }
 
 VQStringEncoding::VQStringEncoding(Passkey, Data alphabet, std::int32_t shift,

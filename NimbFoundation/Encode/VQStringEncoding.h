@@ -8,8 +8,8 @@
 //
 // Two implementations give the same bytes and the same verdicts: the plain
 // bit-at-a-time loop, kept deliberately simple as the reference, and the
-// block kernels of BaseNKernels (table-driven, and AVX2 where the processor
-// has it), which handle whole blocks of input and leave everything else
+// block kernels of BaseNKernels (table-driven, and AVX-512 VBMI or AVX2
+// where the processor has them), which handle whole blocks of input and leave everything else
 // (the tail, padding, synonyms, ignored or invalid characters) to the loop.
 // encode() and decode() pick the fastest for the input; tests and
 // benchmarks can pick one with Path.
@@ -81,9 +81,10 @@ class VQStringEncoding {
     kAutomatic,  // the block kernels for inputs long enough to gain, else kExact
     kExact,      // the plain bit loop, the reference
     kScalar,     // table-driven block kernel, then the bit loop
-    kVector,     // AVX2 block kernel where it exists, else as kScalar
+    kVector,     // the widest vector kernel the processor runs (AVX-512 VBMI, then
+                 // AVX2), else as kScalar
   };
-  // Whether this processor can run the AVX2 kernels.
+  // Whether this processor can run a vector kernel (AVX2 or AVX-512 VBMI).
   static bool vectorPathAvailable();
 
   // A new encoder for `alphabet`, or nullptr when it cannot make one.
