@@ -37,6 +37,7 @@
 
 #include <NimbFoundation/Images/VQImageView.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
+#include <NimbFoundation/Platform/Graphics/Graphics.h>
 #include <NimbFoundation/Platform/Graphics/Image.h>
 #include <NimbFoundation/Platform/Graphics/ViewRenderer.h>
 #include <NimbFoundation/Platform/Net/URL.h>
@@ -81,24 +82,16 @@ struct Gallery {
   int framesToWait = 0;
 };
 
-// Cairo wants premultiplied native-endian ARGB; the kit's bitmaps are RGBA.
+// The kit's RGBA picture as a Cairo surface, in Cairo's own pixel layout.
 cairo_surface_t* surfaceOf(const nimb::Image& image) {
   const nimb::Bitmap& bitmap = image.bitmap();
   cairo_surface_t* surface =
       cairo_image_surface_create(CAIRO_FORMAT_ARGB32, bitmap.width, bitmap.height);
   if (cairo_surface_status(surface) != CAIRO_STATUS_SUCCESS) return surface;
   cairo_surface_flush(surface);
-  unsigned char* data = cairo_image_surface_get_data(surface);
-  const int stride = cairo_image_surface_get_stride(surface);
-  for (int y = 0; y < bitmap.height; ++y) {
-    auto* row = reinterpret_cast<std::uint32_t*>(data + static_cast<std::size_t>(y) * stride);
-    for (int x = 0; x < bitmap.width; ++x) {
-      const std::uint8_t* p = &bitmap.rgba[(static_cast<std::size_t>(y) * bitmap.width + x) * 4];
-      const std::uint32_t a = p[3];
-      auto pm = [a](std::uint32_t c) { return (c * a + 127) / 255; };
-      row[x] = a << 24 | pm(p[0]) << 16 | pm(p[1]) << 8 | pm(p[2]);
-    }
-  }
+  nimb::Graphics::writePremultipliedARGB32(
+      bitmap, cairo_image_surface_get_data(surface),
+      static_cast<std::size_t>(cairo_image_surface_get_stride(surface)));
   cairo_surface_mark_dirty(surface);
   return surface;
 }

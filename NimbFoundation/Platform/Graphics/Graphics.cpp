@@ -92,10 +92,10 @@ std::uint8_t unpremultiplied(std::uint32_t c, std::uint32_t a) {
   return std::uint8_t(std::min<std::uint32_t>(255, (c * 255 + a / 2) / a));
 }
 
-void writePremultiplied(const Bitmap& bitmap, unsigned char* data, int stride) {
+void writePremultiplied(const Bitmap& bitmap, unsigned char* data, std::size_t stride) {
   const std::uint8_t* in = bitmap.rgba.data();
   for (int y = 0; y < bitmap.height; ++y) {
-    unsigned char* out = data + std::size_t(y) * std::size_t(stride);
+    unsigned char* out = data + std::size_t(y) * stride;
     for (int x = 0; x < bitmap.width; ++x, in += 4, out += 4) {
       const std::uint32_t a = in[3];
       const std::uint32_t word = a << 24 | premultiplied(in[0], a) << 16 |
@@ -157,7 +157,8 @@ cairo_surface_t* surfaceOf(const Bitmap& bitmap) {
     return nullptr;
   }
   cairo_surface_flush(s);
-  writePremultiplied(bitmap, cairo_image_surface_get_data(s), cairo_image_surface_get_stride(s));
+  writePremultiplied(bitmap, cairo_image_surface_get_data(s),
+                     std::size_t(cairo_image_surface_get_stride(s)));
   cairo_surface_mark_dirty(s);
   return s;
 }
@@ -238,6 +239,12 @@ std::shared_ptr<const Image> Graphics::imageWithCroppedBitmap(const Image& image
   auto cropped = cropBitmap(image.bitmap(), pixelRect);
   if (!cropped) return nullptr;
   return Image::withBitmap(std::move(*cropped), scale, orientation);
+}
+
+void Graphics::writePremultipliedARGB32(const Bitmap& bitmap, std::uint8_t* data,
+                                        std::size_t stride) {
+  if (!data || !isConsistent(bitmap) || stride < std::size_t(bitmap.width) * 4) return;
+  writePremultiplied(bitmap, data, stride);
 }
 
 // ---- ImageContext --------------------------------------------------------------

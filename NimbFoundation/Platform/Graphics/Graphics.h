@@ -12,6 +12,8 @@
 // shared freely.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -38,6 +40,15 @@ class Graphics {
   static std::shared_ptr<const Image> imageWithCroppedBitmap(const Image& image, Rect pixelRect,
                                                              double scale,
                                                              ImageOrientation orientation);
+
+  // Writes `bitmap` (straight RGBA) as premultiplied native-endian 32-bit
+  // ARGB words, `stride` bytes per row: the pixel layout of Cairo's
+  // CAIRO_FORMAT_ARGB32 surfaces, which a host drawing with Cairo or GTK
+  // hands the kit's pictures in. `data` holds height rows of at least
+  // width * 4 bytes; a bitmap whose buffer does not match its size writes
+  // nothing.
+  static void writePremultipliedARGB32(const Bitmap& bitmap, std::uint8_t* data,
+                                       std::size_t stride);
 };
 
 // An offscreen drawing surface of a size in points at a scale. Its pixel
