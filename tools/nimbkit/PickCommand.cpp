@@ -23,15 +23,16 @@ using nimb::NimbKit;
 using nimb::RunLoop;
 
 int pick() {
-  if (!ImagePickerController::isSourceTypeAvailable(nimb::ImagePickerSourceType::kPhotoLibrary)) {
-    diagnose("nimbkit pick: no desktop portal with a file chooser on the session bus\n");
-    return kNotFound;
-  }
   NimbKit& kit = NimbKit::sharedInstance();
   std::optional<ImagePickerMediaInfo> picked;
   kit.fetchImageFromAlbum(nullptr, [&picked](ImagePickerController*,
                                              const ImagePickerMediaInfo& info) { picked = info; });
+  // The kit asks the portal itself and presents nothing when none answers.
   auto picker = kit.imagePicker();
+  if (!picker || !picker->isPresented()) {
+    diagnose("nimbkit pick: no desktop portal with a file chooser on the session bus\n");
+    return kNotFound;
+  }
   // A pick calls the completion; a cancel only ends the dialog.
   while (!picked && picker && picker->isPresented()) RunLoop::main().runOnce(0.1);
   if (!picked) {
