@@ -112,14 +112,8 @@ TEST(NimbKitImage, AJpegTaggedByLibexifDecodesSidewaysAndTurnsUpright) {
                }))->jpegRepresentation(95);
   ASSERT_TRUE(plain);
   const Data jpeg = withApp1(*plain, exifWithOrientation(6));
-  auto image = Image::withData(jpeg);
-  ASSERT_TRUE(image);
-  EXPECT_EQ(image->orientation(), O::Right);
-  EXPECT_EQ(image->size(), (Size{16, 32}));
-  EXPECT_EQ(image->bitmap().width, 32);  // the pixels stay as stored
-
-  // nimbkit orient reads the same file, says so, and writes the upright PNG (the library's
-  // turning of each orientation is checked above on bitmaps).
+  // nimbkit orient decodes it, says what it read (orientation and stored size), and writes the
+  // upright PNG; the library's turning of each orientation is checked above on bitmaps.
   ScopedHome home;
   const std::string in = home.root() + "/photo.jpg", out = home.root() + "/up.png";
   ASSERT_TRUE(FileManager::writeAtomically(in, jpeg));

@@ -88,6 +88,7 @@ TEST_F(VQImageViewTest, PlaceholderThenDownloadThenTheCachedPictureAtOnce) {
   EXPECT_GT(center.observerCount(), 0u);
   cached->setImageLoader(nullptr);
   EXPECT_EQ(cached->imageLoader(), VQImageLoader::sharedImageLoader());
+  EXPECT_EQ(VQImageView::create()->imageLoader(), VQImageLoader::sharedImageLoader());
   cached->cancelImageLoad();
   view.reset(), cached.reset();
   EXPECT_EQ(center.observerCount(), 0u);
