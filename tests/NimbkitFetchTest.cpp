@@ -42,9 +42,8 @@ ToolResult runOnTerminal(const std::vector<std::string>& args, unsigned short ro
   std::string shown;
   char buffer[4096];
   ssize_t n;
-  while ((n = ::read(terminal, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
+  while ((n = ::read(terminal, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR))
     if (n > 0) shown.append(buffer, static_cast<std::size_t>(n));
-  }
   ::close(terminal);
   int status = 0;
   ::waitpid(pid, &status, 0);
