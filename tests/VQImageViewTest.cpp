@@ -172,8 +172,7 @@ TEST_F(VQImageViewTest, CacheLifetimeRefusesNonPositiveValuesOnThePlatformLog) {
 // A delegate that sets the same URL again when it hears of a failure gets
 // the picture: the retry is a new download, not lost in the old one's end.
 TEST_F(VQImageViewTest, ADelegateThatRetriesOnFailureGetsThePicture) {
-  auto retrying = std::make_shared<VQImageViewDelegate>();
-  retrying->imageViewLoadedImage = [&](VQImageView&) { ++told.loaded; };
+  auto retrying = told.delegate();
   retrying->imageViewFailedToLoadImage = [&](VQImageView& v, const Error& error) {
     EXPECT_EQ(error.code, 406);
     if (++told.failed == 1) v.setImageURL(url("flaky.png"));
