@@ -97,7 +97,7 @@ TEST(View, PropertiesAndDescription) {
   EXPECT_EQ(withoutAddress(view->description()), "<View: ADDR; frame = (10 20; 100 50)>");
   // Alpha is stored as given, out of range or NaN (the layout helpers keep a
   // constant there); only drawing clamps it.
-  for (double set : {44.0, double(NAN), 0.5}) {
+  for (double set : {44.0, -0.5, double(NAN), 0.5}) {
     view->setAlpha(set);
     EXPECT_TRUE(view->alpha() == set || (std::isnan(set) && std::isnan(view->alpha()))) << set;
   }
