@@ -358,9 +358,9 @@ TEST(ImageRefusal, GarbageTruncatedAndCorruptBytesCorruptBodiesKeepTheSize) {
 }
 
 TEST(ImageRefusal, HugeHeadersAreRefusedWithoutAllocating) {
-  for (const Data& sound : {pngClaiming(2, 2), jpegClaiming(32, 16), gifClaiming(2, 2),
-                            animatedWebP(2, 2, {{pattern(2, 2), 0, 0}})})
-    ASSERT_TRUE(Image::withData(sound));  // the patching itself is sound
+  // The patching itself is sound (the animated WebP builder is shown sound by ImageWebP).
+  for (const Data& sound : {pngClaiming(2, 2), jpegClaiming(32, 16), gifClaiming(2, 2)})
+    ASSERT_TRUE(Image::withData(sound));
   // Over the pixel budget, libpng's width limit, empty; then within budget (400 MB RGBA) but with
   // far too little data. The peak resident size may undercount growth, never overcount it.
   rusage before{}, after{};

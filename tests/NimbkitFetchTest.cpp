@@ -42,9 +42,8 @@ ToolResult runOnTerminal(const std::vector<std::string>& args, unsigned short ro
   std::string shown;
   char buffer[4096];
   ssize_t n;
-  while ((n = ::read(terminal, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
+  while ((n = ::read(terminal, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR))
     if (n > 0) shown.append(buffer, static_cast<std::size_t>(n));
-  }
   ::close(terminal);
   int status = 0;
   ::waitpid(pid, &status, 0);
@@ -53,7 +52,7 @@ ToolResult runOnTerminal(const std::vector<std::string>& args, unsigned short ro
 
 }  // namespace
 
-TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
+TEST(NimbkitFetch, LoadsIntoViewsThenFromTheCacheAndKeepsToTheTerminal) {
   const ScopedHome home;  // a cache of its own
   HttpTestServer server;
   server.servePictures(pngBody(Image::withBitmap({64, 48, Data(64 * 48 * 4, 0xC0)})));
@@ -82,6 +81,36 @@ TEST(NimbkitFetch, LoadsIntoViewsFromTheNetworkThenFromTheCache) {
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_NE(failed.out.find("not a picture (406 from 127.0.0.1)"), std::string::npos) << failed.out;
   EXPECT_EQ(runNimbkit({"fetch", server.url("/pic.png"), "--view", "0x9"}).exitCode, 2);
+
+  // The board of bars is drawn only when the terminal holds it; a taller batch falls back to one
+  // line per event rather than drawing above the top.
+  std::vector<std::string> args{"fetch", "--out", out};
+  for (int i = 0; i < 3; ++i) args.push_back(server.url("/p" + std::to_string(i) + ".png"));
+  auto fits = runOnTerminal(args, 8);
+  EXPECT_EQ(fits.exitCode, 0) << fits.out;
+  EXPECT_NE(fits.out.find("\x1b[3A"), std::string::npos) << fits.out;  // back up to the first bar
+  EXPECT_NE(fits.out.find("] 100%  p0.png"), std::string::npos) << fits.out;
+
+  for (int i = 3; i < 7; ++i) args.push_back(server.url("/p" + std::to_string(i) + ".png"));
+  auto tall = runOnTerminal(args, 8);
+  EXPECT_EQ(tall.exitCode, 0) << tall.out;
+  EXPECT_EQ(tall.out.find("\x1b["), std::string::npos) << tall.out;
+  EXPECT_NE(tall.out.find("p6.png: network\r\n"), std::string::npos) << tall.out;
+
+  // download keeps a picture off the terminal, and a refused connection names where it went.
+  auto onTerminal = runOnTerminal({"download", server.url("/a.png")}, 24);
+  EXPECT_EQ(onTerminal.exitCode, 1);
+  EXPECT_NE(onTerminal.out.find("use -o FILE or redirect standard output"), std::string::npos)
+      << onTerminal.out;
+  EXPECT_EQ(onTerminal.out.find("PNG"), std::string::npos) << onTerminal.out;
+  auto piped = runNimbkit({"download", server.url("/a.png")});
+  EXPECT_EQ(piped.exitCode, 0) << piped.err;
+  EXPECT_TRUE(piped.out.starts_with("\x89PNG")) << piped.out.substr(0, 8);
+
+  auto refused = runNimbkit({"download", "http://127.0.0.1:1/x.png"});
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_NE(refused.err.find("nimbkit: cannot connect to 127.0.0.1:1: "), std::string::npos)
+      << refused.err;
 }
 
 // download stops a server that keeps sending: at --max-size (decoded bytes),
@@ -100,53 +129,8 @@ TEST(NimbkitDownload, SizeAndTimeLimitsEndEndlessBodies) {
       runNimbkit({"download", server.url("/endless"), "--max-size", "0", "--max-time", "0.5"});
   EXPECT_EQ(timed.exitCode, 1);
   EXPECT_NE(timed.err.find("(NSURLErrorDomain -1001)"), std::string::npos) << timed.err;
-  for (const char* bad : {"12Q", "-1", "", "99999999999G"}) {
+  for (const char* bad : {"12Q", "-1", "", "99999999999G"})
     EXPECT_EQ(runNimbkit({"download", server.url("/endless"), "--max-size", bad}).exitCode, 2)
         << bad;
-  }
   EXPECT_EQ(runNimbkit({"download", server.url("/endless"), "--max-time", "0"}).exitCode, 2);
-}
-
-// The board of bars is drawn only when the terminal holds it; a taller
-// batch falls back to one line per event rather than drawing above the top.
-TEST(NimbkitFetch, ProgressBoardKeepsToTheTerminalHeight) {
-  const ScopedHome home;  // a cache of its own
-  HttpTestServer server;
-  server.servePictures(pngBody(Image::withBitmap({8, 8, Data(256, 0x80)})));
-  server.start();
-  const std::string out = makeTemporaryDirectory("board-out");
-  std::vector<std::string> args{"fetch", "--out", out};
-  for (int i = 0; i < 3; ++i) args.push_back(server.url("/p" + std::to_string(i) + ".png"));
-  auto fits = runOnTerminal(args, 8);
-  EXPECT_EQ(fits.exitCode, 0) << fits.out;
-  EXPECT_NE(fits.out.find("\x1b[3A"), std::string::npos) << fits.out;  // back up to the first bar
-  EXPECT_NE(fits.out.find("] 100%  p0.png"), std::string::npos) << fits.out;
-
-  for (int i = 3; i < 7; ++i) args.push_back(server.url("/p" + std::to_string(i) + ".png"));
-  auto tall = runOnTerminal(args, 8);
-  EXPECT_EQ(tall.exitCode, 0) << tall.out;
-  EXPECT_EQ(tall.out.find("\x1b["), std::string::npos) << tall.out;
-  EXPECT_NE(tall.out.find("p6.png: network\r\n"), std::string::npos) << tall.out;
-}
-
-// download keeps a picture off the terminal, and a refused connection
-// names where it went.
-TEST(NimbkitDownload, RefusesBinaryOnATerminalAndNamesTheHostItCannotReach) {
-  const ScopedHome home;  // a cache of its own
-  HttpTestServer server;
-  server.servePictures(pngBody(Image::withBitmap({8, 8, Data(256, 0x80)})));
-  server.start();
-  auto shown = runOnTerminal({"download", server.url("/a.png")}, 24);
-  EXPECT_EQ(shown.exitCode, 1);
-  EXPECT_NE(shown.out.find("use -o FILE or redirect standard output"), std::string::npos)
-      << shown.out;
-  EXPECT_EQ(shown.out.find("PNG"), std::string::npos) << shown.out;
-  auto piped = runNimbkit({"download", server.url("/a.png")});
-  EXPECT_EQ(piped.exitCode, 0) << piped.err;
-  EXPECT_TRUE(piped.out.starts_with("\x89PNG")) << piped.out.substr(0, 8);
-
-  auto refused = runNimbkit({"download", "http://127.0.0.1:1/x.png"});
-  EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_NE(refused.err.find("nimbkit: cannot connect to 127.0.0.1:1: "), std::string::npos)
-      << refused.err;
 }

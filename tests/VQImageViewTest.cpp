@@ -58,9 +58,6 @@ class VQImageViewTest : public LoaderFixture {
 // arrives and caches it; another view of that URL shows it before
 // setImageURL returns.
 TEST_F(VQImageViewTest, PlaceholderThenDownloadThenTheCachedPictureAtOnce) {
-  EXPECT_EQ(view->image(), placeholder);
-  EXPECT_EQ(VQImageView::create()->imageLoader(), VQImageLoader::sharedImageLoader());
-  EXPECT_TRUE(view->isOpaque());
   view->setImageURL(std::nullopt);
   EXPECT_EQ(view->image(), placeholder);
 
@@ -91,6 +88,7 @@ TEST_F(VQImageViewTest, PlaceholderThenDownloadThenTheCachedPictureAtOnce) {
   EXPECT_GT(center.observerCount(), 0u);
   cached->setImageLoader(nullptr);
   EXPECT_EQ(cached->imageLoader(), VQImageLoader::sharedImageLoader());
+  EXPECT_EQ(VQImageView::create()->imageLoader(), VQImageLoader::sharedImageLoader());
   cached->cancelImageLoad();
   view.reset(), cached.reset();
   EXPECT_EQ(center.observerCount(), 0u);
@@ -110,7 +108,6 @@ TEST_F(VQImageViewTest, CroppingCutsTheCentredSquareAndDownloadsOnlyWhenStartedB
 
   view->setImageURL(url("crop.png"));
   view->startImageLoad();  // auto-start is on: nothing
-  EXPECT_FALSE(loader->isLoadingImageURL(url("crop.png")));
   ASSERT_TRUE(RunLoop::current().runUntilIdle(10));
   EXPECT_EQ(requests.load(), 0);
   EXPECT_EQ(view->image(), placeholder);
@@ -166,8 +163,8 @@ TEST_F(VQImageViewTest, CacheLifetimeRefusesNonPositiveValuesOnThePlatformLog) {
   const std::string err = captureOutput(2, [&] {
     for (double bad : {0.0, -2.5}) view->setCacheSecondes(bad);
   });
-  EXPECT_NE(err.find("] [0.000000] is error\n"), std::string::npos) << err;
-  EXPECT_NE(err.find("] [-2.500000] is error\n"), std::string::npos) << err;
+  for (const char* logged : {"] [0.000000] is error\n", "] [-2.500000] is error\n"})
+    EXPECT_NE(err.find(logged), std::string::npos) << err;
   view->setCacheSecondes(60);
   EXPECT_EQ(loader->cache_seconds(), 60.0);
 }
@@ -175,8 +172,7 @@ TEST_F(VQImageViewTest, CacheLifetimeRefusesNonPositiveValuesOnThePlatformLog) {
 // A delegate that sets the same URL again when it hears of a failure gets
 // the picture: the retry is a new download, not lost in the old one's end.
 TEST_F(VQImageViewTest, ADelegateThatRetriesOnFailureGetsThePicture) {
-  auto retrying = std::make_shared<VQImageViewDelegate>();
-  retrying->imageViewLoadedImage = [&](VQImageView&) { ++told.loaded; };
+  auto retrying = told.delegate();
   retrying->imageViewFailedToLoadImage = [&](VQImageView& v, const Error& error) {
     EXPECT_EQ(error.code, 406);
     if (++told.failed == 1) v.setImageURL(url("flaky.png"));
