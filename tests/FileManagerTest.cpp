@@ -48,7 +48,6 @@ TEST_F(FileManagerTest, AtomicWritesReplaceWholeAndCopiesNeverOverwrite) {
   ASSERT_TRUE(FileManager::writeAtomically(path, "second"sv));
   EXPECT_EQ(FileManager::contentsAtPath(path), dataOf("second"));
   EXPECT_EQ(modeOf(path), 0600u);
-  EXPECT_EQ(entries(), 1u);  // no temporary left behind
 
   EXPECT_TRUE(FileManager::copyItem(path, copy));
   ASSERT_TRUE(FileManager::writeAtomically(path, "changed"sv));
@@ -69,7 +68,7 @@ TEST_F(FileManagerTest, AtomicWritesReplaceWholeAndCopiesNeverOverwrite) {
   auto failed = FileManager::writeAtomically(dir + "/missing/file", "x"sv);
   ASSERT_FALSE(failed);
   EXPECT_EQ(failed.error(), (nimb::SystemError{ENOENT, dir + "/missing/file"}));
-  EXPECT_EQ(entries(), 4u);  // file, copy, victim and link
+  EXPECT_EQ(entries(), 4u);  // file, copy, victim and link: no temporary left behind
 }
 
 TEST_F(FileManagerTest, DirectoriesReadsAndRemoval) {

@@ -42,7 +42,6 @@ TEST(NotificationCenter, DeliversToMatchingNameAndSenderInRegistrationOrder) {
   r.add(&observerA, "x", &senderOne, 'o');
   r.add(&observerA, "y", nullptr, 'y');
   r.add(&observerA, "x", nullptr, 'X');
-  EXPECT_EQ(r.center.observerCount(), 6u);
   EXPECT_EQ(r.post("x", &senderOne), "axoX");
   EXPECT_EQ(r.post("x", &senderTwo), "axtX");
   EXPECT_EQ(r.post("z", nullptr), "a");
