@@ -87,7 +87,9 @@ TEST(BaseNKernels, EveryWidthEncodesAndDecodesLikeTheScalarKernel) {
         return std::tuple(encoded, taken, decoded);
       };
       const auto scalar = run(Kind::kScalar);
-      if (!spoil) ASSERT_EQ(std::get<1>(scalar), length / 8 * 8);
+      if (!spoil) {
+        ASSERT_EQ(std::get<1>(scalar), length / 8 * 8);
+      }
       for (Kind kind : runnableKinds()) {
         if (kind != Kind::kScalar) {
           ASSERT_EQ(run(kind), scalar)
