@@ -36,8 +36,7 @@ class ApplicationTest : public ::testing::Test {
       std::filesystem::create_directories(root + dir);
       machine->variables[name] = root + dir;
     }
-    std::filesystem::create_directories(userApps);
-    std::filesystem::create_directories(systemApps);
+    for (const auto& apps : {userApps, systemApps}) std::filesystem::create_directories(apps);
   }
   void TearDown() override { std::filesystem::remove_all(root); }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 using nimb::BaseNKernels;
@@ -76,29 +77,24 @@ TEST(BaseNKernels, EveryWidthEncodesAndDecodesLikeTheScalarKernel) {
       for (auto& c : text) c = alphabet[rng() % 64];
       const bool spoil = length > 0 && rng() % 2;
       if (spoil) text[rng() % length] = "=!\0\x80\xff\n"[rng() % 6];
-      std::string scalarText;
-      std::vector<std::uint8_t> scalarBytes;
-      std::size_t scalarTaken = 0;
-      for (Kind kind : runnableKinds()) {
+      // What a kernel writes, how much text it takes, and the bytes that gives.
+      const auto run = [&](Kind kind) {
         std::string encoded(length / 6 * 8, '\0');
-        ASSERT_EQ(k.encodeBlocks(bytes.data(), length, encoded.data(), kind), length / 6 * 6);
+        EXPECT_EQ(k.encodeBlocks(bytes.data(), length, encoded.data(), kind), length / 6 * 6);
         std::vector<std::uint8_t> decoded(length / 8 * 6);
         const std::size_t taken = k.decodeBlocks(text.data(), length, decoded.data(), kind);
         decoded.resize(taken / 8 * 6);
-        if (kind == Kind::kScalar) {
-          scalarText = encoded;
-          scalarBytes = decoded;
-          scalarTaken = taken;
-          if (!spoil) {
-            ASSERT_EQ(taken, length / 8 * 8);
-          }
-          continue;
+        return std::tuple(encoded, taken, decoded);
+      };
+      const auto scalar = run(Kind::kScalar);
+      if (!spoil) {
+        ASSERT_EQ(std::get<1>(scalar), length / 8 * 8);
+      }
+      for (Kind kind : runnableKinds()) {
+        if (kind != Kind::kScalar) {
+          ASSERT_EQ(run(kind), scalar)
+              << alphabet << " length " << length << " kind " << static_cast<int>(kind);
         }
-        const auto where = testing::Message() << alphabet << " length " << length << " kind "
-                                              << static_cast<int>(kind);
-        ASSERT_EQ(encoded, scalarText) << where;
-        ASSERT_EQ(taken, scalarTaken) << where;
-        ASSERT_EQ(decoded, scalarBytes) << where;
       }
     }
   }

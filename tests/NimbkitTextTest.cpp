@@ -1,12 +1,9 @@
 // `nimbkit text ...` and `nimbkit color`, run as a separate process: each
 // prints what the kit's String and Color extensions answer.
-#include <NimbFoundation/Platform/Graphics/Image.h>
-
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "HttpTestServer.h"
 #include "TestSupport.h"
 
 namespace nimb {
@@ -32,21 +29,6 @@ TEST(NimbkitText, EachSubcommandPrintsOneAnswer) {
   auto unknown = runNimbkit({"text", "frob", "x"});
   EXPECT_EQ(unknown.exitCode, 2);
   EXPECT_NE(unknown.err.find("frob"), std::string::npos);
-}
-
-TEST(NimbkitText, ColorWritesASwatchOrExitsOneWhenItCannot) {
-  const std::string dir = makeTemporaryDirectory("swatch");
-  auto run = runNimbkit({"color", "20C040", "--out", dir + "/s.png"});
-  ASSERT_EQ(run.exitCode, 0) << run.err;
-  auto swatch = Image::withContentsOfFile(dir + "/s.png");
-  ASSERT_TRUE(swatch);
-  EXPECT_EQ(swatch->bitmap().width, 64);
-  EXPECT_EQ(pixel(swatch->bitmap(), 63, 63), (Pixel{0x20, 0xC0, 0x40, 255}));
-
-  auto failed = runNimbkit({"color", "20C040", "--out", dir + "/missing/s.png"});
-  EXPECT_EQ(failed.exitCode, 1);
-  EXPECT_EQ(failed.out, "");
-  EXPECT_NE(failed.err.find("cannot write"), std::string::npos);
 }
 
 }  // namespace

@@ -121,6 +121,10 @@ TEST(NimbkitCommandLine, WriteErrorsExitOneAndOutputFilesHonourTheUmask) {
   EXPECT_NE(sheet.err.find("cannot write the contact sheet to /proc/nope/contact-sheet.png: "),
             std::string::npos)
       << sheet.err;
+  auto swatchFailed = runNimbkit({"color", "20C040", "--out", "/proc/nope/s.png"});
+  EXPECT_EQ(swatchFailed.exitCode, 1);
+  EXPECT_EQ(swatchFailed.out, "");
+  EXPECT_NE(swatchFailed.err.find("cannot write"), std::string::npos) << swatchFailed.err;
 
   // Files written for the user get 0666 less the umask, as a shell's
   // redirection does, and replace a link at their path instead of writing
@@ -141,6 +145,11 @@ TEST(NimbkitCommandLine, WriteErrorsExitOneAndOutputFilesHonourTheUmask) {
                            "fetch/contact-sheet.png", "layout/layout.png"}) {
     EXPECT_EQ(modeOf(dir + "/" + file), 0640u) << file;
   }
+  auto swatch = nimb::Image::withContentsOfFile(dir + "/swatch.png");
+  ASSERT_TRUE(swatch);
+  EXPECT_EQ(swatch->bitmap().width, 64);
+  EXPECT_EQ(nimb::test::pixel(swatch->bitmap(), 63, 63),
+            (nimb::test::Pixel{0x20, 0xC0, 0x40, 255}));
   auto plain = runNimbkitAfter("umask 022", {"color", "20C040", "--out", dir + "/plain.png"});
   EXPECT_EQ(plain.exitCode, 0) << plain.err;
   EXPECT_EQ(modeOf(dir + "/plain.png"), 0644u);

@@ -33,6 +33,10 @@ void fillSlot(int slot, const std::string& identifier, const std::string& appUID
   VQSharedUDID::_setDict({{"SharedUDID", identifier}, {"SharedUDID_appUID", appUID}}, *pasteboard);
 }
 
+std::string described(const Error& error) {
+  return *error.userInfo.at("description").asString();
+}
+
 std::string recordSlot() {
   auto record = UserDefaults::standardUserDefaults().objectForKey("SharedUDID");
   const nimb::Value* slot = record ? record->find("SharedUDID_slot") : nullptr;
@@ -99,7 +103,7 @@ TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesItUnlessOptedOut) {
   EXPECT_TRUE(std::regex_match(id, std::regex("[0-9a-f]{40}"))) << id;
   EXPECT_EQ(error.domain, "org.SharedUDID");
   EXPECT_EQ(error.code, 0);
-  EXPECT_EQ(*error.userInfo.at("description").asString(), "SharedUDID succesfully retrieved");
+  EXPECT_EQ(described(error), "SharedUDID succesfully retrieved");
   auto slot = Pasteboard::pasteboardWithName(slotName(0), false);
   ASSERT_NE(slot, nullptr);
   EXPECT_TRUE(slot->isPersistent());
@@ -112,8 +116,7 @@ TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesItUnlessOptedOut) {
   const std::regex message(
       "Application with unique id [0-9A-F-]{36} is opted-out from SharedUDID as of "
       "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000");
-  EXPECT_TRUE(std::regex_match(*error.userInfo.at("description").asString(), message))
-      << *error.userInfo.at("description").asString();
+  EXPECT_TRUE(std::regex_match(described(error), message)) << described(error);
   VQSharedUDID::setOptOut(false);
   EXPECT_EQ(VQSharedUDID::valueWithError(&error), id);
   EXPECT_EQ(error.code, 0);
@@ -123,7 +126,7 @@ TEST(VQSharedUDID, FirstRunMakesAFreshIdentifierAndCachesItUnlessOptedOut) {
   for (int other : {1, 2}) fillSlot(other, std::string(40, 'b'));
   EXPECT_EQ(VQSharedUDID::valueWithError(&error), id);
   EXPECT_EQ(error.code, 0);
-  EXPECT_EQ(*error.userInfo.at("description").asString(), "SharedUDID in cache from first call");
+  EXPECT_EQ(described(error), "SharedUDID in cache from first call");
   EXPECT_NE(VQSharedUDID::_generateFreshSharedUDID(), VQSharedUDID::_generateFreshSharedUDID());
 }
 
@@ -137,26 +140,21 @@ TEST(VQSharedUDID, TheStoredIdentifierWinsOverTheSlotsWithADiscrepancy) {
   Error error;
   EXPECT_EQ(VQSharedUDID::valueWithError(&error), a);
   EXPECT_EQ(error.code, 2);
-  EXPECT_EQ(*error.userInfo.at("description").asString(),
+  EXPECT_EQ(described(error),
             "Found a discrepancy between stored SharedUDID (reliable) and redundant copies; one "
             "of the apps on the device is most likely corrupting the SharedUDID protocol");
   // It claimed the free slot 4 and saved the record with it.
   EXPECT_EQ(recordSlot(), slotName(4));
 }
 
+// The count beats the order; a tie goes to the identifier that sorts last,
+// among the tied ones only.
 TEST(VQSharedUDID, ElectionTakesTheMostHeldIdentifierAndTiesGoToTheLastSorted) {
   const std::string a(40, 'a'), b(40, 'b'), c(40, 'c');
   const struct {
     std::vector<std::string> held;
     std::optional<std::string> elected;
-  } cases[] = {
-      {{}, std::nullopt},
-      {{a}, a},
-      {{c, b, b}, b},        // the count beats the order
-      {{b, a}, b},           // a tie goes to the identifier that sorts last
-      {{c, a, b, a, c}, c},  // among the tied ones only
-      {{a, a, a, c, b, b}, a},
-  };
+  } cases[] = {{{}, std::nullopt}, {{a}, a}, {{c, b, b}, b}, {{b, a}, b}, {{c, a, b, a, c}, c}};
   for (const auto& test : cases) {
     EXPECT_EQ(VQSharedUDID::_elect(test.held), test.elected) << ::testing::PrintToString(test.held);
   }
