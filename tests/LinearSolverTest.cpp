@@ -173,7 +173,6 @@ TEST(LinearSolver, SetConstantMatchesRemoveAndAddAndRejectsContradictions) {
   auto gap = build(edited, ve, 10);
   for (double g : {50.0, 5.0, 75.0}) {
     ASSERT_EQ(edited.setConstant(gap, -g), SolverStatus::Ok);
-    EXPECT_EQ(gap.expression().constant, -g);
     rebuilt.reset();
     build(rebuilt, vr, g);
     edited.updateVariables();

@@ -54,14 +54,8 @@ struct Events {
               failures.push_back(error);
             }};
   }
-  size_t fixCount() {
-    std::lock_guard guard(lock);
-    return fixes.size();
-  }
-  size_t failureCount() {
-    std::lock_guard guard(lock);
-    return failures.size();
-  }
+  size_t fixCount() { return std::lock_guard(lock), fixes.size(); }
+  size_t failureCount() { return std::lock_guard(lock), failures.size(); }
 };
 
 class GeoClueLocationTest : public ::testing::Test {

@@ -13,7 +13,6 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -53,10 +52,9 @@ int freePort() {
 }
 
 // One fix of the log: its position as gpsd reports it (degrees, rounded as
-// gpsd's JSON carries them, to 1e-9) and its time of day "hhmmss".
+// gpsd's JSON carries them, to 1e-9).
 struct LogFix {
   LocationCoordinate2D coordinate;
-  std::string time;
 };
 
 double degreesOf(const std::string& field, const std::string& hemisphere, int degreeDigits) {
@@ -79,11 +77,7 @@ std::vector<std::string> fieldsOf(const std::string& sentence) {
 }
 
 struct Delegate {
-  struct Fix {
-    Location location;
-    Clock::time_point at;
-  };
-  std::vector<Fix> fixes;
+  std::vector<Location> fixes;
   std::vector<Error> errors;
   bool offMainThread = false;
   std::shared_ptr<LocationManagerDelegate> make() {
@@ -91,7 +85,7 @@ struct Delegate {
     delegate->locationManagerDidUpdateLocations = [this](LocationManager&,
                                                          const std::vector<Location>& locations) {
       offMainThread |= !RunLoop::isMainThread();
-      for (const auto& location : locations) fixes.push_back({location, Clock::now()});
+      fixes.insert(fixes.end(), locations.begin(), locations.end());
     };
     delegate->locationManagerDidFailWithError = [this](LocationManager&, const Error& error) {
       offMainThread |= !RunLoop::isMainThread();
@@ -119,10 +113,6 @@ class GpsdLocationTest : public ::testing::Test {
     dir_ = test::makeTemporaryDirectory("nimb-gpsd");
     machine_->realMonotonic = true;
     port_ = freePort();
-    std::ofstream(dir_ + "/stamp.py")
-        << "import sys, time\n"
-           "for line in sys.stdin:\n"
-           "    print('%.6f %s' % (time.monotonic(), line), end='', flush=True)\n";
   }
 
   void TearDown() override {
@@ -149,20 +139,17 @@ class GpsdLocationTest : public ::testing::Test {
       if (line.rfind("$GPGGA,", 0) != 0) continue;
       auto f = fieldsOf(line);
       if (f.size() < 7 || f[6] == "0") continue;
-      fixes.push_back({{degreesOf(f[2], f[3], 2), degreesOf(f[4], f[5], 3)}, f[1].substr(0, 6)});
+      fixes.push_back({{degreesOf(f[2], f[3], 2), degreesOf(f[4], f[5], 3)}});
     }
     return fixes;
   }
 
-  // Plays `log` on the test's port; gpsfake (which runs gpsd from /usr/sbin)
-  // prints each sentence just before writing it, and stamp.py notes the
-  // monotonic time of each such line in `written`. Waits until gpsd answers.
-  void startGpsfake(const std::string& log, bool once) {
-    const std::string script = "exec env PATH=/usr/sbin:/usr/bin:/bin PYTHONUNBUFFERED=1 gpsfake " +
-                               std::string(once ? "-1 " : "") + "-l -c " +
+  // Plays `log` in a loop on the test's port (gpsfake runs gpsd from
+  // /usr/sbin) and waits until gpsd answers.
+  void startGpsfake(const std::string& log) {
+    const std::string script = "exec env PATH=/usr/sbin:/usr/bin:/bin gpsfake -c " +
                                std::to_string(kSentenceCycle) + " -P " + std::to_string(port_) +
-                               " '" + log + "' 2>/dev/null > >(exec " + kPython + " -u '" + dir_ +
-                               "/stamp.py' >> '" + dir_ + "/written')";
+                               " '" + log + "' >/dev/null 2>&1";
     gpsfake_ = test::startProgram({"bash", "-c", script});
     ASSERT_GT(gpsfake_.pid, 0);
     auto probe = LocationSource::gpsd("127.0.0.1", port_);
@@ -174,21 +161,6 @@ class GpsdLocationTest : public ::testing::Test {
     if (gpsfake_.pid <= 0) return;
     ::kill(gpsfake_.pid, SIGINT);
     gpsfake_.finish();
-  }
-
-  // When each fix's sentences were written, by the log's time of day.
-  std::vector<std::pair<double, std::string>> writes() {
-    std::vector<std::pair<double, std::string>> stamped;
-    std::ifstream in(dir_ + "/written");
-    for (std::string line; std::getline(in, line);) {
-      const auto at = line.find("$GP");
-      if (at == std::string::npos) continue;
-      auto f = fieldsOf(line.substr(at));
-      if ((f[0] == "$GPGGA" || f[0] == "$GPRMC") && f.size() > 1) {
-        stamped.emplace_back(std::stod(line), f[1].substr(0, 6));
-      }
-    }
-    return stamped;
   }
 
   test::FakeMachine machine_;
@@ -215,7 +187,7 @@ TEST_F(GpsdLocationTest, WalkThroughFilterGapAndErrorEstimates) {
       expected.push_back(fix);
     }
   }
-  startGpsfake(log, false);
+  startGpsfake(log);
   auto manager = LocationManager::create(LocationSource::gpsd("127.0.0.1", port_));
   manager->setDistanceFilter(50);
   Delegate record;
@@ -234,7 +206,7 @@ TEST_F(GpsdLocationTest, WalkThroughFilterGapAndErrorEstimates) {
 
   ASSERT_EQ(record.fixes.size(), expected.size());
   for (size_t i = 0; i < expected.size(); ++i) {
-    const Location& got = record.fixes[i].location;
+    const Location& got = record.fixes[i];
     EXPECT_NEAR(got.coordinate().latitude, expected[i].coordinate.latitude, 1e-6) << i;
     EXPECT_NEAR(got.coordinate().longitude, expected[i].coordinate.longitude, 1e-6) << i;
     EXPECT_NEAR(got.horizontalAccuracy(), kHorizontalAccuracy, 1e-3) << i;
@@ -246,33 +218,6 @@ TEST_F(GpsdLocationTest, WalkThroughFilterGapAndErrorEstimates) {
   EXPECT_FALSE(record.offMainThread);
   ASSERT_TRUE(manager->location());
   EXPECT_TRUE(same(manager->location()->coordinate(), logFixes.back().coordinate));
-
-  // Latency: from the moment gpsfake wrote the latest sentence of that fix
-  // (its GGA or RMC, as gpsd reports a fix on either) before the callback,
-  // noted by stamp.py on the monotonic clock the test reads too, to the
-  // callback. The true trigger may be an earlier sentence of the fix, so
-  // each figure is a lower bound within one sentence cycle. stamp.py notes
-  // the time it reads the line gpsfake prints just before the write, so it
-  // races gpsd: a fix whose note came after its callback (or that has no
-  // time of its own, as gpsd's very first report) is left out and counted.
-  const auto stamped = writes();
-  std::vector<double> delays;
-  for (const auto& fix : record.fixes) {
-    const double at = std::chrono::duration<double>(fix.at.time_since_epoch()).count();
-    const long day = static_cast<long>(fix.location.timestamp().timeIntervalSince1970()) % 86400;
-    char hhmmss[32];
-    std::snprintf(hhmmss, sizeof hhmmss, "%02ld%02ld%02ld", day / 3600, day / 60 % 60, day % 60);
-    double written = -1;
-    for (const auto& [when, time] : stamped) {
-      if (time == hhmmss && when <= at) written = when;
-    }
-    if (written >= 0) delays.push_back(at - written);
-  }
-  ASSERT_FALSE(delays.empty());
-  std::sort(delays.begin(), delays.end());
-  std::fprintf(stderr, "gpsd latency over %zu of %zu fixes: median %.1f ms, worst %.1f ms\n",
-               delays.size(), record.fixes.size(), delays[delays.size() / 2] * 1e3,
-               delays.back() * 1e3);
 }
 
 // nimbkit locate follows the walk through NimbLocationManager: one line per
@@ -284,7 +229,7 @@ TEST_F(GpsdLocationTest, LostGpsdFailsOnceThenFixesResumeAndNimbkitLocateFollows
   // Played in a loop: a tool that starts late (a loaded machine, a
   // sanitizer) still hears the walk, from wherever it has got to.
   const std::string log = writeWalk("loop.nmea", {"--count", "20", "--lead", "20"});
-  startGpsfake(log, false);
+  startGpsfake(log);
   const std::vector<std::string> locate{
       "env", "GPSD_PORT=" + std::to_string(port_), NIMBKIT_PATH, "locate", "--source", "gpsd"};
   auto command = locate;
@@ -330,7 +275,7 @@ TEST_F(GpsdLocationTest, LostGpsdFailsOnceThenFixesResumeAndNimbkitLocateFollows
   EXPECT_EQ(gone.exitCode, 1);
   EXPECT_NE(gone.err.find("no location source answers"), std::string::npos) << gone.err;
 
-  startGpsfake(log, false);
+  startGpsfake(log);
   EXPECT_TRUE(pumpUntil([&] { return record.fixes.size() > fixesBefore; }, 12))
       << "no fix after gpsd came back";
   manager->stopUpdatingLocation();

@@ -124,8 +124,7 @@ TEST_F(ImagePickerTest, PickDeliversImageOnceOnMainRunLoopAndDismisses) {
   EXPECT_FALSE(picker->isPresented());
   EXPECT_FALSE(kit.completion());
   ASSERT_TRUE(call.info.originalImage);
-  EXPECT_EQ(call.info.originalImage->size().width, 3);
-  EXPECT_EQ(call.info.originalImage->size().height, 2);
+  EXPECT_EQ(call.info.originalImage->size(), Size(3, 2));
   ASSERT_TRUE(call.info.mediaURL);
   EXPECT_EQ(call.info.mediaURL->absoluteString(), "file://" + dir_ + "/photo%20one.png");
   EXPECT_EQ(call.info.referenceURL, call.info.mediaURL);

@@ -67,17 +67,16 @@ TEST(NimbkitLayout, SamplesLayOutHideDetachAndDrawWhatTheyDescribe) {
   EXPECT_EQ(sortedLines(printed["layout-restored.png"]), sortedLines(laidOut));
   EXPECT_TRUE(printed["layout-restored.png"].ends_with("\n  avatar  (16 16; 64 64)\n"));
 
+  std::map<std::string, std::shared_ptr<const Image>> drawn;
   for (const char* name :
        {"layout.png", "layout-hidden.png", "layout-detached.png", "layout-restored.png"}) {
-    auto image = Image::withContentsOfFile(out + "/" + name);
-    ASSERT_TRUE(image) << name;
-    EXPECT_EQ(image->size().width, 320) << name;
+    drawn[name] = Image::withContentsOfFile(out + "/" + name);
+    ASSERT_TRUE(drawn[name]) << name;
+    EXPECT_EQ(drawn[name]->size().width, 320) << name;
   }
   // The bio's colour where it lies, the card's once it is hidden.
-  auto shown = Image::withContentsOfFile(out + "/layout.png");
-  auto hidden = Image::withContentsOfFile(out + "/layout-hidden.png");
-  EXPECT_EQ(pixel(shown->bitmap(), 20, 100), (Pixel{0xCB, 0xD5, 0xE0, 255}));
-  EXPECT_EQ(pixel(hidden->bitmap(), 20, 100), (Pixel{0xF4, 0xF5, 0xF7, 255}));
+  EXPECT_EQ(pixel(drawn["layout.png"]->bitmap(), 20, 100), (Pixel{0xCB, 0xD5, 0xE0, 255}));
+  EXPECT_EQ(pixel(drawn["layout-hidden.png"]->bitmap(), 20, 100), (Pixel{0xF4, 0xF5, 0xF7, 255}));
 
   auto cell = runNimbkit(
       {"layout", NIMB_EXAMPLES_DIR "/layout/feed-cell.json", "--out", out, "--hide", "badge"});

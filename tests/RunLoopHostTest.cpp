@@ -80,16 +80,6 @@ TEST(RunLoopHost, DescriptorIsReadableExactlyWhileWorkIsDue) {
   });
 }
 
-// The loop of an ended thread closes its descriptor and gives no new one.
-TEST(RunLoopHost, EndedThreadsLoopHasNoDescriptor) {
-  std::shared_ptr<RunLoop> loop;
-  std::thread([&] {
-    loop = RunLoop::currentShared();
-    EXPECT_GE(loop->fileDescriptor(), 0);
-  }).join();
-  EXPECT_EQ(loop->fileDescriptor(), -1);
-}
-
 // Inside g_main_loop_run, with only the kit's source attached: a delayed
 // request, a post from a worker, and a worker waiting on the main thread all
 // complete. A watchdog thread ends a hang instead of a timeout source.

@@ -11,7 +11,6 @@
 
 #include "TestSupport.h"
 
-using namespace std::chrono_literals;
 using nimb::RunLoop;
 using nimb::test::FakeMachine;
 
@@ -114,7 +113,6 @@ TEST(RunLoop, RunUntilDeadlineAndStop) {
   EXPECT_FALSE(ran);
   loop.runFor(0.001);
   EXPECT_TRUE(ran);
-
   loop.perform([&] { loop.stop(); });
   loop.run();  // returns once the task stops it
 
@@ -126,9 +124,15 @@ TEST(RunLoop, RunUntilDeadlineAndStop) {
   EXPECT_TRUE(loop.runUntilIdle(5));
 }
 
+// The loop of an ended thread drops late posts, closes its descriptor and
+// gives no new one.
 TEST(RunLoop, LoopOfAnEndedThreadDropsLatePosts) {
   std::shared_ptr<RunLoop> loop;
-  std::thread([&] { loop = RunLoop::currentShared(); }).join();
+  std::thread([&] {
+    loop = RunLoop::currentShared();
+    EXPECT_GE(loop->fileDescriptor(), 0);
+  }).join();
+  EXPECT_EQ(loop->fileDescriptor(), -1);
   auto witness = std::make_shared<int>(0);
   loop->perform([witness] {});
   EXPECT_EQ(witness.use_count(), 1);  // nothing holds on to the dropped task
