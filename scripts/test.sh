@@ -13,7 +13,7 @@ scripts/install-deps.sh
 
 jobs=${NIMB_JOBS:-2}
 # Groups whose code runs on several threads; they also run under TSan.
-threaded='^(Runtime|NimbKitRuntime|RunLoop|OperationQueue|VQCacheTest|URLConnectionTest|VQImageLoadConnectionTest|VQUtilsLog|VQImageLoaderTest|NotificationCenter|Image[A-Za-z]*|[A-Za-z]*Location[A-Za-z]*)\.'
+threaded='^(Runtime|NimbKitRuntime|RunLoop|OperationQueue|VQCacheTest|VQMemoryCache|URLConnectionTest|VQImageLoadConnectionTest|VQUtilsLog|VQImageLoaderTest|NotificationCenter|Image[A-Za-z]*|[A-Za-z]*Location[A-Za-z]*)\.'
 
 suite() {
   local name=$1 filter=$2

@@ -273,6 +273,48 @@ TEST_F(VQCacheTest, CopyRemoveAndClear) {
   EXPECT_TRUE(FileManager::fileExists(path("stray")));  // not in the index
 }
 
+// Decoded pictures answer from memory while the key's file is the one they
+// came from; a file replaced or removed behind the instance's back, a later
+// set, and a removal all make the next read go to the disk.
+TEST_F(VQCacheTest, DecodedPicturesAnswerFromMemoryWhileTheFileIsTheSame) {
+  auto solid = [](std::uint8_t shade, double scale = 1.0) {
+    return nimb::Image::withBitmap({8, 8, Data(8 * 8 * 4, shade)}, scale);
+  };
+  auto shadeOf = [](const std::shared_ptr<const nimb::Image>& image) {
+    return image ? int(image->bitmap().rgba[0]) : -1;
+  };
+  const Data dark = *solid(0x20)->pngRepresentation(), light = *solid(0xE0)->pngRepresentation();
+  cache->setData(dark, "pic", 100);
+  settle(*cache);
+  auto first = cache->imageForKey("pic");
+  EXPECT_EQ(cache->imageForKey("pic"), first);
+  EXPECT_EQ(cache->memoryCache().count(), 1u);
+  ASSERT_TRUE(FileManager::writeAtomically(path("pic"), light));  // another process
+  EXPECT_EQ(shadeOf(cache->imageForKey("pic")), 0xE0);
+  ASSERT_EQ(::unlink(path("pic").c_str()), 0);
+  EXPECT_EQ(cache->imageForKey("pic"), nullptr);
+
+  // A picture handed over with its bytes is the one read back once they
+  // land; a later set of the key withdraws it.
+  auto decoded = nimb::Image::withData(dark);
+  cache->setData(dark, "given", 100, decoded);
+  cache->setData(dark, "late", 100, decoded);
+  cache->setData(light, "late", 100);
+  settle(*cache);
+  EXPECT_EQ(cache->imageForKey("given"), decoded);
+  EXPECT_NE(cache->imageForKey("late"), decoded);
+  // A picture the file does not read back as (another scale) is not kept.
+  cache->setImage(solid(0x20, 2.0), "scaled", 100);
+  settle(*cache);
+  EXPECT_EQ(cache->imageForKey("scaled")->scale(), 1.0);
+
+  const std::size_t kept = cache->memoryCache().count();
+  cache->removeCacheForKey("given");
+  EXPECT_EQ(cache->memoryCache().count(), kept - 1);
+  cache->clearCache();
+  EXPECT_EQ(cache->memoryCache().count(), 0u);
+}
+
 // A damaged index, or a FIFO in its place, reads as empty at once, and the
 // next save replaces it with what the instance knows, not with its latest
 // change alone.

@@ -112,7 +112,15 @@ TEST_F(VQImageLoaderTest, TwoObserversOfOneURLShareOneRequestAndTheCache) {
   ASSERT_TRUE(cached);
   EXPECT_EQ(std::string(cached->begin(), cached->end()), png);
   EXPECT_NEAR(cache->cacheDictionary().at(key).timeIntervalSince(Date::now()), 604800, 5);
-  EXPECT_TRUE(loader->imageForURL(url("a.png"), nullptr, true));
+  // Once the bytes are on disk, the very picture the observers got answers
+  // from memory, and clearing the URL drops it there too.
+  cache->diskOperationQueue().waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(loader->imageForURL(url("a.png"), nullptr, true),
+            *first.notifications.back().get<std::shared_ptr<const Image>>("image"));
+  loader->clearCacheForURL(url("a.png"));
+  EXPECT_EQ(cache->memoryCache().count(), 0u);
+  cache->diskOperationQueue().waitUntilAllOperationsAreFinished();
+  EXPECT_FALSE(loader->imageForURL(url("a.png"), nullptr, false));
 }
 
 // Cancelled within the start delay, a load sends nothing; cancelled while

@@ -126,6 +126,48 @@ Result<void> writeData(Env& env, const Data& data, const std::string& path) {
 // Key to its new expiry date, or to nullopt for a removal.
 using Changes = std::map<std::string, std::optional<Date>>;
 
+// Which source a picture in memory was decoded from: the file's inode,
+// size and modification time, folded into one word.
+std::uint64_t versionOf(const FileInfo& info) {
+  std::uint64_t h = info.inode * 0x9E3779B97F4A7C15ull;
+  h ^= info.size + 0x632BE59BD9B4E019ull + (h << 6) + (h >> 2);
+  const auto ns = static_cast<std::uint64_t>(
+      static_cast<std::int64_t>(std::llround(info.modified.timeIntervalSince1970() * 1e9)));
+  h ^= ns + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+  return h;
+}
+
+// The memory side of one instance, shared with the disk jobs that put a
+// picture there once its bytes have landed.
+struct MemoryFront {
+  VQMemoryCache memory;
+  // The latest set of each key that brings a decoded picture, by ticket;
+  // any later change of the key withdraws it, so a write that lands late
+  // never puts an older picture in front of newer bytes.
+  std::mutex mutex;
+  std::map<std::string, std::uint64_t> pending;
+  std::uint64_t nextTicket = 0;
+
+  std::uint64_t expect(const std::string& key) {
+    std::lock_guard lock(mutex);
+    pending[key] = ++nextTicket;
+    return nextTicket;
+  }
+  void forget(const std::string& key) {
+    memory.removeImagesForKey(key);
+    std::lock_guard lock(mutex);
+    pending.erase(key);
+  }
+  // Whether `ticket` is still the key's latest set; it is used up either way.
+  bool claim(const std::string& key, std::uint64_t ticket) {
+    std::lock_guard lock(mutex);
+    auto found = pending.find(key);
+    if (found == pending.end() || found->second != ticket) return false;
+    pending.erase(found);
+    return true;
+  }
+};
+
 struct VQCache::Impl {
   Impl(std::shared_ptr<Env> e, std::string dir, double timeout)
       : env(std::move(e)),
@@ -174,6 +216,7 @@ struct VQCache::Impl {
   std::unique_ptr<OperationQueue> diskOperationQueue = std::make_unique<OperationQueue>();
   std::atomic<double> defaultTimeoutInterval{0.0};
   const std::shared_ptr<WriteFailures> writeFailures = std::make_shared<WriteFailures>();
+  const std::shared_ptr<MemoryFront> front = std::make_shared<MemoryFront>();
 };
 
 const std::string& VQCache::cacheDirectory() {
@@ -321,6 +364,10 @@ OperationQueue& VQCache::diskOperationQueue() {
   return *impl_->diskOperationQueue;
 }
 
+VQMemoryCache& VQCache::memoryCache() const {
+  return impl_->front->memory;
+}
+
 bool VQCache::hasCacheForKey(const std::string& key) const {
   if (!isUsableKey(key)) return false;
   Date expiry;
@@ -345,10 +392,26 @@ void VQCache::setData(Data data, const std::string& key) {
 }
 
 void VQCache::setData(Data data, const std::string& key, double timeoutInterval) {
+  setData(std::move(data), key, timeoutInterval, nullptr);
+}
+
+void VQCache::setData(Data data, const std::string& key, double timeoutInterval,
+                      std::shared_ptr<const Image> decoded, PixelSize decodedFor) {
   if (isReserved(key) || !isUsableKey(key)) return;
+  auto& front = impl_->front;
+  front->forget(key);
+  const std::uint64_t ticket = decoded ? front->expect(key) : 0;
   std::string path = impl_->pathForKey(key);
-  impl_->perform([env = impl_->system(), failures = impl_->writeFailures, data = std::move(data),
-                  path = std::move(path)] { failures->record(writeData(*env, data, path)); });
+  impl_->perform([env = impl_->system(), failures = impl_->writeFailures, front, key, ticket,
+                  decoded = std::move(decoded), decodedFor, data = std::move(data),
+                  path = std::move(path)] {
+    auto written = writeData(*env, data, path);
+    failures->record(written);
+    if (!ticket || !front->claim(key, ticket) || !written) return;
+    if (auto info = env->fileInfo(path, FollowLinks::No)) {
+      front->memory.setImage(decoded, key, decodedFor, versionOf(*info));
+    }
+  });
   recordEntry(key, timeoutInterval);
 }
 
@@ -383,9 +446,20 @@ void VQCache::setString(std::string_view string, const std::string& key, double 
 
 std::shared_ptr<const Image> VQCache::imageForKey(const std::string& key) const {
   if (!isUsableKey(key)) return nullptr;
-  auto bytes = impl_->system()->readFile(impl_->pathForKey(key), FollowLinks::No);
+  auto env = impl_->system();
+  const std::string path = impl_->pathForKey(key);
+  // The file as it is now decides, whatever memory holds: taken before the
+  // read, a file replaced meanwhile only makes the next lookup miss.
+  auto info = env->fileInfo(path, FollowLinks::No);
+  if (!info || info->kind != FileInfo::Kind::kRegular) return nullptr;
+  const std::uint64_t version = versionOf(*info);
+  auto& memory = impl_->front->memory;
+  if (auto kept = memory.imageForKey(key, {}, version)) return kept;
+  auto bytes = env->readFile(path, FollowLinks::No);
   if (!bytes) return nullptr;
-  return Image::withData(std::move(*bytes));
+  auto image = Image::withData(std::move(*bytes));
+  memory.setImage(image, key, {}, version);
+  return image;
 }
 
 void VQCache::setImage(const std::shared_ptr<const Image>& image, const std::string& key) {
@@ -397,7 +471,10 @@ void VQCache::setImage(const std::shared_ptr<const Image>& image, const std::str
   // Recording an entry without bytes would vouch for whatever file is there.
   auto png = ImagePNGRepresentation(image);
   if (!png) return;
-  setData(std::move(*png), key, timeoutInterval);
+  // The file reads back as these pixels, upright at scale 1: only such a
+  // picture may stand for it in memory.
+  const bool same = image->scale() == 1.0 && image->orientation() == ImageOrientation::Up;
+  setData(std::move(*png), key, timeoutInterval, same ? image : nullptr);
 }
 
 std::optional<Value> VQCache::plistForKey(const std::string& key) const {
@@ -425,6 +502,7 @@ void VQCache::copyFilePath(const std::string& sourcePath, const std::string& key
   // The index name is not refused here: copying onto it fails because the
   // index file is there, and the entry is recorded all the same.
   if (!isUsableKey(key)) return;
+  impl_->front->forget(key);
   impl_->writeFailures->record(impl_->system()->copyFile(sourcePath, impl_->pathForKey(key)));
   recordEntry(key, timeoutInterval);
 }
@@ -436,6 +514,7 @@ void VQCache::removeCacheForKey(const std::string& key) {
 }
 
 void VQCache::removeItemFromCache(const std::string& key) {
+  impl_->front->forget(key);
   // An entry named like the index (only copyFilePath makes one) is dropped,
   // but its "file" is the index itself, which must survive.
   if (!isReserved(key)) {

@@ -37,6 +37,14 @@
 //     in the index; they keep failing the expiry test.
 //   - imageForKey() reads the file straight away, ignoring the index and
 //     expiry: a file that is still there is still an image.
+//   - Decoded pictures are kept in memoryCache(), in front of the files:
+//     imageForKey() answers from there while the key's file is still the
+//     one the picture was decoded from (same inode, size and modification
+//     time, checked with one lstat), so a file removed or replaced by
+//     another process or instance is never answered for. Every set, copy,
+//     removal and clear of a key drops its pictures from memory; a picture
+//     handed to setData() or setImage() is kept only once its bytes are on
+//     disk, so a key still reads as missing until then.
 //   - "VQCache.plist" is reserved: the data families and removal refuse it,
 //     while copyFilePath() does not (it then fails to copy over the index
 //     file, yet records the entry). A key that cannot name exactly one file
@@ -67,6 +75,7 @@
 #include <string_view>
 
 #include <NimbFoundation/Export.h>
+#include <NimbFoundation/Images/VQMemoryCache.h>
 #include <NimbFoundation/Platform/Concurrency/OperationQueue.h>
 #include <NimbFoundation/Platform/Core/Date.h>
 #include <NimbFoundation/Platform/Core/Result.h>
@@ -147,13 +156,20 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   std::optional<Data> dataForKey(const std::string& key) const;
   void setData(Data data, const std::string& key);
   void setData(Data data, const std::string& key, double timeoutInterval);
+  // The same, with `decoded`, the picture the bytes hold (decoded for
+  // `decodedFor`, PixelSize{} for a full decode): it goes to memoryCache()
+  // once the bytes are on disk, unless the key changed meanwhile, so the
+  // next imageForKey() need not decode them again.
+  void setData(Data data, const std::string& key, double timeoutInterval,
+               std::shared_ptr<const Image> decoded, PixelSize decodedFor = {});
 
   // Stored as UTF-8; bytes that are not UTF-8 read back as nullopt.
   std::optional<std::string> stringForKey(const std::string& key) const;
   void setString(std::string_view string, const std::string& key);
   void setString(std::string_view string, const std::string& key, double timeoutInterval);
 
-  // Stored as PNG. A null image stores nothing.
+  // Stored as PNG. A null image stores nothing. Reads answer from
+  // memoryCache() first (see the class comment).
   std::shared_ptr<const Image> imageForKey(const std::string& key) const;
   void setImage(const std::shared_ptr<const Image>& image, const std::string& key);
   void setImage(const std::shared_ptr<const Image>& image, const std::string& key,
@@ -184,6 +200,8 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   std::map<std::string, Date> cacheDictionary() const;
   // Where entry files are written and deleted.
   OperationQueue& diskOperationQueue();
+  // This instance's decoded pictures (each instance has its own).
+  VQMemoryCache& memoryCache() const;
   // The file path of `key` in the shared directory (meaningful only for
   // usable keys).
   static std::string pathForKey(std::string_view key);

@@ -253,15 +253,18 @@ void VQImageLoader::didFinishLoading(VQImageLoadConnection& connection) {
   UserInfo userInfo;
   std::string_view prefix = kLoadedPrefix;
   bool accepted = true;
+  std::shared_ptr<const Image> image;
   if (isGif()) {
     userInfo["imageGif"] = bytes;
-  } else if (auto image = Image::withData(bytes)) {
-    userInfo["image"] = std::shared_ptr<const Image>(std::move(image));
+  } else if ((image = Image::withData(bytes))) {
+    userInfo["image"] = image;
   } else {
     accepted = false;
   }
   if (accepted) {
-    cache()->setData(bytes, keyForURL(url), cache_seconds());
+    // The picture goes to the memory cache with the bytes, so that asking
+    // for it again decodes nothing.
+    cache()->setData(bytes, keyForURL(url), cache_seconds(), image);
   } else {
     userInfo["error"] = Error{url.host(), kNotAnImageCode, {}};
     prefix = kLoadFailedPrefix;

@@ -30,6 +30,9 @@
 //     hears everything twice. Observers are never removed by the loader.
 //   - imageForURL() does not look at expiry (the cache's imageForKey does
 //     not); dataForURL() and hasLoadedImageURL() do.
+//   - A finished download's picture is kept, decoded, in the cache's
+//     memoryCache() once its bytes are on disk, so imageForURL() then
+//     answers without reading or decoding.
 //   - When observers hear that a download ended (loaded or failed), the URL
 //     is idle: a load they ask for from their handler (a retry after a
 //     failure, a reload after clearing the cache) is a new download, and it
@@ -125,7 +128,8 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   // Nothing happens for a missing URL.
   void loadImageForURL(const std::optional<URL>& url,
                        const std::shared_ptr<VQImageLoaderObserver>& observer);
-  // The cached picture (expired or not), else nullptr; on a miss with
+  // The cached picture (expired or not), else nullptr; the cache's memory
+  // of decoded pictures answers first (VQCache::imageForKey). On a miss with
   // `autoLoad`, loadImageForURL(url, observer).
   std::shared_ptr<const Image> imageForURL(const std::optional<URL>& url,
                                            const std::shared_ptr<VQImageLoaderObserver>& observer,

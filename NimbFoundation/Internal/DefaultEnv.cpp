@@ -397,6 +397,7 @@ Result<FileInfo> DefaultEnv::fileInfo(const std::string& path, FollowLinks follo
               : S_ISLNK(st.st_mode) ? FileInfo::Kind::kSymbolicLink
                                     : FileInfo::Kind::kOther;
   info.size = static_cast<std::uint64_t>(st.st_size);
+  info.inode = static_cast<std::uint64_t>(st.st_ino);
   info.modified =
       Date::fromTimeIntervalSince1970(double(st.st_mtim.tv_sec) + double(st.st_mtim.tv_nsec) / 1e9);
   return info;

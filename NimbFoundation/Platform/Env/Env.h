@@ -44,6 +44,9 @@ struct FileInfo {
   Kind kind = Kind::kOther;
   std::uint64_t size = 0;
   Date modified;
+  // The file's identity on its device: a file replaced by a rename has
+  // another one. 0 when the system gives none.
+  std::uint64_t inode = 0;
 };
 
 // Facts about the device, as Device reports them.

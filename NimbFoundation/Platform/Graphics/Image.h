@@ -48,6 +48,13 @@ enum class ImageOrientation : int {
   RightMirrored = 7,
 };
 
+// A size in pixels a picture is to be shown at.
+struct PixelSize {
+  int width = 0;
+  int height = 0;
+  bool operator==(const PixelSize&) const = default;
+};
+
 // A block of RGBA pixels.
 struct Bitmap {
   int width = 0;
