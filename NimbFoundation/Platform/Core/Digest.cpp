@@ -5,10 +5,15 @@
 namespace nimb {
 
 Digest::MD5Digest Digest::md5(std::span<const std::uint8_t> bytes) {
+  // Fetched once: EVP_md5() looks the algorithm up in the provider table,
+  // under a lock, on every digest, which costs more than hashing a URL.
+  // MD5 is always present in OpenSSL's default provider; should the fetch
+  // fail all the same, the implicit lookup still works.
+  static EVP_MD* const fetched = EVP_MD_fetch(nullptr, "MD5", nullptr);
   MD5Digest out{};
   unsigned int length = 0;
-  // One-shot EVP digest; MD5 is always present in OpenSSL's default provider.
-  EVP_Digest(bytes.data(), bytes.size(), out.data(), &length, EVP_md5(), nullptr);
+  EVP_Digest(bytes.data(), bytes.size(), out.data(), &length, fetched ? fetched : EVP_md5(),
+             nullptr);
   return out;
 }
 
