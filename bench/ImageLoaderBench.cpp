@@ -583,6 +583,7 @@ BENCHMARK(BM_Warm_VQImageLoader)
 
 constexpr const char* kPeakFlag = "--peak-child=";
 constexpr const char* kBaseFlag = "--peak-base=";
+constexpr const char* kProfileFlag = "--profile=";
 
 long vmHwmKb() {
   std::ifstream status("/proc/self/status");
@@ -659,6 +660,38 @@ int main(int argc, char** argv) {
   setenv("XDG_CACHE_HOME", home.c_str(), 1);
 
   server();
+  // --profile=loader|plain: five cold runs of one side and nothing else, for
+  // a profiler. It prints when the corpus is ready, so `perf record -D`
+  // can skip making it.
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.rfind(kProfileFlag, 0) != 0) continue;
+    const std::string side = arg.substr(std::strlen(kProfileFlag));
+    std::fprintf(stderr, "corpus ready\n");
+    for (int run = 0; run < 5; ++run) {
+      const auto urls = urlsFor(serverBase(), "profile" + std::to_string(run));
+      const auto start = std::chrono::steady_clock::now();
+      std::size_t failed = 0;
+      if (side == "loader") {
+        nimb::NotificationCenter center;
+        auto loader = nimb::VQImageLoader::create({nullptr, &center, nullptr});
+        std::vector<std::shared_ptr<const nimb::Image>> images;
+        failed = loadThroughLoader(*loader, urls, images);
+      } else {
+        std::vector<Pixels> pixels(urls.size());
+        failed = coldPlainTwoThreads(urls, freshFolder(), pixels);
+      }
+      std::printf(
+          "%s run %d: %.0f ms, %zu failed\n", side.c_str(), run,
+          std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+              .count(),
+          failed);
+      if (side == "loader") settleLoader();
+    }
+    server().stop();
+    std::filesystem::remove_all(home);
+    return 0;
+  }
   // The children run one at a time, before the measures, on a quiet server.
   const long loaderPeak = peakOf(argv[0], "loader");
   const long plainPeak = peakOf(argv[0], "plain");

@@ -128,7 +128,9 @@ TEST_F(VQImageLoaderTest, TwoObserversOfOneURLShareOneRequestAndTheCache) {
 // answer. Either way observers stay registered.
 TEST_F(VQImageLoaderTest, CancelSendsNothingOrSilencesTheDownload) {
   Heard heard;
+  auto before = loader->currentConnections();
   loader->loadImageForURL(url("a.png"), heard.all);
+  EXPECT_TRUE(before->empty());  // a snapshot taken stays as it was
   EXPECT_TRUE(loader->isLoadingImageURL(url("a.png")));
   loader->cancelLoadForURL(url("a.png"));
   EXPECT_FALSE(loader->isLoadingImageURL(url("a.png")));

@@ -53,12 +53,13 @@ VQImageLoader::VQImageLoader(Passkey, Options options)
                                          : NotificationCenter::defaultCenter()),
       transport_(options.transport ? std::move(options.transport) : Transport::defaultTransport()),
       delegate_(std::make_shared<VQImageLoadConnectionDelegate>()),
-      snapshot_(std::make_shared<const ConnectionTable>()) {}
+      connections_(std::make_shared<ConnectionTable>()),
+      snapshot_(connections_) {}
 
 VQImageLoader::~VQImageLoader() {
   // Nobody is left to hear these downloads: withdraw the starts still
   // pending (they hold their connections) and stop the rest.
-  for (auto& [url, loading] : connections_) {
+  for (auto& [url, loading] : *connections_) {
     if (auto loop = loading.runLoop.lock()) loop->cancelPerforms(loading.connection.get(), "start");
     loading.connection->cancel();
   }
@@ -104,10 +105,22 @@ void VQImageLoader::removeFromTable(const VQImageLoadConnection& connection) {
   // from its end notification has put a new connection there, which must
   // stay and run.
   std::lock_guard lock(connectionsLock_);
-  auto found = connections_.find(connection.imageURL().absoluteString());
-  if (found == connections_.end() || found->second.connection.get() != &connection) return;
-  connections_.erase(found);
-  setCurrentConnections(std::make_shared<const ConnectionTable>(connections_));
+  const std::string url = connection.imageURL().absoluteString();
+  auto found = connections_->find(url);
+  if (found == connections_->end() || found->second.connection.get() != &connection) return;
+  changeTable([&url](ConnectionTable& table) { table.erase(url); });
+}
+
+void VQImageLoader::changeTable(const std::function<void(ConnectionTable&)>& change) {
+  std::lock_guard lock(snapshotMutex_);
+  // Our own snapshot goes first: it is the one reference that is always
+  // there, and a table nobody else holds may change in place.
+  snapshot_.reset();
+  if (connections_.use_count() > 1) {
+    connections_ = std::make_shared<ConnectionTable>(*connections_);
+  }
+  change(*connections_);
+  snapshot_ = connections_;
 }
 
 // --- Loading ---
@@ -119,8 +132,9 @@ std::shared_ptr<VQImageLoadConnection> VQImageLoader::loadImageForURL(const URL&
   auto runLoop = RunLoop::currentShared();
   {
     std::lock_guard lock(connectionsLock_);
-    connections_[url.absoluteString()] = Loading{connection, runLoop};
-    setCurrentConnections(std::make_shared<const ConnectionTable>(connections_));
+    changeTable([&](ConnectionTable& table) {
+      table[url.absoluteString()] = Loading{connection, runLoop};
+    });
   }
   // The scheduled start holds the connection until it runs or is withdrawn
   // by cancelLoadForURL(): whatever happens to the table meanwhile, a load

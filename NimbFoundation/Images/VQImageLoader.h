@@ -169,7 +169,8 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   std::uint64_t maximumBodyLength() const { return maximumBodyLength_.load(); }
   void setMaximumBodyLength(std::uint64_t bytes) { maximumBodyLength_.store(bytes); }
 
-  // The snapshot of the connection table, replaced after every change.
+  // The snapshot of the connection table, replaced after every change: one
+  // taken stays as it was, whatever happens to the table later.
   std::shared_ptr<const ConnectionTable> currentConnections() const;
   void setCurrentConnections(std::shared_ptr<const ConnectionTable> snapshot);
 
@@ -188,6 +189,11 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   // Drops the connection's own entry from the table, if it is still there,
   // and replaces the snapshot.
   void removeFromTable(const VQImageLoadConnection& connection);
+  // Applies `change` to the table and makes the result the snapshot. The
+  // table is copied only while someone still holds an older snapshot of
+  // it; otherwise it changes in place, so a burst of loads costs no copy
+  // per URL. Called with connectionsLock_ held.
+  void changeTable(const std::function<void(ConnectionTable&)>& change);
   void post(std::string_view prefix, const URL& url, UserInfo userInfo);
 
   // Null for the shared cache, asked for at each use.
@@ -196,7 +202,9 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   std::shared_ptr<Transport> transport_;
   std::shared_ptr<VQImageLoadConnectionDelegate> delegate_;
   std::mutex connectionsLock_;
-  ConnectionTable connections_;
+  // The table. Every reference to it is taken under snapshotMutex_, so
+  // while its count is one nobody else can be reading it.
+  std::shared_ptr<ConnectionTable> connections_;
   mutable std::mutex snapshotMutex_;
   std::shared_ptr<const ConnectionTable> snapshot_;
   std::atomic<bool> isGif_{false};
