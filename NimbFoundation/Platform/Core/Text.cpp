@@ -3,6 +3,7 @@
 #include <unicode/ustring.h>
 #include <unicode/utypes.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 
@@ -10,6 +11,8 @@ namespace nimb {
 
 bool isValidUtf8(std::string_view bytes) {
   if (bytes.size() > static_cast<std::size_t>(INT32_MAX)) return false;
+  // Plain ASCII, the common case for keys and names, is valid as it is.
+  if (std::all_of(bytes.begin(), bytes.end(), [](char c) { return (c & 0x80) == 0; })) return true;
   UErrorCode status = U_ZERO_ERROR;
   int32_t length = 0;
   // Preflight only: ICU checks the whole input and reports the first
