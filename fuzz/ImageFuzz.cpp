@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // One buffer for every run: a fresh one would cost page faults, not parsing.
   static auto* buffer = new std::uint8_t[kPixelBudget * 4];
-  if (!nimb::detail::decodeImage(bytes, *header, buffer)) return 0;
+  if (!nimb::detail::decodeImage(bytes, *header, {header->width, header->height}, buffer)) return 0;
   if (pixels > kPngRoundTripPixels) return 0;
   // The production path (header at once, pixels on the decode pool, buffers
   // recycled) must give the very same pixels.
