@@ -65,7 +65,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // One buffer for every run: a fresh one would cost page faults, not parsing.
   static auto* buffer = new std::uint8_t[kPixelBudget * 4];
-  if (!nimb::detail::decodeImage(bytes, *header, buffer)) return 0;
+  // Decoding for a third of the size stays within its smaller buffer, which
+  // is as large as decodeSizeFor says and never larger than the picture.
+  const nimb::PixelSize third =
+      nimb::detail::decodeSizeFor(*header, {header->width / 3, header->height / 3});
+  check(third.width > 0 && third.height > 0 && third.width <= header->width &&
+        third.height <= header->height);
+  nimb::detail::decodeImage(bytes, *header, third, buffer);
+  if (!nimb::detail::decodeImage(bytes, *header, {header->width, header->height}, buffer)) return 0;
   if (pixels > kPngRoundTripPixels) return 0;
   // The production path (header at once, pixels on the decode pool, buffers
   // recycled) must give the very same pixels.

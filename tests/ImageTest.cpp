@@ -242,6 +242,113 @@ TEST(ImageCodecs, EachFormatRoundTrips) {
     ASSERT_EQ(dark->bitmap().rgba[i], i % 4 == 3 ? 255 : 0) << i;
 }
 
+// Each output pixel the area-weighted mean of the source area it covers (colours weighted by
+// alpha), computed directly in two dimensions.
+Bitmap areaAverage(const Bitmap& from, int w, int h) {
+  Bitmap out{w, h, Data(std::size_t(w) * h * 4)};
+  const double sx = double(from.width) / w, sy = double(from.height) / h;
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      double sum[4] = {};
+      for (int j = int(y * sy); j < std::min(from.height, int(std::ceil((y + 1) * sy))); ++j)
+        for (int i = int(x * sx); i < std::min(from.width, int(std::ceil((x + 1) * sx))); ++i) {
+          const double area = (std::min((x + 1) * sx, i + 1.0) - std::max(x * sx, double(i))) *
+                              (std::min((y + 1) * sy, j + 1.0) - std::max(y * sy, double(j)));
+          const std::uint8_t* p = &from.rgba[(std::size_t(j) * from.width + i) * 4];
+          for (int c = 0; c < 4; ++c) sum[c] += area * p[3] * (c == 3 ? 1 : p[c]);
+        }
+      std::uint8_t* q = &out.rgba[(std::size_t(y) * w + x) * 4];
+      for (int c = 0; c < 3; ++c) q[c] = std::uint8_t(sum[3] > 0 ? sum[c] / sum[3] + 0.5 : 0);
+      q[3] = std::uint8_t(sum[3] / (sx * sy) + 0.5);
+    }
+  return out;
+}
+
+TEST(ImageDecodeForSize, ScaledDecodesMatchAFullDecodeAveragedDown) {
+  // Smooth gradients crossed by hard-edged bars.
+  auto photo = Image::withBitmap(filled(512, 384, [](int x, int y) {
+    if (x % 128 < 16) return Pixel{250, 250, 240, 255};
+    return Pixel{x / 2, y * 2 / 3, 128 + (x - y) / 8, 255};
+  }));
+  const Data encoded[] = {*photo->jpegRepresentation(90), *photo->pngRepresentation(),
+                          *photo->gifRepresentation(), *photo->webpRepresentation(90),
+                          *photo->webpRepresentation(100)};
+  // JPEG takes 1/8, 1/4 and 1/2 of the picture; the others the covering size exactly.
+  for (PixelSize target : {PixelSize{64, 40}, PixelSize{100, 96}, PixelSize{150, 150}})
+    for (std::size_t f = 0; f < std::size(encoded); ++f) {
+      SCOPED_TRACE(testing::Message() << "format " << f << " for " << target.width);
+      auto scaled = Image::withData(encoded[f], 1.0, target);
+      ASSERT_TRUE(scaled);
+      const Bitmap& got = scaled->bitmap();
+      ASSERT_EQ(got.width, scaled->pixelSize().width);
+      ASSERT_EQ(got.height, scaled->pixelSize().height);
+      EXPECT_TRUE(got.width >= target.width && got.height >= target.height);
+      EXPECT_NEAR(double(got.width) / got.height, 4.0 / 3, 0.05);
+      if (f > 0) {
+        EXPECT_TRUE(got.width == target.width || got.height == target.height);
+      }
+      const Bitmap want = areaAverage(Image::withData(encoded[f])->bitmap(), got.width, got.height);
+      double total = 0;
+      int most = 0;
+      for (std::size_t i = 0; i < got.rgba.size(); ++i) {
+        total += std::abs(got.rgba[i] - want.rgba[i]);
+        most = std::max(most, std::abs(got.rgba[i] - want.rgba[i]));
+      }
+      EXPECT_LT(total / got.rgba.size(), 1.0);
+      EXPECT_LE(most, f == 0 ? 4 : f == 3 ? 16 : 1);
+    }
+}
+
+TEST(ImageDecodeForSize, SmallestCoveringSizeAsShownFullForNoTarget) {
+  Data jpeg = *Image::withBitmap(filled(4000, 3000, [](int, int) {
+                 return test::kRed;
+               }))->jpegRepresentation(50);
+  const Data png = pngOf(pattern(100, 70));
+  const std::tuple<const Data*, int, PixelSize, PixelSize> cases[] = {
+      {&jpeg, 1, {200, 200}, {500, 375}},  {&jpeg, 1, {600, 600}, {1000, 750}},
+      {&jpeg, 1, {375, 500}, {1000, 750}}, {&jpeg, 6, {375, 500}, {500, 375}},
+      {&jpeg, 8, {376, 500}, {1000, 750}}, {&jpeg, 1, {5000, 10}, {4000, 3000}},
+      {&jpeg, 1, {0, 200}, {4000, 3000}},  {&jpeg, 1, {-1, -1}, {4000, 3000}},
+      {&png, 1, {30, 30}, {43, 30}},       {&png, 1, {30, 10}, {30, 21}},
+      {&png, 1, {99, 70}, {100, 70}},      {&png, 1, {100, 69}, {100, 70}},
+  };
+  for (const auto& [bytes, exifValue, target, want] : cases) {
+    SCOPED_TRACE(testing::Message() << target.width << "x" << target.height << " " << exifValue);
+    auto image = Image::withData(exifValue == 1 ? *bytes : withApp1(*bytes, exif(true, exifValue)),
+                                 2.0, target);
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->pixelSize(), want);  // known at once
+    const Size points = exifValue == 1 ? Size{want.width / 2.0, want.height / 2.0}
+                                       : Size{want.height / 2.0, want.width / 2.0};
+    EXPECT_EQ(image->size(), points);
+    EXPECT_EQ(image->bitmap().width, want.width);
+    EXPECT_EQ(image->bitmap().rgba.size(), std::size_t(want.width) * want.height * 4);
+  }
+  EXPECT_LE(maxDifference(Image::withData(png, 1.0, {30, 30})->bitmap().rgba,
+                          areaAverage(pattern(100, 70), 43, 30).rgba),
+            1);
+}
+
+TEST(ImageDecodeForSize, TransparentAreasLendNoColourWhenScaledDown) {
+  // Opaque red beside transparent black, the edge falling inside output pixels.
+  auto image = Image::withBitmap(filled(90, 60, [](int x, int y) {
+    return x * 3 + y < 130 ? test::kRed : Pixel{0, 0, 0, 0};
+  }));
+  for (const Data& encoded : {*image->pngRepresentation(), *image->webpRepresentation(100)}) {
+    auto scaled = Image::withData(encoded, 1.0, {16, 16});
+    const Bitmap& bm = scaled->bitmap();
+    ASSERT_EQ(bm.width, 24);
+    int partial = 0;
+    for (std::size_t i = 0; i < bm.rgba.size(); i += 4) {
+      if (bm.rgba[i + 3] == 0) continue;
+      partial += bm.rgba[i + 3] < 255;
+      ASSERT_GE(bm.rgba[i], 250) << i / 4 << " alpha " << int(bm.rgba[i + 3]);
+      ASSERT_LE(bm.rgba[i + 1] + bm.rgba[i + 2], 5) << i / 4;
+    }
+    EXPECT_GT(partial, 10);
+  }
+}
+
 TEST(ImageGif, NearestPaletteColoursFaintPixelsTransparentAndInterlacedFrames) {
   Bitmap bm = pattern(37, 23);
   auto back = Image::withData(*Image::withBitmap(bm)->gifRepresentation());
@@ -297,6 +404,10 @@ TEST(ImageWebP, AnimationShowsItsFirstFrameAtItsOffset) {
   ASSERT_TRUE(image);
   EXPECT_EQ(image->size(), (Size{20, 16}));
   EXPECT_EQ(image->bitmap().rgba, want);
+  // Scaled, the canvas is decoded whole and averaged down.
+  EXPECT_LE(maxDifference(Image::withData(webp, 1.0, {10, 8})->bitmap().rgba,
+                          areaAverage(Bitmap{20, 16, want}, 10, 8).rgba),
+            1);
 }
 
 TEST(ImageRefusal, GarbageTruncatedAndCorruptBytesCorruptBodiesKeepTheSize) {

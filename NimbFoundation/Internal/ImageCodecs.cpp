@@ -8,6 +8,8 @@
 #include <webp/demux.h>
 #include <webp/encode.h>
 
+#include <NimbFoundation/Internal/ImageDecodePool.h>
+
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -49,6 +51,25 @@ bool consistent(const Bitmap& bm) {
 
 std::size_t byteCount(const ImageHeader& h) {
   return static_cast<std::size_t>(h.width) * static_cast<std::size_t>(h.height) * 4;
+}
+
+std::size_t byteCount(PixelSize s) {
+  return static_cast<std::size_t>(s.width) * static_cast<std::size_t>(s.height) * 4;
+}
+
+// Decodes the full picture into a pooled buffer, then area-averages it down
+// to `size` in `out`; the full-size buffer goes back to the pool either way.
+bool decodeFullThenDownscale(std::span<const std::uint8_t> bytes, const ImageHeader& header,
+                             PixelSize size, std::uint8_t* out,
+                             bool (*decodeFull)(std::span<const std::uint8_t>, const ImageHeader&,
+                                                std::uint8_t*)) {
+  struct Pooled {
+    std::vector<std::uint8_t> buffer;
+    ~Pooled() { PixelBufferPool::give(std::move(buffer)); }
+  } full{PixelBufferPool::take(byteCount(header))};
+  if (!decodeFull(bytes, header, full.buffer.data())) return false;
+  downscaleRgba(full.buffer.data(), header.width, header.height, out, size.width, size.height);
+  return true;
 }
 
 // ---- PNG -------------------------------------------------------------------
@@ -222,7 +243,29 @@ std::optional<ImageHeader> readJpegHeader(std::span<const std::uint8_t> bytes) {
 // progressive files built to spend minutes on thousands of scans.
 constexpr int kJpegFlags = TJFLAG_ACCURATEDCT | TJFLAG_LIMITSCANS;
 
-bool decodeJpeg(std::span<const std::uint8_t> bytes, const ImageHeader& header, std::uint8_t* out) {
+// The size the smallest DCT scaling step (of those at most 1) that covers
+// `target` makes of a `width` x `height` picture; scaling while decoding
+// costs nothing, and never touches a full-size buffer.
+PixelSize jpegScaledSize(int width, int height, PixelSize target) {
+  PixelSize best{width, height};
+  int count = 0;
+  const tjscalingfactor* factors = tjGetScalingFactors(&count);
+  for (int i = 0; factors && i < count; ++i) {
+    const tjscalingfactor f = factors[i];
+    if (f.num <= 0 || f.num > f.denom) continue;
+    const PixelSize scaled{TJSCALED(width, f), TJSCALED(height, f)};
+    if (scaled.width >= target.width && scaled.height >= target.height &&
+        std::uint64_t(scaled.width) * scaled.height < std::uint64_t(best.width) * best.height) {
+      best = scaled;
+    }
+  }
+  return best;
+}
+
+// Decodes at `size`: the full size or one jpegScaledSize gave, which
+// libjpeg-turbo reaches with its DCT scaling.
+bool decodeJpeg(std::span<const std::uint8_t> bytes, const ImageHeader& header, PixelSize size,
+                std::uint8_t* out) {
   TurboJpeg tj(false);
   if (!tj.handle) return false;
   int w = 0, h = 0, subsampling = 0, colorspace = 0;
@@ -235,9 +278,9 @@ bool decodeJpeg(std::span<const std::uint8_t> bytes, const ImageHeader& header, 
   // libjpeg-turbo reports a fatal error that follows a warning as a mere
   // warning, with rows left unwritten; cleared first, such rows come out
   // transparent instead of showing the picture that used the buffer before.
-  const std::size_t n = byteCount(header);
+  const std::size_t n = byteCount(size);
   std::memset(out, 0, n);
-  if (tjDecompress2(tj.handle, bytes.data(), bytes.size(), out, w, 0, h,
+  if (tjDecompress2(tj.handle, bytes.data(), bytes.size(), out, size.width, 0, size.height,
                     cmyk ? TJPF_CMYK : TJPF_RGBA, kJpegFlags) != 0 &&
       tjGetErrorCode(tj.handle) != TJERR_WARNING) {
     return false;
@@ -385,6 +428,40 @@ struct DemuxDeleter {
   void operator()(WebPDemuxer* demux) const { WebPDemuxDelete(demux); }
 };
 
+// A still picture at a smaller size, through libwebp's own scaling as it
+// decodes, straight into `out`.
+bool decodeWebPScaled(std::span<const std::uint8_t> bytes, PixelSize size, std::uint8_t* out) {
+  WebPDecoderConfig config;
+  if (!WebPInitDecoderConfig(&config)) return false;
+  config.options.use_scaling = 1;
+  config.options.scaled_width = size.width;
+  config.options.scaled_height = size.height;
+  config.output.colorspace = MODE_RGBA;
+  config.output.is_external_memory = 1;
+  config.output.u.RGBA.rgba = out;
+  config.output.u.RGBA.stride = size.width * 4;
+  config.output.u.RGBA.size = byteCount(size);
+  const bool ok = WebPDecode(bytes.data(), bytes.size(), &config) == VP8_STATUS_OK;
+  WebPFreeDecBuffer(&config.output);
+  return ok;
+}
+
+bool decodeWebP(std::span<const std::uint8_t> bytes, const ImageHeader& header, std::uint8_t* out);
+
+bool decodeWebP(std::span<const std::uint8_t> bytes, const ImageHeader& header, PixelSize size,
+                std::uint8_t* out) {
+  WebPBitstreamFeatures features;
+  if (WebPGetFeatures(bytes.data(), bytes.size(), &features) != VP8_STATUS_OK ||
+      features.width != header.width || features.height != header.height) {
+    return false;
+  }
+  if (size.width == header.width && size.height == header.height) {
+    return decodeWebP(bytes, header, out);
+  }
+  if (!features.has_animation) return decodeWebPScaled(bytes, size, out);
+  return decodeFullThenDownscale(bytes, header, size, out, decodeWebP);
+}
+
 bool decodeWebP(std::span<const std::uint8_t> bytes, const ImageHeader& header, std::uint8_t* out) {
   WebPBitstreamFeatures features;
   if (WebPGetFeatures(bytes.data(), bytes.size(), &features) != VP8_STATUS_OK ||
@@ -473,24 +550,123 @@ std::optional<ImageHeader> readImageHeader(std::span<const std::uint8_t> bytes) 
   return std::nullopt;
 }
 
-bool decodeImage(std::span<const std::uint8_t> bytes, const ImageHeader& header,
+PixelSize decodeSizeFor(const ImageHeader& header, PixelSize target) {
+  const PixelSize full{header.width, header.height};
+  if (target.width <= 0 || target.height <= 0) return full;
+  switch (header.orientation) {  // the target as the picture is stored
+    case ImageOrientation::Left:
+    case ImageOrientation::Right:
+    case ImageOrientation::LeftMirrored:
+    case ImageOrientation::RightMirrored:
+      std::swap(target.width, target.height);
+      break;
+    default:
+      break;
+  }
+  if (target.width >= full.width || target.height >= full.height) return full;
+  if (header.format == ImageFormat::Jpeg) return jpegScaledSize(full.width, full.height, target);
+  // The side that needs the larger share of the picture sets the scale; the
+  // other is rounded up so that it still covers its target.
+  const std::uint64_t w = full.width, h = full.height, tw = target.width, th = target.height;
+  if (tw * h >= th * w) {
+    return {target.width, static_cast<int>(std::min(h, (h * tw + w - 1) / w))};
+  }
+  return {static_cast<int>(std::min(w, (w * th + h - 1) / h)), target.height};
+}
+
+bool decodeImage(std::span<const std::uint8_t> bytes, const ImageHeader& header, PixelSize size,
                  std::uint8_t* rgba) noexcept {
+  const bool fullSize = size.width == header.width && size.height == header.height;
+  if (size.width <= 0 || size.height <= 0 || size.width > header.width ||
+      size.height > header.height) {
+    return false;
+  }
   try {
     switch (header.format) {
       case ImageFormat::Png:
-        return decodePng(bytes, header, rgba);
+        return fullSize ? decodePng(bytes, header, rgba)
+                        : decodeFullThenDownscale(bytes, header, size, rgba, decodePng);
       case ImageFormat::Jpeg:
-        return decodeJpeg(bytes, header, rgba);
+        return decodeJpeg(bytes, header, size, rgba);
       case ImageFormat::Gif:
-        return decodeGif(bytes, header, rgba);
+        return fullSize ? decodeGif(bytes, header, rgba)
+                        : decodeFullThenDownscale(bytes, header, size, rgba, decodeGif);
       case ImageFormat::WebP:
-        return decodeWebP(bytes, header, rgba);
+        return decodeWebP(bytes, header, size, rgba);
     }
   } catch (...) {
-    // Only a line buffer is allocated along the way; without one, the
-    // picture is as good as corrupt.
+    // Only a line buffer, or for a smaller size a full-size one, is
+    // allocated along the way; without it, the picture is as good as corrupt.
   }
   return false;
+}
+
+void downscaleRgba(const std::uint8_t* from, int fromWidth, int fromHeight, std::uint8_t* to,
+                   int toWidth, int toHeight) {
+  // In units of 1/to of a source pixel, output pixel i spans [i * from,
+  // (i + 1) * from) and source pixel j spans [j * to, (j + 1) * to): the
+  // overlaps are exact integers, and the weights of each output sum to 1.
+  struct Taps {
+    std::vector<int> first;      // per output: the first source pixel it covers
+    std::vector<int> offset;     // per output, and one past: where its weights start
+    std::vector<float> weights;  // per output, one per source pixel covered
+  };
+  auto taps = [](int source, int target) {
+    Taps t;
+    t.first.resize(static_cast<std::size_t>(target));
+    t.offset.resize(static_cast<std::size_t>(target) + 1);
+    const auto n = static_cast<std::int64_t>(source), m = static_cast<std::int64_t>(target);
+    for (std::int64_t i = 0; i < m; ++i) {
+      const std::int64_t begin = i * n, end = (i + 1) * n;
+      t.first[i] = static_cast<int>(begin / m);
+      t.offset[i] = static_cast<int>(t.weights.size());
+      for (std::int64_t j = begin / m; j * m < end; ++j) {
+        const std::int64_t overlap = std::min(end, (j + 1) * m) - std::max(begin, j * m);
+        t.weights.push_back(static_cast<float>(overlap) / static_cast<float>(n));
+      }
+    }
+    t.offset[m] = static_cast<int>(t.weights.size());
+    return t;
+  };
+  const Taps across = taps(fromWidth, toWidth), down = taps(fromHeight, toHeight);
+  // Per output pixel of the current row: colours times alpha, then alpha.
+  std::vector<float> sums(static_cast<std::size_t>(toWidth) * 4);
+  for (int y = 0; y < toHeight; ++y) {
+    std::fill(sums.begin(), sums.end(), 0.0f);
+    for (int k = down.offset[y]; k < down.offset[y + 1]; ++k) {
+      const float wy = down.weights[k];
+      const std::uint8_t* row =
+          from + static_cast<std::size_t>(down.first[y] + (k - down.offset[y])) * fromWidth * 4;
+      for (int x = 0; x < toWidth; ++x) {
+        float r = 0, g = 0, b = 0, a = 0;
+        const std::uint8_t* p = row + static_cast<std::size_t>(across.first[x]) * 4;
+        for (int t = across.offset[x]; t < across.offset[x + 1]; ++t, p += 4) {
+          const float wa = across.weights[t] * p[3];
+          r += wa * p[0];
+          g += wa * p[1];
+          b += wa * p[2];
+          a += wa;
+        }
+        float* s = &sums[static_cast<std::size_t>(x) * 4];
+        s[0] += wy * r;
+        s[1] += wy * g;
+        s[2] += wy * b;
+        s[3] += wy * a;
+      }
+    }
+    std::uint8_t* out = to + static_cast<std::size_t>(y) * toWidth * 4;
+    for (int x = 0; x < toWidth; ++x, out += 4) {
+      const float* s = &sums[static_cast<std::size_t>(x) * 4];
+      // Alpha is the plain mean; colour the alpha-weighted one, so fully
+      // transparent pixels lend none of theirs.
+      const float alpha = s[3];
+      for (int c = 0; c < 3; ++c) {
+        const float v = alpha > 0 ? s[c] / alpha : 0.0f;
+        out[c] = static_cast<std::uint8_t>(std::clamp(v + 0.5f, 0.0f, 255.0f));
+      }
+      out[3] = static_cast<std::uint8_t>(std::clamp(alpha + 0.5f, 0.0f, 255.0f));
+    }
+  }
 }
 
 std::optional<Data> encodePng(const Bitmap& bitmap) noexcept {

@@ -40,11 +40,27 @@ bool acceptableImageSize(std::uint64_t width, std::uint64_t height);
 // nullopt when the bytes are no picture we read or one we refuse to decode.
 std::optional<ImageHeader> readImageHeader(std::span<const std::uint8_t> bytes);
 
+// The pixel size `header`'s picture is decoded at to be shown at `target`
+// (pixels, as shown: after the orientation). A target with a side <= 0, or
+// one the picture does not exceed, gives the full size. Otherwise the
+// smallest size covering the target in both dimensions, keeping the aspect
+// ratio: exactly that for PNG, GIF and WebP; for JPEG the smallest of the
+// DCT scaling steps (1/8 up to 1) that covers it, as those cost no resampling.
+PixelSize decodeSizeFor(const ImageHeader& header, PixelSize target);
+
 // Decodes the picture `header` describes into `rgba`, which holds
-// width * height * 4 bytes. False when the body is corrupt or memory ran
-// out, leaving `rgba` holding anything.
-bool decodeImage(std::span<const std::uint8_t> bytes, const ImageHeader& header,
+// size.width * size.height * 4 bytes; `size` is the header's own or one
+// decodeSizeFor gave. False when the body is corrupt or memory ran out,
+// leaving `rgba` holding anything.
+bool decodeImage(std::span<const std::uint8_t> bytes, const ImageHeader& header, PixelSize size,
                  std::uint8_t* rgba) noexcept;
+
+// Area-averaging downscale of a straight-alpha RGBA picture: every output
+// pixel is the mean of the source area it covers, colours weighted by alpha
+// so that transparent pixels lend none of their colour. `to` must not be
+// larger than `from` in either dimension.
+void downscaleRgba(const std::uint8_t* from, int fromWidth, int fromHeight, std::uint8_t* to,
+                   int toWidth, int toHeight);
 
 // Encoders. The bitmap must be consistent (width * height * 4 bytes, within
 // the budget); nullopt when the format cannot hold it or encoding fails.

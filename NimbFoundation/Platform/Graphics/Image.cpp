@@ -23,6 +23,7 @@ struct Image::Pixels {
 
   // For images made from bytes:
   ImageHeader header;
+  PixelSize size;                             // what the decode makes: the header's or less
   Data bytes;                                 // the encoded picture, released once decoded
   std::atomic<bool> claimed{false};           // a worker or a reader has taken the decode
   std::optional<std::promise<void>> decoded;  // kept by whoever decodes
@@ -77,6 +78,15 @@ std::shared_ptr<const Image> Image::withBitmap(Bitmap bitmap, double scale,
 }
 
 std::shared_ptr<const Image> Image::withData(std::span<const std::uint8_t> bytes, double scale) {
+  return withData(bytes, scale, PixelSize{});
+}
+
+std::shared_ptr<const Image> Image::withData(Data&& bytes, double scale) {
+  return withData(std::move(bytes), scale, PixelSize{});
+}
+
+std::shared_ptr<const Image> Image::withData(std::span<const std::uint8_t> bytes, double scale,
+                                             PixelSize decodeFor) {
   try {
     // The header first, so bytes that are no picture are never copied.
     auto header = detail::readImageHeader(bytes);
@@ -84,20 +94,20 @@ std::shared_ptr<const Image> Image::withData(std::span<const std::uint8_t> bytes
     auto pixels = std::make_shared<Pixels>();
     pixels->header = *header;
     pixels->bytes.assign(bytes.begin(), bytes.end());
-    return decoding(std::move(pixels), scale);
+    return decoding(std::move(pixels), scale, decodeFor);
   } catch (...) {
     return nullptr;
   }
 }
 
-std::shared_ptr<const Image> Image::withData(Data&& bytes, double scale) {
+std::shared_ptr<const Image> Image::withData(Data&& bytes, double scale, PixelSize decodeFor) {
   try {
     auto header = detail::readImageHeader(bytes);
     if (!header) return nullptr;
     auto pixels = std::make_shared<Pixels>();
     pixels->header = *header;
     pixels->bytes = std::move(bytes);
-    return decoding(std::move(pixels), scale);
+    return decoding(std::move(pixels), scale, decodeFor);
   } catch (...) {
     return nullptr;
   }
@@ -109,11 +119,14 @@ std::shared_ptr<const Image> Image::withContentsOfFile(const std::string& path) 
   return withData(std::move(*bytes), 1.0);
 }
 
-std::shared_ptr<const Image> Image::decoding(std::shared_ptr<Pixels> pixels, double scale) {
+std::shared_ptr<const Image> Image::decoding(std::shared_ptr<Pixels> pixels, double scale,
+                                             PixelSize decodeFor) {
   const detail::ImageHeader& header = pixels->header;
+  pixels->size = detail::decodeSizeFor(header, decodeFor);
   pixels->ready = pixels->decoded.emplace().get_future().share();
-  auto image = std::make_shared<const Image>(Passkey{}, pixels, header.width, header.height,
-                                             normalizedScale(scale), header.orientation);
+  auto image =
+      std::make_shared<const Image>(Passkey{}, pixels, pixels->size.width, pixels->size.height,
+                                    normalizedScale(scale), header.orientation);
   // Should the job not even queue, the first reader decodes instead.
   ImageDecodePool::addJob([weak = std::weak_ptr<Pixels>(pixels)] {
     auto pixels = weak.lock();
@@ -127,15 +140,15 @@ std::shared_ptr<const Image> Image::decoding(std::shared_ptr<Pixels> pixels, dou
 void Image::decode(std::shared_ptr<Pixels> pixels) noexcept {
   Pixels& p = *pixels;
   const std::size_t size =
-      static_cast<std::size_t>(p.header.width) * static_cast<std::size_t>(p.header.height) * 4;
+      static_cast<std::size_t>(p.size.width) * static_cast<std::size_t>(p.size.height) * 4;
   try {
     auto buffer = PixelBufferPool::take(size);
     // A recycled buffer still holds an earlier picture, so a failed decode
     // clears it rather than leave anything of that picture showing.
-    if (!detail::decodeImage(p.bytes, p.header, buffer.data())) {
+    if (!detail::decodeImage(p.bytes, p.header, p.size, buffer.data())) {
       std::memset(buffer.data(), 0, size);
     }
-    p.bitmap = Bitmap{p.header.width, p.header.height, std::move(buffer)};
+    p.bitmap = Bitmap{p.size.width, p.size.height, std::move(buffer)};
   } catch (...) {
     // No buffer to be had: the bitmap stays empty (documented in the header).
   }

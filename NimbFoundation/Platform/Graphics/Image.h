@@ -52,7 +52,7 @@ enum class ImageOrientation : int {
 struct PixelSize {
   int width = 0;
   int height = 0;
-  bool operator==(const PixelSize&) const = default;
+  friend bool operator==(const PixelSize&, const PixelSize&) = default;
 };
 
 // A block of RGBA pixels.
@@ -84,6 +84,21 @@ class Image {
   static std::shared_ptr<const Image> withData(std::span<const std::uint8_t> bytes,
                                                double scale = 1.0);
   static std::shared_ptr<const Image> withData(Data&& bytes, double scale = 1.0);
+  // The same, decoded for showing at `decodeFor` pixels (as shown, that is
+  // after the orientation: width and height are exchanged for the sideways
+  // ones). The picture is decoded at the smallest size that still covers
+  // decodeFor in both dimensions, keeping its aspect ratio, and never larger
+  // than the full picture; JPEG, which scales in steps of 1/8 while
+  // decoding, may come out somewhat larger than that. A decodeFor with a
+  // side <= 0 decodes the full picture, exactly as above. Refusals are made
+  // on the full size, as above. The decoded size is known at once.
+  //
+  // Note for callers: size() is the decoded pixels divided by scale, so a
+  // picture decoded for a smaller size is smaller in points too. Scale it
+  // to the frame it is drawn in, or pass a scale that makes up for it.
+  static std::shared_ptr<const Image> withData(std::span<const std::uint8_t> bytes, double scale,
+                                               PixelSize decodeFor);
+  static std::shared_ptr<const Image> withData(Data&& bytes, double scale, PixelSize decodeFor);
   // The same for the file at `path`; nullptr when missing or not a picture.
   static std::shared_ptr<const Image> withContentsOfFile(const std::string& path);
 
@@ -91,6 +106,9 @@ class Image {
   // the four left/right orientations, as the platform reports it. Known at
   // once, decoded or not.
   Size size() const;
+  // The pixels the bitmap has (or will have, once decoded), before the
+  // orientation is applied. Known at once.
+  PixelSize pixelSize() const { return {width_, height_}; }
   double scale() const { return scale_; }
   ImageOrientation orientation() const { return orientation_; }
   // The pixels, waiting for the decode if it is still running (or doing it
@@ -122,11 +140,12 @@ class Image {
 
  private:
   // Wraps pixels whose header and bytes are set and queues their decoding.
-  static std::shared_ptr<const Image> decoding(std::shared_ptr<Pixels> pixels, double scale);
+  static std::shared_ptr<const Image> decoding(std::shared_ptr<Pixels> pixels, double scale,
+                                               PixelSize decodeFor);
   static void decode(std::shared_ptr<Pixels> pixels) noexcept;
 
   std::shared_ptr<Pixels> pixels_;
-  int width_ = 0;  // in pixels, from the bitmap or the header
+  int width_ = 0;  // in pixels, from the bitmap, or the header and decodeFor
   int height_ = 0;
   double scale_ = 1.0;
   ImageOrientation orientation_ = ImageOrientation::Up;
