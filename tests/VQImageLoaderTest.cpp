@@ -123,6 +123,32 @@ TEST_F(VQImageLoaderTest, TwoObserversOfOneURLShareOneRequestAndTheCache) {
   EXPECT_FALSE(loader->imageForURL(url("a.png"), nullptr, false));
 }
 
+// A load for a size decodes the one download at the size that serves every
+// observer of the URL: covering both sizes asked for, or whole once anyone
+// asks for the whole picture. The memory cache keeps it under its size; the
+// disk keeps the download's bytes.
+TEST_F(VQImageLoaderTest, ALoadForASizeDecodesOncePerURLAtTheSizeServingEveryone) {
+  auto loaded = [&](const char* name, std::vector<std::pair<Heard*, PixelSize>> asks) {
+    for (auto& [heard, size] : asks) loader->loadImageForURL(url(name), heard->all, size);
+    EXPECT_TRUE(pumpUntil([&] { return asks.back().first->ended(); }, 10));
+    cache->diskOperationQueue().waitUntilAllOperationsAreFinished();
+    auto* image =
+        asks.back().first->notifications.back().get<std::shared_ptr<const Image>>("image");
+    return image ? *image : nullptr;
+  };
+  Heard a, b, c, d, e;
+  auto small = loaded("s.png", {{&a, {3, 2}}});
+  ASSERT_TRUE(small);
+  EXPECT_EQ(small->pixelSize(), (PixelSize{3, 2}));  // 30 x 20 at a tenth
+  EXPECT_EQ(loader->imageForURL(url("s.png"), nullptr, false, {3, 2}), small);
+  EXPECT_EQ(loader->imageForURL(url("s.png"), nullptr, false)->pixelSize(), (PixelSize{30, 20}));
+  EXPECT_EQ(cache->dataForKey(VQImageLoader::keyForURL(url("s.png")))->size(), png.size());
+
+  EXPECT_EQ(loaded("t.png", {{&b, {3, 2}}, {&c, {}}})->pixelSize(), (PixelSize{30, 20}));
+  EXPECT_EQ(loaded("u.png", {{&d, {3, 2}}, {&e, {6, 1}}})->pixelSize(), (PixelSize{6, 4}));
+  EXPECT_EQ(requests.load(), 3);
+}
+
 // Cancelled within the start delay, a load sends nothing; cancelled while
 // it runs, it posts nothing more and its connection takes none of the
 // answer. Either way observers stay registered.

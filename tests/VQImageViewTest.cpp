@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
+#include <NimbFoundation/Platform/Env/Device.h>
+
 #include "FakeTransport.h"
 #include "HttpTestServer.h"
 
@@ -134,6 +138,36 @@ TEST_F(VQImageViewTest, CroppingCutsTheCentredSquareAndDownloadsOnlyWhenStartedB
   view->setNeedCutOff(false);
   auto same = bands(10, 10);
   EXPECT_EQ(view->cutOffImage(same), same);
+}
+
+// Off by default; on, a view asks for its own pixels (a cropping view for
+// its square) and shows a picture decoded for them, while a view with the
+// switch off still gets the whole picture of the same URL.
+TEST_F(VQImageViewTest, DecodingForTheViewSizeIsOffByDefaultAndAsksForItsPixels) {
+  auto screen = Device::mainScreen();
+  const double s = screen && screen->scale && *screen->scale > 0 ? *screen->scale : 1.0;
+  auto pixels = [s](double w, double h) {
+    return PixelSize{int(std::ceil(w * s)), int(std::ceil(h * s))};
+  };
+  view->setFrame(Rect(0, 0, 30, 20));
+  EXPECT_EQ(view->decodeSize(), PixelSize{});
+  view->setDecodesForViewSize(true);
+  EXPECT_EQ(view->decodeSize(), pixels(30, 20));
+  view->setImageURL(url("a.png"));
+  ASSERT_TRUE(pumpUntil([&] { return told.loaded > 0; }, 10));
+  ASSERT_EQ(view->image()->pixelSize(), pixels(30, 20));
+  const auto& shown = view->image()->bitmap();
+  EXPECT_EQ(pixel(shown, 0, 0), kRed);
+  EXPECT_EQ(pixel(shown, shown.width / 2, shown.height / 2), kGreen);
+  settle();
+  auto whole = VQImageView::createWithPlaceholderImage(placeholder, {}, loader);
+  whole->setImageURL(url("a.png"));
+  EXPECT_EQ(whole->image()->pixelSize(), (PixelSize{300, 200}));
+
+  view->setNeedCutOff(true);
+  EXPECT_EQ(view->decodeSize(), pixels(40, 40));
+  view->setFrame(Rect(0, 0, 0, 0));
+  EXPECT_EQ(view->decodeSize(), PixelSize{});  // no size yet: the whole picture
 }
 
 TEST_F(VQImageViewTest, FailuresForAnyURLMarkTheViewButOnlyItsOwnReachTheDelegate) {

@@ -445,6 +445,12 @@ void VQCache::setString(std::string_view string, const std::string& key, double 
 }
 
 std::shared_ptr<const Image> VQCache::imageForKey(const std::string& key) const {
+  return imageForKey(key, PixelSize{});
+}
+
+std::shared_ptr<const Image> VQCache::imageForKey(const std::string& key,
+                                                  PixelSize decodeFor) const {
+  if (decodeFor.width <= 0 || decodeFor.height <= 0) decodeFor = {};
   if (!isUsableKey(key)) return nullptr;
   auto env = impl_->system();
   const std::string path = impl_->pathForKey(key);
@@ -454,11 +460,11 @@ std::shared_ptr<const Image> VQCache::imageForKey(const std::string& key) const 
   if (!info || info->kind != FileInfo::Kind::kRegular) return nullptr;
   const std::uint64_t version = versionOf(*info);
   auto& memory = impl_->front->memory;
-  if (auto kept = memory.imageForKey(key, {}, version)) return kept;
+  if (auto kept = memory.imageForKey(key, decodeFor, version)) return kept;
   auto bytes = env->readFile(path, FollowLinks::No);
   if (!bytes) return nullptr;
-  auto image = Image::withData(std::move(*bytes));
-  memory.setImage(image, key, {}, version);
+  auto image = Image::withData(std::move(*bytes), 1.0, decodeFor);
+  memory.setImage(image, key, decodeFor, version);
   return image;
 }
 

@@ -171,6 +171,10 @@ class VQCache : public std::enable_shared_from_this<VQCache> {
   // Stored as PNG. A null image stores nothing. Reads answer from
   // memoryCache() first (see the class comment).
   std::shared_ptr<const Image> imageForKey(const std::string& key) const;
+  // The same, decoded for showing at `decodeFor` pixels (see
+  // Image::withData); kept in memory under that size. A side <= 0 is a
+  // full decode.
+  std::shared_ptr<const Image> imageForKey(const std::string& key, PixelSize decodeFor) const;
   void setImage(const std::shared_ptr<const Image>& image, const std::string& key);
   void setImage(const std::shared_ptr<const Image>& image, const std::string& key,
                 double timeoutInterval);

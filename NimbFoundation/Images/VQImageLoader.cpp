@@ -1,5 +1,6 @@
 #include <NimbFoundation/Images/VQImageLoader.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include <NimbFoundation/Images/VQCache.h>
@@ -125,15 +126,46 @@ void VQImageLoader::changeTable(const std::function<void(ConnectionTable&)>& cha
 
 // --- Loading ---
 
+namespace {
+
+// A side <= 0 asks for the full picture.
+PixelSize normalized(PixelSize size) {
+  return size.width > 0 && size.height > 0 ? size : PixelSize{};
+}
+
+// The size that serves both requests: full if either is, else covering both.
+PixelSize covering(PixelSize a, PixelSize b) {
+  if (a == PixelSize{} || b == PixelSize{}) return {};
+  return {std::max(a.width, b.width), std::max(a.height, b.height)};
+}
+
+}  // namespace
+
 std::shared_ptr<VQImageLoadConnection> VQImageLoader::loadImageForURL(const URL& url) {
-  if (auto running = loadingConnectionForURL(url)) return running;
+  return load(url, {});
+}
+
+std::shared_ptr<VQImageLoadConnection> VQImageLoader::load(const URL& url, PixelSize decodeFor) {
+  decodeFor = normalized(decodeFor);
+  if (auto running = loadingConnectionForURL(url)) {
+    std::lock_guard lock(connectionsLock_);
+    auto found = connections_->find(url.absoluteString());
+    if (found != connections_->end() && found->second.connection == running) {
+      const PixelSize wanted = covering(found->second.decodeFor, decodeFor);
+      if (wanted != found->second.decodeFor) {
+        changeTable(
+            [&](ConnectionTable& table) { table[url.absoluteString()].decodeFor = wanted; });
+      }
+    }
+    return running;
+  }
   auto connection = VQImageLoadConnection::create(url, delegate_, transport_);
   connection->setMaximumBodyLength(maximumBodyLength());
   auto runLoop = RunLoop::currentShared();
   {
     std::lock_guard lock(connectionsLock_);
     changeTable([&](ConnectionTable& table) {
-      table[url.absoluteString()] = Loading{connection, runLoop};
+      table[url.absoluteString()] = Loading{connection, runLoop, decodeFor};
     });
   }
   // The scheduled start holds the connection until it runs or is withdrawn
@@ -146,17 +178,30 @@ std::shared_ptr<VQImageLoadConnection> VQImageLoader::loadImageForURL(const URL&
 
 void VQImageLoader::loadImageForURL(const std::optional<URL>& url,
                                     const std::shared_ptr<VQImageLoaderObserver>& observer) {
+  loadImageForURL(url, observer, PixelSize{});
+}
+
+void VQImageLoader::loadImageForURL(const std::optional<URL>& url,
+                                    const std::shared_ptr<VQImageLoaderObserver>& observer,
+                                    PixelSize decodeFor) {
   if (!url) return;
   addObserver(observer, *url);
-  loadImageForURL(*url);
+  load(*url, decodeFor);
 }
 
 std::shared_ptr<const Image> VQImageLoader::imageForURL(
     const std::optional<URL>& url, const std::shared_ptr<VQImageLoaderObserver>& observer,
     bool autoLoad) {
+  return imageForURL(url, observer, autoLoad, PixelSize{});
+}
+
+std::shared_ptr<const Image> VQImageLoader::imageForURL(
+    const std::optional<URL>& url, const std::shared_ptr<VQImageLoaderObserver>& observer,
+    bool autoLoad, PixelSize decodeFor) {
   if (!url) return nullptr;
-  if (auto image = cache()->imageForKey(keyForURL(*url))) return image;
-  if (autoLoad) loadImageForURL(url, observer);
+  decodeFor = normalized(decodeFor);
+  if (auto image = cache()->imageForKey(keyForURL(*url), decodeFor)) return image;
+  if (autoLoad) loadImageForURL(url, observer, decodeFor);
   return nullptr;
 }
 
@@ -264,13 +309,21 @@ void VQImageLoader::didFinishLoading(VQImageLoadConnection& connection) {
   auto keep = connection.shared_from_this();
   const URL url = connection.imageURL();
   const Data& bytes = connection.responseData();
+  PixelSize decodeFor;
+  {
+    std::lock_guard lock(connectionsLock_);
+    auto found = connections_->find(url.absoluteString());
+    if (found != connections_->end() && found->second.connection.get() == &connection) {
+      decodeFor = found->second.decodeFor;
+    }
+  }
   UserInfo userInfo;
   std::string_view prefix = kLoadedPrefix;
   bool accepted = true;
   std::shared_ptr<const Image> image;
   if (isGif()) {
     userInfo["imageGif"] = bytes;
-  } else if ((image = Image::withData(bytes))) {
+  } else if ((image = Image::withData(bytes, 1.0, decodeFor))) {
     userInfo["image"] = image;
   } else {
     accepted = false;
@@ -278,7 +331,7 @@ void VQImageLoader::didFinishLoading(VQImageLoadConnection& connection) {
   if (accepted) {
     // The picture goes to the memory cache with the bytes, so that asking
     // for it again decodes nothing.
-    cache()->setData(bytes, keyForURL(url), cache_seconds(), image);
+    cache()->setData(bytes, keyForURL(url), cache_seconds(), image, decodeFor);
   } else {
     userInfo["error"] = Error{url.host(), kNotAnImageCode, {}};
     prefix = kLoadFailedPrefix;

@@ -92,10 +92,12 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   static constexpr double kStartDelay = 0.01;               // seconds
   static constexpr long kNotAnImageCode = 406;
 
-  // A running connection and the run loop its delayed start sits on.
+  // A running connection, the run loop its delayed start sits on, and the
+  // size its picture is decoded for (PixelSize{}: the full picture).
   struct Loading {
     std::shared_ptr<VQImageLoadConnection> connection;
     std::weak_ptr<RunLoop> runLoop;
+    PixelSize decodeFor;
   };
   using ConnectionTable = std::map<std::string, Loading>;  // by absolute URL string
 
@@ -128,6 +130,17 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   // Nothing happens for a missing URL.
   void loadImageForURL(const std::optional<URL>& url,
                        const std::shared_ptr<VQImageLoaderObserver>& observer);
+  // Loading for showing at `decodeFor` pixels: the downloaded picture is
+  // decoded at the smallest size covering it (Image::withData), which is
+  // what the notification's "image" carries and what the memory cache
+  // keeps. Observers of one URL share one download and one picture: a
+  // full-size request (a side <= 0) makes the picture full size, and two
+  // sizes make it cover both. The bytes on disk are the download's, always.
+  void loadImageForURL(const std::optional<URL>& url,
+                       const std::shared_ptr<VQImageLoaderObserver>& observer, PixelSize decodeFor);
+  std::shared_ptr<const Image> imageForURL(const std::optional<URL>& url,
+                                           const std::shared_ptr<VQImageLoaderObserver>& observer,
+                                           bool autoLoad, PixelSize decodeFor);
   // The cached picture (expired or not), else nullptr; the cache's memory
   // of decoded pictures answers first (VQCache::imageForKey). On a miss with
   // `autoLoad`, loadImageForURL(url, observer).
@@ -194,6 +207,7 @@ class VQImageLoader : public std::enable_shared_from_this<VQImageLoader> {
   // it; otherwise it changes in place, so a burst of loads costs no copy
   // per URL. Called with connectionsLock_ held.
   void changeTable(const std::function<void(ConnectionTable&)>& change);
+  std::shared_ptr<VQImageLoadConnection> load(const URL& url, PixelSize decodeFor);
   void post(std::string_view prefix, const URL& url, UserInfo userInfo);
 
   // Null for the shared cache, asked for at each use.

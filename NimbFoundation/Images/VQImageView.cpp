@@ -1,7 +1,11 @@
 #include <NimbFoundation/Images/VQImageView.h>
 
+#include <algorithm>
+#include <cmath>
+
 #include <NimbFoundation/Images/VQCache.h>
 #include <NimbFoundation/Internal/RuntimeMethods.h>
+#include <NimbFoundation/Platform/Env/Device.h>
 #include <NimbFoundation/Platform/Env/SystemLog.h>
 #include <NimbFoundation/Platform/Graphics/Graphics.h>
 #include <NimbFoundation/Platform/Runtime/MessageSend.h>
@@ -42,11 +46,11 @@ std::shared_ptr<VQImageView> VQImageView::createWithPlaceholderImage(
 Class* VQImageView::classObject() {
   static Class* const cls = [] {
     Class* c = detail::registerKitClass("VQImageView", ImageView::classObject());
-    detail::addMethod<VQImageView>(c, detail::selectorNamed<"startImageLoad">(),
-                                   [](VQImageView& v) {
-                                     if (v.isAutoStart_ || !v.imageURL_) return;
-                                     v.loader_->loadImageForURL(v.imageURL_, v.observer_);
-                                   });
+    detail::addMethod<VQImageView>(
+        c, detail::selectorNamed<"startImageLoad">(), [](VQImageView& v) {
+          if (v.isAutoStart_ || !v.imageURL_) return;
+          v.loader_->loadImageForURL(v.imageURL_, v.observer_, v.decodeSize());
+        });
     detail::addMethod<VQImageView>(c, detail::selectorNamed<"cancelImageLoad">(),
                                    [](VQImageView& v) {
                                      auto loader = v.loader_;
@@ -109,7 +113,7 @@ void VQImageView::setImageURL(const std::optional<URL>& url) {
     image = loader_->cache()->imageForKey(cutOffKeyForURL(*url));
   } else {
     // The loader registers the observer only if it starts a download.
-    image = loader_->imageForURL(url, observer_, isAutoStart_);
+    image = loader_->imageForURL(url, observer_, isAutoStart_, decodeSize());
   }
   if (image) {
     show(std::move(image));
@@ -117,6 +121,21 @@ void VQImageView::setImageURL(const std::optional<URL>& url) {
   } else {
     show(placeholderImage_);
   }
+}
+
+PixelSize VQImageView::decodeSize() const {
+  if (!decodesForViewSize_) return {};
+  Size points = bounds().size;
+  if (needCutOff_) {
+    const double side = 2 * std::min(points.width, points.height);
+    points = {side, side};
+  }
+  const auto screen = Device::mainScreen();
+  const double scale = screen && screen->scale && *screen->scale > 0 ? *screen->scale : 1.0;
+  const double width = std::ceil(points.width * scale), height = std::ceil(points.height * scale);
+  // No size yet (or none that makes sense): the full picture.
+  if (!(width >= 1 && height >= 1 && width <= 1e6 && height <= 1e6)) return {};
+  return {static_cast<int>(width), static_cast<int>(height)};
 }
 
 bool VQImageView::isCacheImage() const {

@@ -95,6 +95,17 @@ class VQImageView : public ImageView {
   void setIsAutoStart(bool autoStart) { isAutoStart_ = autoStart; }
   bool needCutOff() const { return needCutOff_; }  // off after creation
   void setNeedCutOff(bool cutOff) { needCutOff_ = cutOff; }
+  // Off after creation. On, the view asks for its pictures decoded for the
+  // pixels it shows them at (decodeSize()), which saves most of the time
+  // and memory a large picture in a small view would cost; the picture is
+  // then smaller than the original (see Image::withData).
+  bool decodesForViewSize() const { return decodesForViewSize_; }
+  void setDecodesForViewSize(bool on) { decodesForViewSize_ = on; }
+  // What the view asks for: PixelSize{} (the full picture) with the switch
+  // off or no size yet; else its bounds times the main screen's scale (1
+  // without a screen), rounded up, and for a cropping view the square it
+  // crops to (twice its shorter side).
+  PixelSize decodeSize() const;
   std::int32_t status() const { return status_.load(); }
   void setStatus(std::int32_t status) { status_.store(status); }
 
@@ -140,6 +151,7 @@ class VQImageView : public ImageView {
   bool isAutoStart_ = true;
   bool isCacheImageFlag_ = false;
   bool needCutOff_ = false;
+  bool decodesForViewSize_ = false;
   std::atomic<std::int32_t> status_{kNotLoaded};
   std::shared_ptr<VQImageLoaderObserver> observer_;
   std::shared_ptr<VQImageLoader> loader_;

@@ -34,11 +34,8 @@ VQMemoryCache::~VQMemoryCache() {
 }
 
 std::size_t VQMemoryCache::costOf(const Image& image) {
-  const Size points = image.size();
-  // size() is in points, exchanged for the left/right orientations; the
-  // product is the same either way.
-  const double pixels = points.width * image.scale() * points.height * image.scale();
-  return pixels > 0 ? static_cast<std::size_t>(pixels + 0.5) * 4 : 0;
+  const PixelSize pixels = image.pixelSize();
+  return std::size_t(std::max(pixels.width, 0)) * std::size_t(std::max(pixels.height, 0)) * 4;
 }
 
 std::shared_ptr<const Image> VQMemoryCache::imageForKey(const std::string& key,
@@ -47,15 +44,21 @@ std::shared_ptr<const Image> VQMemoryCache::imageForKey(const std::string& key,
   std::lock_guard lock(mutex_);
   auto found = byKey_.find(key);
   if (found != byKey_.end()) {
+    // The size asked for, else a full decode.
+    Order::iterator best = order_.end();
     for (auto entry : found->second) {
-      if (!(entry->decodedFor == decodedFor)) continue;
-      if (entry->version != version) {
-        dropLocked(entry);  // decoded from a source that is gone
+      if (entry->decodedFor == decodedFor) {
+        best = entry;
         break;
       }
-      order_.splice(order_.begin(), order_, entry);
+      if (entry->decodedFor == PixelSize{}) best = entry;
+    }
+    if (best != order_.end() && best->version != version) {
+      dropLocked(best);  // decoded from a source that is gone
+    } else if (best != order_.end()) {
+      order_.splice(order_.begin(), order_, best);
       ++statistics_.hits;
-      return entry->image;
+      return best->image;
     }
   }
   ++statistics_.misses;

@@ -58,7 +58,8 @@ class VQMemoryCache {
   VQMemoryCache(const VQMemoryCache&) = delete;
   VQMemoryCache& operator=(const VQMemoryCache&) = delete;
 
-  // The picture kept under `key` for `decodedFor` with this version, made
+  // The picture kept under `key` for `decodedFor` with this version (for a
+  // size, a full decode of the key answers too: it covers any size), made
   // the most recently used; nullptr otherwise. A picture kept under another
   // version is dropped.
   std::shared_ptr<const Image> imageForKey(const std::string& key, PixelSize decodedFor = {},
