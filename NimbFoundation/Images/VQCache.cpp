@@ -12,6 +12,7 @@
 #include <set>
 #include <utility>
 
+#include <NimbFoundation/Internal/CacheIndexParser.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Core/Text.h>
 #include <NimbFoundation/Platform/Env/FileLock.h>
@@ -51,6 +52,9 @@ bool isReserved(std::string_view key) {
 std::optional<std::map<std::string, Date>> readIndexFile(Env& env, const std::string& indexPath) {
   auto bytes = env.readFile(indexPath, FollowLinks::No);
   if (!bytes) return std::nullopt;
+  // The index as this library (or libplist elsewhere) writes it reads
+  // straight into the map; any other form takes the generic path.
+  if (auto entries = detail::parseCacheIndexXml(*bytes)) return entries;
   auto value = PropertyList::parse(*bytes);
   Dictionary* index = value ? value->asDictionary() : nullptr;
   if (!index) return std::nullopt;
