@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include <NimbFoundation/Internal/CacheIndex.h>
 #include <NimbFoundation/Internal/CacheIndexParser.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
@@ -487,11 +488,45 @@ TEST_F(VQCacheTest, IndexReadsAsTheGenericReaderReadsIt) {
     const auto parsed = nimb::detail::parseCacheIndexXml(dataOf(bytes));
     EXPECT_EQ(parsed.has_value(), fast) << bytes;
     if (parsed) {
-      EXPECT_EQ(parsed, expected) << bytes;
+      EXPECT_EQ(parsed->toMap(), expected) << bytes;
     }
     ASSERT_TRUE(FileManager::writeAtomically(indexPath(), bytes).ok());
     EXPECT_EQ(open()->cacheDictionary(), expected.value_or(std::map<std::string, Date>{})) << bytes;
   }
   EXPECT_EQ(generic(byUs)->size(), dict.size());
   EXPECT_EQ(generic(serialized(nimb::PropertyListFormat::BinaryV1_0))->size(), dict.size());
+}
+
+// The in-memory index answers as a plain map would through any mix of
+// building out of order, sets, removals and the folds they trigger.
+TEST(VQCacheIndex, BehavesAsAMapThroughChangesAndFolds) {
+  nimb::detail::CacheIndex index;
+  std::map<std::string, Date> reference;
+  std::mt19937 random(11);
+  auto someKey = [&] { return "k" + std::to_string(random() % 3000); };
+  for (int i = 0; i < 2000; ++i) {
+    const std::string key = someKey();
+    const Date at = Date::fromTimeIntervalSince1970(i);
+    index.append(key, at);  // a key given again keeps its last date
+    reference.insert_or_assign(key, at);
+  }
+  index.finish();
+  for (int i = 0; i < 20000; ++i) {
+    const std::string key = someKey();
+    const Date at = Date::fromTimeIntervalSince1970(-i);
+    if (random() % 3 == 0) {
+      index.erase(key);
+      reference.erase(key);
+    } else {
+      index.set(key, at);
+      reference.insert_or_assign(key, at);
+    }
+    if (i % 997 == 0) {
+      ASSERT_EQ(index.toMap(), reference) << i;
+    }
+    const std::string probe = someKey();
+    ASSERT_EQ(index.find(probe),
+              reference.count(probe) ? std::optional(reference[probe]) : std::nullopt);
+  }
+  EXPECT_EQ(index.toMap(), reference);
 }

@@ -137,40 +137,40 @@ bool isKeyText(std::string_view s) {
   return true;
 }
 
-// The key's text with its escapes resolved; nullopt for an escape the
-// generic reader might take differently, or text that is no key.
-std::optional<std::string> keyText(std::string_view raw) {
-  std::string key;
+// The key's text with its escapes resolved: `raw` itself when it has none,
+// else held in `scratch`. nullopt for an escape the generic reader might
+// take differently, or text that is no key.
+std::optional<std::string_view> keyText(std::string_view raw, std::string& scratch) {
+  std::string_view key = raw;
   std::size_t amp = raw.find('&');
-  if (amp == std::string_view::npos) {
-    key.assign(raw);
-  } else {
-    key.reserve(raw.size());
+  if (amp != std::string_view::npos) {
+    scratch.clear();
     std::size_t from = 0;
     while (amp != std::string_view::npos) {
-      key.append(raw.substr(from, amp - from));
+      scratch.append(raw.substr(from, amp - from));
       const std::size_t semi = raw.find(';', amp);
       if (semi == std::string_view::npos) return std::nullopt;
       const std::string_view name = raw.substr(amp + 1, semi - amp - 1);
       if (name == "amp") {
-        key += '&';
+        scratch += '&';
       } else if (name == "lt") {
-        key += '<';
+        scratch += '<';
       } else if (name == "gt") {
-        key += '>';
+        scratch += '>';
       } else if (name == "quot") {
-        key += '"';
+        scratch += '"';
       } else if (name == "apos") {
-        key += '\'';
+        scratch += '\'';
       } else if (auto cp = characterReference(name)) {
-        appendUtf8(key, *cp);
+        appendUtf8(scratch, *cp);
       } else {
         return std::nullopt;
       }
       from = semi + 1;
       amp = raw.find('&', from);
     }
-    key.append(raw.substr(from));
+    scratch.append(raw.substr(from));
+    key = scratch;
   }
   if (key.empty() || !isKeyText(key)) return std::nullopt;
   return key;
@@ -220,7 +220,7 @@ std::optional<Date> stamp(std::string_view s) {
 
 }  // namespace
 
-std::optional<std::map<std::string, Date>> parseCacheIndexXml(std::span<const std::uint8_t> bytes) {
+std::optional<CacheIndex> parseCacheIndexXml(std::span<const std::uint8_t> bytes) {
   Cursor in(bytes);
   if (in.take("<?xml") && !in.skipPast('>')) return std::nullopt;
   in.skipSpace();
@@ -230,7 +230,8 @@ std::optional<std::map<std::string, Date>> parseCacheIndexXml(std::span<const st
   // to the generic reader.
   if (!in.take("<plist") || !in.endOfStartTag()) return std::nullopt;
   in.skipSpace();
-  std::map<std::string, Date> entries;
+  CacheIndex entries;
+  std::string scratch;
   if (in.take("<dict/>")) {
     in.skipSpace();
   } else {
@@ -245,17 +246,17 @@ std::optional<std::map<std::string, Date>> parseCacheIndexXml(std::span<const st
       if (!in.take("<date>")) return std::nullopt;
       auto rawDate = in.textToTag();
       if (!rawDate || !in.take("</date>")) return std::nullopt;
-      auto key = keyText(*rawKey);
+      auto key = keyText(*rawKey, scratch);
       auto expiry = key ? stamp(*rawDate) : std::nullopt;
       if (!expiry) return std::nullopt;
-      // The writer sorts its keys, so the hint makes each insertion cheap.
-      entries.insert_or_assign(entries.end(), std::move(*key), *expiry);
+      entries.append(*key, *expiry);
     }
     in.skipSpace();
   }
   if (!in.take("</plist>")) return std::nullopt;
   in.skipSpace();
   if (!in.atEnd()) return std::nullopt;
+  entries.finish();
   return entries;
 }
 

@@ -1,5 +1,5 @@
 // parseCacheIndexXml: reads VQCache's index file ("VQCache.plist") straight
-// into the key-to-expiry map, without the generic property-list tree.
+// into its in-memory index, without the generic property-list tree.
 //
 // VQCache calls it at start-up and when a save merges with the index on
 // disk; an index of hundreds of thousands of entries must load in a small
@@ -18,15 +18,13 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <span>
-#include <string>
 
-#include <NimbFoundation/Platform/Core/Date.h>
+#include "CacheIndex.h"
 
 namespace nimb::detail {
 
-std::optional<std::map<std::string, Date>> parseCacheIndexXml(std::span<const std::uint8_t> bytes);
+std::optional<CacheIndex> parseCacheIndexXml(std::span<const std::uint8_t> bytes);
 
 }  // namespace nimb::detail
