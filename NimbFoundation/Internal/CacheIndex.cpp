@@ -11,6 +11,9 @@ void CacheIndex::append(std::string_view key, Date expiry) {
 }
 
 void CacheIndex::finish() {
+  // Built by appending, both grew by doubling: give back what is spare.
+  keys_.shrink_to_fit();
+  base_.shrink_to_fit();
   if (baseSorted_) return;
   std::stable_sort(base_.begin(), base_.end(),
                    [this](const Entry& a, const Entry& b) { return keyOf(a) < keyOf(b); });
