@@ -54,7 +54,11 @@ std::optional<detail::CacheIndex> readIndexFile(Env& env, const std::string& ind
   if (!bytes) return std::nullopt;
   // The index as this library (or libplist elsewhere) writes it reads
   // straight into the map; any other form takes the generic path.
-  if (auto entries = detail::parseCacheIndexXml(*bytes)) return entries;
+  if (auto entries = detail::parseCacheIndexXml(*bytes)) {
+    Data().swap(*bytes);
+    entries->shrinkToFit();
+    return entries;
+  }
   auto value = PropertyList::parse(*bytes);
   Dictionary* index = value ? value->asDictionary() : nullptr;
   if (!index) return std::nullopt;

@@ -10,10 +10,12 @@ void CacheIndex::append(std::string_view key, Date expiry) {
   keys_.append(key);
 }
 
-void CacheIndex::finish() {
-  // Built by appending, both grew by doubling: give back what is spare.
+void CacheIndex::shrinkToFit() {
   keys_.shrink_to_fit();
   base_.shrink_to_fit();
+}
+
+void CacheIndex::finish() {
   if (baseSorted_) return;
   std::stable_sort(base_.begin(), base_.end(),
                    [this](const Entry& a, const Entry& b) { return keyOf(a) < keyOf(b); });

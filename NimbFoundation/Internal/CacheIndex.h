@@ -26,6 +26,10 @@ class CacheIndex {
   // finish() after the last one.
   void append(std::string_view key, Date expiry);
   void finish();
+  // Gives back the room that appending left spare (it grows by doubling).
+  // Best called once the source of the entries is gone, so that the copy
+  // does not add to the peak.
+  void shrinkToFit();
 
   std::optional<Date> find(std::string_view key) const;
   void set(std::string_view key, Date expiry);
