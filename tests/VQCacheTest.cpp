@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,10 +10,13 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <random>
 #include <set>
 #include <thread>
 #include <vector>
 
+#include <NimbFoundation/Internal/CacheIndex.h>
+#include <NimbFoundation/Internal/CacheIndexParser.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 #include <NimbFoundation/Platform/Storage/PropertyList.h>
@@ -456,4 +460,115 @@ TEST_F(VQCacheTest, AbandonedTemporariesAreSweptAtStartUp) {
     EXPECT_EQ(FileManager::fileExists(path(file.name)), !file.swept) << file.name;
   }
   EXPECT_EQ(cache->dataForKey(lookalike), dataOf("entry"));
+}
+
+// The index reader's fast path agrees with the generic property-list reader
+// on every index it takes, and leaves every other form to it: whatever
+// wrote the file, open() reads the same entries as the generic path would.
+TEST_F(VQCacheTest, IndexReadsAsTheGenericReaderReadsIt) {
+  auto generic = [](const std::string& bytes) -> std::optional<std::map<std::string, Date>> {
+    auto value = nimb::PropertyList::parse(dataOf(bytes));
+    if (!value || !value->asDictionary()) return std::nullopt;
+    std::map<std::string, Date> entries;
+    for (const auto& [k, v] : *value->asDictionary())
+      if (v.asDate()) entries.emplace(k, *v.asDate());
+    return entries;
+  };
+  // Keys with every escape, dates before 2001, with fractions, near the ends.
+  std::vector<std::string> keys = {"plain", "a&b<c>\"d'", "ünï©ødé 😀",
+                                   " lead", "t\tab",      "cr\r\nlf"};
+  std::mt19937 random(7);
+  const std::string pool[] = {"a", "&", "<", ">", "\"", "'", "é", "😀", " ", ";", "#"};
+  while (keys.size() < 60) {
+    std::string k;
+    for (int n = 1 + random() % 8; n > 0; --n) k += pool[random() % std::size(pool)];
+    keys.push_back(k);
+  }
+  nimb::Dictionary dict;
+  plist_t bare = plist_new_dict();  // libplist alone, in its own key order
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    const double at = -1.5e9 + static_cast<double>(random() % 3'000'000'000u) + (i % 3) * 0.25;
+    dict.insert_or_assign(keys[i], Date::fromTimeIntervalSinceReferenceDate(at));
+    plist_dict_set_item(bare, keys[keys.size() - 1 - i].c_str(),
+                        plist_new_date(static_cast<std::int32_t>(at), 0));
+  }
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(bare, &xml, &length);
+  const std::string byLibplist(xml, length);
+  plist_to_xml_free(xml);
+  plist_free(bare);
+  auto serialized = [&](nimb::PropertyListFormat format) {
+    auto bytes = nimb::PropertyList::serialize(nimb::Value(dict), format);
+    return std::string(bytes->begin(), bytes->end());
+  };
+  const std::string byUs = serialized(nimb::PropertyListFormat::Xml);
+  auto bare1 = [](std::string body) {
+    return "<plist version=\"1.0\"><dict>" + body + "</dict></plist>";
+  };
+  const std::pair<std::string, bool> cases[] = {
+      {byUs, true},
+      {byLibplist, true},
+      {bare1("<key>&#65;&#x1F600;&quot;&apos;</key>\r\n<date>2026-02-28T23:59:59Z</date>"
+             "<key>k</key><date>1999-01-01T00:00:00Z</date><key>k</key><date>2040-12-31T12:00:00Z</"
+             "date>"),
+       true},
+      {"<plist><dict/></plist>\n", true},
+      {bare1("<key>k</key><date>2026-11-23T05:18:21.5Z</date>"), false},
+      {bare1("<key>k</key><date>1900-01-01T00:00:00Z</date>"), false},
+      {bare1("<key>k</key><date>2026-02-29T00:00:00Z</date>"), false},
+      {bare1("<key>k</key><!-- c --><date>2026-01-01T00:00:00Z</date>"), false},
+      {bare1("<key>k</key><string>s</string><key>d</key><date>2026-01-01T00:00:00Z</date>"), false},
+      {bare1("<key>a&#0;b</key><date>2026-01-01T00:00:00Z</date>"), false},
+      {bare1("<key>a&nbsp;b</key><date>2026-01-01T00:00:00Z</date>"), false},
+      {byUs.substr(0, byUs.size() / 2), false},
+      {"garbage", false},
+      {serialized(nimb::PropertyListFormat::BinaryV1_0), false},
+  };
+  for (const auto& [bytes, fast] : cases) {
+    const auto expected = generic(bytes);
+    const auto parsed = nimb::detail::parseCacheIndexXml(dataOf(bytes));
+    EXPECT_EQ(parsed.has_value(), fast) << bytes;
+    if (parsed) {
+      EXPECT_EQ(parsed->toMap(), expected) << bytes;
+    }
+    ASSERT_TRUE(FileManager::writeAtomically(indexPath(), bytes).ok());
+    EXPECT_EQ(open()->cacheDictionary(), expected.value_or(std::map<std::string, Date>{})) << bytes;
+  }
+  EXPECT_EQ(generic(byUs)->size(), dict.size());
+  EXPECT_EQ(generic(serialized(nimb::PropertyListFormat::BinaryV1_0))->size(), dict.size());
+}
+
+// The in-memory index answers as a plain map would through any mix of
+// building out of order, sets, removals and the folds they trigger.
+TEST(VQCacheIndex, BehavesAsAMapThroughChangesAndFolds) {
+  nimb::detail::CacheIndex index;
+  std::map<std::string, Date> reference;
+  std::mt19937 random(11);
+  auto someKey = [&] { return "k" + std::to_string(random() % 3000); };
+  for (int i = 0; i < 2000; ++i) {
+    const std::string key = someKey();
+    const Date at = Date::fromTimeIntervalSince1970(i);
+    index.append(key, at);  // a key given again keeps its last date
+    reference.insert_or_assign(key, at);
+  }
+  index.finish();
+  for (int i = 0; i < 20000; ++i) {
+    const std::string key = someKey();
+    const Date at = Date::fromTimeIntervalSince1970(-i);
+    if (random() % 3 == 0) {
+      index.erase(key);
+      reference.erase(key);
+    } else {
+      index.set(key, at);
+      reference.insert_or_assign(key, at);
+    }
+    if (i % 997 == 0) {
+      ASSERT_EQ(index.toMap(), reference) << i;
+    }
+    const std::string probe = someKey();
+    ASSERT_EQ(index.find(probe),
+              reference.count(probe) ? std::optional(reference[probe]) : std::nullopt);
+  }
+  EXPECT_EQ(index.toMap(), reference);
 }

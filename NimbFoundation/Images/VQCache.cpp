@@ -12,6 +12,7 @@
 #include <set>
 #include <utility>
 
+#include <NimbFoundation/Internal/CacheIndexParser.h>
 #include <NimbFoundation/Platform/Concurrency/RunLoop.h>
 #include <NimbFoundation/Platform/Core/Text.h>
 #include <NimbFoundation/Platform/Env/FileLock.h>
@@ -48,20 +49,24 @@ bool isReserved(std::string_view key) {
 // The key-to-date pairs of the index file as it is on disk now; whatever
 // else a damaged or foreign index holds is left out. nullopt when there is
 // no index or it is no property-list dictionary.
-std::optional<std::map<std::string, Date>> readIndexFile(Env& env, const std::string& indexPath) {
+std::optional<detail::CacheIndex> readIndexFile(Env& env, const std::string& indexPath) {
   auto bytes = env.readFile(indexPath, FollowLinks::No);
   if (!bytes) return std::nullopt;
+  // The index as this library (or libplist elsewhere) writes it reads
+  // straight into the map; any other form takes the generic path.
+  if (auto entries = detail::parseCacheIndexXml(*bytes)) {
+    Data().swap(*bytes);
+    entries->shrinkToFit();
+    return entries;
+  }
   auto value = PropertyList::parse(*bytes);
   Dictionary* index = value ? value->asDictionary() : nullptr;
   if (!index) return std::nullopt;
-  std::map<std::string, Date> entries;
-  while (!index->empty()) {
-    // Keys are moved, not copied: an index can hold many thousands.
-    auto node = index->extract(index->begin());
-    if (auto* date = node.mapped().asDate()) {
-      entries.emplace_hint(entries.end(), std::move(node.key()), *date);
-    }
+  detail::CacheIndex entries;
+  for (const auto& [key, value] : *index) {
+    if (auto* date = value.asDate()) entries.append(key, *date);
   }
+  entries.finish();
   return entries;
 }
 
@@ -195,7 +200,7 @@ struct VQCache::Impl {
   void forgetLastSaved() {
     if (lastSavedFd >= 0) ::close(lastSavedFd);
     lastSavedFd = -1;
-    lastSaved.clear();
+    lastSaved = {};
   }
   void perform(OperationQueue::Operation op) { diskOperationQueue->addOperation(std::move(op)); }
 
@@ -203,14 +208,14 @@ struct VQCache::Impl {
   const std::string directory;
   const std::string lockPath;
   const std::string indexPath;
-  mutable std::mutex dictionaryMutex;  // guards the two maps below
-  std::map<std::string, Date> cacheDictionary;
+  mutable std::mutex dictionaryMutex;  // guards the two below
+  detail::CacheIndex cacheDictionary;
   // What this instance changed in the index since its last save.
   Changes unsavedChanges;
   // Guarded by saveMutex: what this instance's last save wrote, and the
   // file it wrote, held open so that its inode cannot pass to another file;
   // while that file is still the index, the next save need not read it.
-  std::map<std::string, Date> lastSaved;
+  detail::CacheIndex lastSaved;
   int lastSavedFd = -1;
   std::mutex saveMutex;
   std::unique_ptr<OperationQueue> diskOperationQueue = std::make_unique<OperationQueue>();
@@ -267,9 +272,9 @@ std::shared_ptr<VQCache> VQCache::open(Options options, SystemError* whyNot) {
   std::set<std::string> keep;
   {
     std::lock_guard lock(cache->impl_->dictionaryMutex);
-    for (const auto& entry : cache->impl_->cacheDictionary) {
-      if (FileManager::isTemporaryFileName(entry.first)) keep.insert(entry.first);
-    }
+    cache->impl_->cacheDictionary.forEach([&keep](std::string_view key, Date) {
+      if (FileManager::isTemporaryFileName(key)) keep.emplace(key);
+    });
   }
   cache->impl_->perform(
       [env = cache->impl_->system(), dir = cache->impl_->directory, keep = std::move(keep)] {
@@ -302,22 +307,22 @@ std::shared_ptr<VQCache> VQCache::currentCache() {
 VQCache::VQCache(Passkey, std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
   Impl& d = *impl_;
   auto env = d.system();
-  d.cacheDictionary = readIndexFile(*env, d.indexPath).value_or(std::map<std::string, Date>{});
+  d.cacheDictionary = readIndexFile(*env, d.indexPath).value_or(detail::CacheIndex{});
   (void)env->createDirectory(d.directory, true);
   // One instant for the whole purge, so that it treats every entry alike.
   const Date now = env->now();
   const std::int64_t indexWritten = modifiedNs(d.indexPath);
-  for (const auto& [key, expiry] : d.cacheDictionary) {
+  d.cacheDictionary.forEach([&](std::string_view key, Date expiry) {
     // The file goes, the entry stays: it keeps failing the expiry test until
-    // it is removed or set again.
-    if (!isExpired(expiry, now) || !isUsableKey(key) || isReserved(key)) continue;
+    // it is removed or set again. Only expired entries cost a path.
+    if (!isExpired(expiry, now) || !isUsableKey(key) || isReserved(key)) return;
     // A file written after the index was saved belongs to a set whose save
     // is still to come, in this process or another: it is not this stale
     // entry's file.
     const std::string path = d.pathForKey(key);
-    if (modifiedNs(path) > indexWritten) continue;
+    if (modifiedNs(path) > indexWritten) return;
     (void)env->removeItem(path);
-  }
+  });
 }
 
 // The queue's destructor lets queued writes land before the instance goes.
@@ -370,16 +375,15 @@ VQMemoryCache& VQCache::memoryCache() const {
 
 bool VQCache::hasCacheForKey(const std::string& key) const {
   if (!isUsableKey(key)) return false;
-  Date expiry;
+  std::optional<Date> expiry;
   {
     std::lock_guard lock(impl_->dictionaryMutex);
-    auto it = impl_->cacheDictionary.find(key);
-    if (it == impl_->cacheDictionary.end()) return false;
-    expiry = it->second;
+    expiry = impl_->cacheDictionary.find(key);
   }
+  if (!expiry) return false;
   auto env = impl_->system();
   // A symbolic link or a special file under the key's name is no entry.
-  return !isExpired(expiry, env->now()) && isRegularFile(*env, impl_->pathForKey(key));
+  return !isExpired(*expiry, env->now()) && isRegularFile(*env, impl_->pathForKey(key));
 }
 
 std::optional<Data> VQCache::dataForKey(const std::string& key) const {
@@ -421,7 +425,7 @@ void VQCache::recordEntry(const std::string& key, double timeoutInterval) {
   const Date expiry = impl_->system()->now().addingTimeInterval(timeoutInterval);
   {
     std::lock_guard lock(impl_->dictionaryMutex);
-    impl_->cacheDictionary[key] = expiry;
+    impl_->cacheDictionary.set(key, expiry);
     impl_->unsavedChanges[key] = expiry;
   }
   RunLoop::performOnMainThread([self = shared_from_this()] { self->saveAfterDelay(kSaveDelay); },
@@ -537,8 +541,7 @@ void VQCache::clearCache() {
   std::vector<std::string> keys;
   {
     std::lock_guard lock(impl_->dictionaryMutex);
-    keys.reserve(impl_->cacheDictionary.size());
-    for (const auto& entry : impl_->cacheDictionary) keys.push_back(entry.first);
+    impl_->cacheDictionary.forEach([&keys](std::string_view key, Date) { keys.emplace_back(key); });
   }
   for (const auto& key : keys) removeItemFromCache(key);
   saveCacheDictionary();
@@ -546,7 +549,7 @@ void VQCache::clearCache() {
 
 std::map<std::string, Date> VQCache::cacheDictionary() const {
   std::lock_guard lock(impl_->dictionaryMutex);
-  return impl_->cacheDictionary;
+  return impl_->cacheDictionary.toMap();
 }
 
 void VQCache::saveAfterDelay(double seconds) {
@@ -583,7 +586,7 @@ void VQCache::saveCacheDictionary() {
           [self = shared_from_this()] { self->saveAfterDelay(kIndexLockRetryDelay); }, false);
       return;
     }
-    std::map<std::string, Date> entries;
+    detail::CacheIndex entries;
     if (isFileAtPath(d.lastSavedFd, d.indexPath)) {
       // Still the file this instance wrote last: its contents are known,
       // and parsing it again would be the dearest part of the save.
@@ -593,18 +596,21 @@ void VQCache::saveCacheDictionary() {
     } else {
       // No index, or a damaged one: this instance's own view (which holds
       // its changes already) is the best there is.
-      entries = cacheDictionary();
+      std::lock_guard own(d.dictionaryMutex);
+      entries = d.cacheDictionary;
     }
     d.forgetLastSaved();
     for (const auto& [key, expiry] : changes) {
       if (expiry) {
-        entries.insert_or_assign(key, *expiry);
+        entries.set(key, *expiry);
       } else {
         entries.erase(key);
       }
     }
     Dictionary index;
-    for (const auto& [key, expiry] : entries) index.emplace_hint(index.end(), key, expiry);
+    entries.forEach([&index](std::string_view key, Date expiry) {
+      index.emplace_hint(index.end(), std::string(key), expiry);
+    });
     auto bytes = PropertyList::serialize(Value(std::move(index)), PropertyListFormat::Xml);
     if (bytes) {
       auto result = env->writeFileAtomically(d.indexPath, *bytes);
