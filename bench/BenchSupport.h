@@ -24,6 +24,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
       if (run.run_type == Run::RT_Iteration || isMedian) {
         seconds_[run.run_name.function_name] =
             run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
+        cpuSeconds_[run.run_name.function_name] =
+            run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
       }
     }
   }
@@ -32,6 +34,12 @@ class RatioReporter : public benchmark::ConsoleReporter {
   double seconds(const std::string& name) const {
     auto found = seconds_.find(name);
     return found == seconds_.end() ? -1.0 : found->second;
+  }
+  // The same for CPU time (the whole process's, for benchmarks that
+  // measure it).
+  double cpuSeconds(const std::string& name) const {
+    auto found = cpuSeconds_.find(name);
+    return found == cpuSeconds_.end() ? -1.0 : found->second;
   }
   // Prints "name: X.XX x baseline" for each pair whose both sides ran.
   void printRatios(const std::vector<std::pair<std::string, std::string>>& pairs) const {
@@ -46,6 +54,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
  private:
   std::map<std::string, double> seconds_;
+  std::map<std::string, double> cpuSeconds_;
 };
 
 // The main of every benchmark binary: runs the benchmarks with repetitions
