@@ -91,7 +91,11 @@ class Image {
   // than the full picture; JPEG, which scales in steps of 1/8 while
   // decoding, may come out somewhat larger than that. A decodeFor with a
   // side <= 0 decodes the full picture, exactly as above. Refusals are made
-  // on the full size, as above. The decoded size is known at once.
+  // on the full size, as above. The decoded size is known at once. JPEG and
+  // still WebP pictures are scaled as they decode and never take a
+  // full-size buffer; PNG, GIF and animated WebP are decoded whole, then
+  // averaged down (colours weighted by alpha), and the full-size buffer goes
+  // back to the free list.
   //
   // Note for callers: size() is the decoded pixels divided by scale, so a
   // picture decoded for a smaller size is smaller in points too. Scale it
