@@ -1,4 +1,4 @@
-#include "CacheIndex.h"
+#include <NimbFoundation/Internal/CacheIndex.h>
 
 #include <algorithm>
 

@@ -1,9 +1,11 @@
-#include "CacheIndexParser.h"
+#include <NimbFoundation/Internal/CacheIndexParser.h>
 
 #include <cstring>
 #include <limits>
 #include <string_view>
 #include <utility>
+
+#include <NimbFoundation/Internal/Utf8.h>
 
 namespace nimb::detail {
 
@@ -102,41 +104,6 @@ std::optional<std::uint32_t> characterReference(std::string_view body) {
   return cp;
 }
 
-// Strict UTF-8 without NUL: what a stored key may be.
-bool isKeyText(std::string_view s) {
-  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-  const std::size_t n = s.size();
-  std::size_t i = 0;
-  while (i < n) {
-    const unsigned char c = p[i];
-    if (c == 0) return false;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t len;
-    std::uint32_t cp;
-    if (c >= 0xC2 && c <= 0xDF) {
-      len = 2, cp = c & 0x1F;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      len = 3, cp = c & 0x0F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      len = 4, cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (n - i < len) return false;
-    for (std::size_t k = 1; k < len; ++k) {
-      if ((p[i + k] & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (p[i + k] & 0x3F);
-    }
-    if ((len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000)) return false;
-    if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) return false;
-    i += len;
-  }
-  return true;
-}
-
 // The key's text with its escapes resolved: `raw` itself when it has none,
 // else held in `scratch`. nullopt for an escape the generic reader might
 // take differently, or text that is no key.
@@ -172,7 +139,7 @@ std::optional<std::string_view> keyText(std::string_view raw, std::string& scrat
     scratch.append(raw.substr(from));
     key = scratch;
   }
-  if (key.empty() || !isKeyText(key)) return std::nullopt;
+  if (key.empty() || !isUtf8WithoutNul(key)) return std::nullopt;
   return key;
 }
 

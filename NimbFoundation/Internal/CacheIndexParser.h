@@ -21,7 +21,7 @@
 #include <optional>
 #include <span>
 
-#include "CacheIndex.h"
+#include <NimbFoundation/Internal/CacheIndex.h>
 
 namespace nimb::detail {
 

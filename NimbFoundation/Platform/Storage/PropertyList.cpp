@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include <NimbFoundation/Internal/Utf8.h>
 #include <NimbFoundation/Platform/Env/FileManager.h>
 
 namespace nimb {
@@ -43,46 +44,6 @@ struct BinFree {
 struct XmlFree {
   void operator()(char* p) const { plist_to_xml_free(p); }
 };
-
-// Strict UTF-8: no overlong forms, surrogates or code points past U+10FFFF.
-// NUL is refused as well, since libplist takes strings as C strings and would
-// cut them short.
-bool isPlistString(std::string_view s) {
-  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-  const std::size_t n = s.size();
-  std::size_t i = 0;
-  while (i < n) {
-    const unsigned char c = p[i];
-    if (c == 0) return false;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t len;
-    std::uint32_t cp;
-    if (c >= 0xC2 && c <= 0xDF) {
-      len = 2;
-      cp = c & 0x1F;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      len = 3;
-      cp = c & 0x0F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      len = 4;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (n - i < len) return false;
-    for (std::size_t k = 1; k < len; ++k) {
-      if ((p[i + k] & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (p[i + k] & 0x3F);
-    }
-    if ((len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000)) return false;
-    if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) return false;
-    i += len;
-  }
-  return true;
-}
 
 // ---- Binary structure ----------------------------------------------------
 
@@ -415,7 +376,7 @@ std::optional<double> dateSeconds(plist_t node) {
 
 std::optional<std::string> plistString(const char* p, std::size_t n) {
   std::string s(p ? p : "", p ? n : 0);
-  if (!isPlistString(s)) return std::nullopt;
+  if (!detail::isUtf8WithoutNul(s)) return std::nullopt;
   return s;
 }
 
@@ -545,7 +506,7 @@ PlistPtr toPlist(const Dictionary& dict, PropertyListFormat format, std::size_t 
   PlistPtr node(plist_new_dict());
   if (!node) return nullptr;
   for (const auto& [key, item] : dict) {
-    if (!isPlistString(key)) return nullptr;
+    if (!detail::isUtf8WithoutNul(key)) return nullptr;
     PlistPtr child = toPlist(item, format, nesting + 1);
     if (!child) return nullptr;
     plist_dict_set_item(node.get(), key.c_str(), child.release());
@@ -565,7 +526,7 @@ PlistPtr toPlist(const Value& value, PropertyListFormat format, std::size_t nest
       return PlistPtr(plist_new_real(*value.asReal()));
     case Value::Type::String: {
       const std::string& s = *value.asString();
-      if (!isPlistString(s)) return nullptr;
+      if (!detail::isUtf8WithoutNul(s)) return nullptr;
       return PlistPtr(plist_new_string(s.c_str()));
     }
     case Value::Type::Data: {
