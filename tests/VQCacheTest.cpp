@@ -319,6 +319,29 @@ TEST_F(VQCacheTest, DecodedPicturesAnswerFromMemoryWhileTheFileIsTheSame) {
   EXPECT_EQ(cache->memoryCache().count(), 0u);
 }
 
+// Readers on several threads, each miss reading and decoding a file, never
+// take the memory cache past its budget.
+TEST_F(VQCacheTest, ConcurrentReadsKeepMemoryWithinBudget) {
+  const Data png = *nimb::Image::withBitmap({16, 16, Data(16 * 16 * 4, 0x80)})->pngRepresentation();
+  for (int k = 0; k < 12; ++k) cache->setData(png, "p" + std::to_string(k), 100);
+  settle(*cache);
+  cache->memoryCache().setBudgetBytes(3 * 16 * 16 * 4);
+  std::atomic<bool> over{false};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 4; ++t) {
+    readers.emplace_back([&, t] {
+      for (int i = 0; i < 300; ++i) {
+        auto image = cache->imageForKey("p" + std::to_string((i * 7 + t) % 12),
+                                        nimb::PixelSize{i % 3 == 0 ? 8 : 0, 8});
+        if (!image || cache->memoryCache().totalBytes() > 3 * 16 * 16 * 4) over = true;
+      }
+    });
+  }
+  for (auto& reader : readers) reader.join();
+  EXPECT_FALSE(over);
+  EXPECT_GT(cache->memoryCache().statistics().evictions, 0u);
+}
+
 // A damaged index, or a FIFO in its place, reads as empty at once, and the
 // next save replaces it with what the instance knows, not with its latest
 // change alone.
