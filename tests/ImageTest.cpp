@@ -65,7 +65,9 @@ const std::vector<int> kGreenLevels = {0, 43, 85, 128, 170, 213, 255};
 
 // A RIFF chunk: tag, little-endian size, payload, padded to an even length.
 Data chunk(const char* tag, const Data& payload) {
-  Data d(tag, tag + 4);
+  Data d;
+  d.reserve(8 + payload.size() + 1);  // one buffer for the whole chunk
+  d.assign(tag, tag + 4);
   put(d, 4, std::uint32_t(payload.size()), 4, true);
   d.insert(d.end(), payload.begin(), payload.end());
   if (d.size() % 2) d.push_back(0);
