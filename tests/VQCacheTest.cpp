@@ -526,9 +526,9 @@ TEST_F(VQCacheTest, IndexReadsAsTheGenericReaderReadsIt) {
     return std::string(bytes->begin(), bytes->end());
   };
   const std::string byUs = serialized(nimb::PropertyListFormat::Xml);
-  auto bare1 = [](std::string body) {
-    return "<plist version=\"1.0\"><dict>" + body + "</dict></plist>";
-  };
+  // The prolog the writers make; only with it is the fast path taken.
+  const std::string prolog = byUs.substr(0, byUs.find("<dict>"));
+  auto bare1 = [&prolog](std::string body) { return prolog + "<dict>" + body + "</dict></plist>"; };
   const std::pair<std::string, bool> cases[] = {
       {byUs, true},
       {byLibplist, true},
@@ -536,7 +536,9 @@ TEST_F(VQCacheTest, IndexReadsAsTheGenericReaderReadsIt) {
              "<key>k</key><date>1999-01-01T00:00:00Z</date><key>k</key><date>2040-12-31T12:00:00Z</"
              "date>"),
        true},
-      {"<plist><dict/></plist>\n", true},
+      {prolog + "<dict/></plist>\n", true},
+      {"<plist version=\"1.0\"><dict><key>k</key><date>2026-01-01T00:00:00Z</date></dict></plist>",
+       false},
       {bare1("<key>k</key><date>2026-11-23T05:18:21.5Z</date>"), false},
       {bare1("<key>k</key><date>1900-01-01T00:00:00Z</date>"), false},
       {bare1("<key>k</key><date>2026-02-29T00:00:00Z</date>"), false},

@@ -29,25 +29,6 @@ class Cursor {
     p_ += s.size();
     return true;
   }
-  // Skips past the next `c`; false when there is none.
-  bool skipPast(char c) {
-    const void* at = std::memchr(p_, c, static_cast<std::size_t>(end_ - p_));
-    if (!at) return false;
-    p_ = static_cast<const char*>(at) + 1;
-    return true;
-  }
-  // Past the '>' of a start tag whose name was just taken: at once, or
-  // after attributes that hold no markup. A self-closing tag fails.
-  bool endOfStartTag() {
-    if (take(">")) return true;
-    if (p_ == end_ || *p_ != ' ') return false;
-    const void* at = std::memchr(p_, '>', static_cast<std::size_t>(end_ - p_));
-    if (!at) return false;
-    const auto* gt = static_cast<const char*>(at);
-    if (std::memchr(p_, '<', static_cast<std::size_t>(gt - p_)) || gt[-1] == '/') return false;
-    p_ = gt + 1;
-    return true;
-  }
   // The text up to the next '<', which is left in place.
   std::optional<std::string_view> textToTag() {
     const void* at = std::memchr(p_, '<', static_cast<std::size_t>(end_ - p_));
@@ -189,13 +170,16 @@ std::optional<Date> stamp(std::string_view s) {
 
 std::optional<CacheIndex> parseCacheIndexXml(std::span<const std::uint8_t> bytes) {
   Cursor in(bytes);
-  if (in.take("<?xml") && !in.skipPast('>')) return std::nullopt;
+  // Only the prolog the writers make, word for word: any other declaration,
+  // document type or root is left to the generic reader, which may refuse
+  // it.
+  if (!in.take(R"(<?xml version="1.0" encoding="UTF-8"?>)")) return std::nullopt;
   in.skipSpace();
-  if (in.take("<!DOCTYPE") && !in.skipPast('>')) return std::nullopt;
+  if (!in.take(R"(<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" )"
+               R"("http://www.apple.com/DTDs/PropertyList-1.0.dtd">)"))
+    return std::nullopt;
   in.skipSpace();
-  // The root's attributes, if any, hold no markup; an empty root is left
-  // to the generic reader.
-  if (!in.take("<plist") || !in.endOfStartTag()) return std::nullopt;
+  if (!in.take(R"(<plist version="1.0">)")) return std::nullopt;
   in.skipSpace();
   CacheIndex entries;
   std::string scratch;
