@@ -148,7 +148,7 @@ TEST_F(ImagePickerTest, PickDeliversImageOnceOnMainRunLoopAndDismisses) {
 
   // A second request replaces the first, whose dialog is open at the portal
   // when it comes: that answer arrives after all and must be ignored. A file
-  // that is no picture comes without an original image.
+  // that is no picture comes without an image entry.
   test::stopProgram(portal_);
   const std::string notes = dir_ + "/notes.txt";
   std::ofstream(notes) << "not a picture";

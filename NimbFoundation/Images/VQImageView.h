@@ -98,7 +98,7 @@ class VQImageView : public ImageView {
   // Off after creation. On, the view asks for its pictures decoded for the
   // pixels it shows them at (decodeSize()), which saves most of the time
   // and memory a large picture in a small view would cost; the picture is
-  // then smaller than the original (see Image::withData).
+  // then smaller than the full picture (see Image::withData).
   bool decodesForViewSize() const { return decodesForViewSize_; }
   void setDecodesForViewSize(bool on) { decodesForViewSize_ = on; }
   // What the view asks for: PixelSize{} (the full picture) with the switch
