@@ -144,8 +144,7 @@ TEST_F(VQImageViewTest, CroppingCutsTheCentredSquareAndDownloadsOnlyWhenStartedB
 // its square) and shows a picture decoded for them, while a view with the
 // switch off still gets the whole picture of the same URL.
 TEST_F(VQImageViewTest, DecodingForTheViewSizeIsOffByDefaultAndAsksForItsPixels) {
-  auto screen = Device::mainScreen();
-  const double s = screen && screen->scale && *screen->scale > 0 ? *screen->scale : 1.0;
+  const double s = Device::mainScreenScale();
   auto pixels = [s](double w, double h) {
     return PixelSize{int(std::ceil(w * s)), int(std::ceil(h * s))};
   };

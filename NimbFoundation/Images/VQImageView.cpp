@@ -123,6 +123,11 @@ void VQImageView::setImageURL(const std::optional<URL>& url) {
   }
 }
 
+void VQImageView::setDecodesForViewSize(bool on) {
+  decodesForViewSize_ = on;
+  if (on) screenScale_ = Device::mainScreenScale();
+}
+
 PixelSize VQImageView::decodeSize() const {
   if (!decodesForViewSize_) return {};
   Size points = bounds().size;
@@ -130,9 +135,8 @@ PixelSize VQImageView::decodeSize() const {
     const double side = 2 * std::min(points.width, points.height);
     points = {side, side};
   }
-  const auto screen = Device::mainScreen();
-  const double scale = screen && screen->scale && *screen->scale > 0 ? *screen->scale : 1.0;
-  const double width = std::ceil(points.width * scale), height = std::ceil(points.height * scale);
+  const double width = std::ceil(points.width * screenScale_);
+  const double height = std::ceil(points.height * screenScale_);
   // No size yet (or none that makes sense): the full picture.
   if (!(width >= 1 && height >= 1 && width <= 1e6 && height <= 1e6)) return {};
   return {static_cast<int>(width), static_cast<int>(height)};

@@ -100,11 +100,12 @@ class VQImageView : public ImageView {
   // and memory a large picture in a small view would cost; the picture is
   // then smaller than the full picture (see Image::withData).
   bool decodesForViewSize() const { return decodesForViewSize_; }
-  void setDecodesForViewSize(bool on) { decodesForViewSize_ = on; }
+  // Turning it on reads the main screen's scale once (Device::
+  // mainScreenScale()), so setting URLs reads no device facts.
+  void setDecodesForViewSize(bool on);
   // What the view asks for: PixelSize{} (the full picture) with the switch
-  // off or no size yet; else its bounds times the main screen's scale (1
-  // without a screen), rounded up, and for a cropping view the square it
-  // crops to (twice its shorter side).
+  // off or no size yet; else its bounds times that scale, rounded up, and
+  // for a cropping view the square it crops to (twice its shorter side).
   PixelSize decodeSize() const;
   std::int32_t status() const { return status_.load(); }
   void setStatus(std::int32_t status) { status_.store(status); }
@@ -152,6 +153,7 @@ class VQImageView : public ImageView {
   bool isCacheImageFlag_ = false;
   bool needCutOff_ = false;
   bool decodesForViewSize_ = false;
+  double screenScale_ = 1.0;  // read when decodesForViewSize_ is turned on
   std::atomic<std::int32_t> status_{kNotLoaded};
   std::shared_ptr<VQImageLoaderObserver> observer_;
   std::shared_ptr<VQImageLoader> loader_;

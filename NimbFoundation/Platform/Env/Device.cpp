@@ -1,5 +1,7 @@
 #include <NimbFoundation/Platform/Env/Device.h>
 
+#include <cmath>
+
 #include <NimbFoundation/Platform/Env/Bundle.h>
 #include <NimbFoundation/Platform/Env/Env.h>
 
@@ -48,6 +50,17 @@ std::optional<UserInterfaceIdiom> Device::userInterfaceIdiom() {
 
 std::optional<ScreenFacts> Device::mainScreen() {
   return facts().mainScreen;
+}
+
+double Device::mainScreenScale() {
+  try {
+    auto screen = mainScreen();
+    if (screen && screen->scale && *screen->scale > 0 && std::isfinite(*screen->scale))
+      return *screen->scale;
+  } catch (...) {
+    // Without screen facts, drawing and decoding go by scale 1.
+  }
+  return 1.0;
 }
 
 bool Device::isIntegrityCompromised() {

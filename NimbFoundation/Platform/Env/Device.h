@@ -74,6 +74,10 @@ class Device {
   // nullopt when the device offers no interface idiom.
   static std::optional<UserInterfaceIdiom> userInterfaceIdiom();
   static std::optional<ScreenFacts> mainScreen();
+  // The main screen's scale: 1 without a screen, a scale, or one that is a
+  // positive finite number. Reads the device facts, so callers on a hot
+  // path keep the answer.
+  static double mainScreenScale();
   static bool isIntegrityCompromised();
 };
 

@@ -68,17 +68,6 @@ double unit(double v) {
   return v > 0 ? std::min(v, 1.0) : 0.0;  // NaN fails the test and becomes 0
 }
 
-double mainScreenScale() {
-  try {
-    auto screen = Device::mainScreen();
-    if (screen && screen->scale && *screen->scale > 0 && std::isfinite(*screen->scale))
-      return *screen->scale;
-  } catch (...) {
-    // Without screen facts the context is drawn at scale 1.
-  }
-  return 1.0;
-}
-
 // ---- Pixel conversion --------------------------------------------------------
 //
 // Cairo's ARGB32 is one native-endian 32-bit word per pixel, alpha in the top
@@ -301,7 +290,7 @@ struct ImageContext::Surface {
 };
 
 ImageContext::ImageContext(Size size, bool opaque, double scale) {
-  scale_ = scale > 0 ? scale : mainScreenScale();  // NaN fails the test too
+  scale_ = scale > 0 ? scale : Device::mainScreenScale();  // NaN fails the test too
   const double width = std::round(size.width * scale_);
   const double height = std::round(size.height * scale_);
   if (!(width >= 1 && height >= 1 && width <= kMaxCairoSide && height <= kMaxCairoSide)) return;
