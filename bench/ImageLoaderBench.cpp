@@ -593,26 +593,34 @@ long vmHwmKb() {
   return -1;
 }
 
+// One cold run of `side`, "loader" or "plain", holding every picture to
+// the end; `atEnd` runs while they are still held, before the loader's
+// index save. The number of failures.
+std::size_t coldRun(const std::string& side, const std::vector<std::string>& urls,
+                    const std::function<void()>& atEnd) {
+  std::size_t failed = 0;
+  if (side == "loader") {
+    nimb::NotificationCenter center;
+    auto loader = nimb::VQImageLoader::create({nullptr, &center, nullptr});
+    std::vector<std::shared_ptr<const nimb::Image>> images;
+    failed = loadThroughLoader(*loader, urls, images);
+    atEnd();
+    settleLoader();
+  } else {
+    std::vector<Pixels> pixels(urls.size());
+    failed = coldPlainTwoThreads(urls, freshFolder(), pixels);
+    atEnd();
+  }
+  return failed;
+}
+
 // The child's side: one cold run of `kind` ("loader" or "plain").
 int peakChild(const std::string& kind, const std::string& base) {
   std::string home = std::filesystem::temp_directory_path().string() + "/nimb-bench-XXXXXX";
   if (!mkdtemp(home.data())) return 1;
   setenv("XDG_CACHE_HOME", home.c_str(), 1);
-  const auto urls = urlsFor(base, "peak");
-  std::size_t failed = 0;
   long peak = -1;
-  if (kind == "loader") {
-    nimb::NotificationCenter center;
-    auto loader = nimb::VQImageLoader::create({nullptr, &center, nullptr});
-    std::vector<std::shared_ptr<const nimb::Image>> images;
-    failed = loadThroughLoader(*loader, urls, images);
-    peak = vmHwmKb();
-    settleLoader();
-  } else {
-    std::vector<Pixels> pixels(urls.size());
-    failed = coldPlainTwoThreads(urls, freshFolder(), pixels);
-    peak = vmHwmKb();
-  }
+  const std::size_t failed = coldRun(kind, urlsFor(base, "peak"), [&peak] { peak = vmHwmKb(); });
   std::filesystem::remove_all(home);
   std::printf("%ld\n", failed ? -1 : peak);
   return 0;
@@ -671,22 +679,12 @@ int main(int argc, char** argv) {
     for (int run = 0; run < 5; ++run) {
       const auto urls = urlsFor(serverBase(), "profile" + std::to_string(run));
       const auto start = std::chrono::steady_clock::now();
-      std::size_t failed = 0;
-      if (side == "loader") {
-        nimb::NotificationCenter center;
-        auto loader = nimb::VQImageLoader::create({nullptr, &center, nullptr});
-        std::vector<std::shared_ptr<const nimb::Image>> images;
-        failed = loadThroughLoader(*loader, urls, images);
-      } else {
-        std::vector<Pixels> pixels(urls.size());
-        failed = coldPlainTwoThreads(urls, freshFolder(), pixels);
-      }
-      std::printf(
-          "%s run %d: %.0f ms, %zu failed\n", side.c_str(), run,
-          std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-              .count(),
-          failed);
-      if (side == "loader") settleLoader();
+      double ms = 0;
+      const std::size_t failed = coldRun(side, urls, [&] {
+        ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                 .count();
+      });
+      std::printf("%s run %d: %.0f ms, %zu failed\n", side.c_str(), run, ms, failed);
     }
     server().stop();
     std::filesystem::remove_all(home);

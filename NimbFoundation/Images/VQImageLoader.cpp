@@ -199,7 +199,7 @@ std::shared_ptr<const Image> VQImageLoader::imageForURL(
     const std::optional<URL>& url, const std::shared_ptr<VQImageLoaderObserver>& observer,
     bool autoLoad, PixelSize decodeFor) {
   if (!url) return nullptr;
-  decodeFor = normalized(decodeFor);
+  // Both the cache and load() take a side <= 0 as the full picture.
   if (auto image = cache()->imageForKey(keyForURL(*url), decodeFor)) return image;
   if (autoLoad) loadImageForURL(url, observer, decodeFor);
   return nullptr;
