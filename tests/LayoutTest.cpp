@@ -138,8 +138,7 @@ TEST(Layout, FramesComeFromTheSolutionAndFollowEdits) {
   pin(root, card, A::Right, root, -10);
   pin(root, card, A::Top, root, 20);
   auto height = fix(card, A::Height, 100);
-  pin(card, label, A::CenterX, card);
-  pin(card, label, A::CenterY, card);
+  for (A center : {A::CenterX, A::CenterY}) pin(card, label, center, card);
   hold(card, label, A::Width, R::Equal, card, A::Width, 0.5, 0);
   hold(card, label, A::Height, R::Equal, nullptr, A::NotAnAttribute, 1, 30);
 
@@ -202,8 +201,7 @@ TEST(Layout, IntrinsicSizeHuggingCompressionResistanceAndContradictions) {
       Image::withBitmap({80, 60, Data(80 * 60 * 4, 0xff)}, 2));  // 40 x 30 points
   image->setTranslatesAutoresizingMaskIntoConstraints(false);
   root->addSubview(image);
-  pin(root, image, A::Left, root, 10);
-  pin(root, image, A::Top, root, 10);
+  for (A edge : {A::Left, A::Top}) pin(root, image, edge, root, 10);
   root->layoutIfNeeded();
   EXPECT_EQ(image->frame(), Rect(10, 10, 40, 30));
 
@@ -225,8 +223,7 @@ TEST(Layout, IntrinsicSizeHuggingCompressionResistanceAndContradictions) {
   // Contradictions leave out the last made and are logged once.
   auto view = make();
   root->addSubview(view);
-  pin(root, view, A::Left, root);
-  pin(root, view, A::Top, root);
+  for (A edge : {A::Left, A::Top}) pin(root, view, edge, root);
   fix(view, A::Width, 10);
   auto first = fix(view, A::Height, 44);
   auto second = fix(view, A::Height, 80);
@@ -250,8 +247,7 @@ TEST(Layout, IntrinsicSizeHuggingCompressionResistanceAndContradictions) {
   // it hold.
   auto other = make();
   root->addSubview(other);
-  pin(root, other, A::Left, root);
-  pin(root, other, A::Top, root);
+  for (A edge : {A::Left, A::Top}) pin(root, other, edge, root);
   fix(other, A::Height, 5);
   fix(other, A::Width, 50, R::LessThanOrEqual);
   auto wide = fix(other, A::Width, 70);
@@ -294,8 +290,7 @@ TEST(Layout, FittingSizesAndDeepSubtreesOfFixedFramesThatCostTheSolverNothing) {
   cell->addSubview(title);
   for (const auto& v : {thumb, title}) pin(cell, v, A::Top, cell, 8);
   pin(cell, thumb, A::Left, cell, 8);
-  fix(thumb, A::Width, 40);
-  fix(thumb, A::Height, 40);
+  for (A side : {A::Width, A::Height}) fix(thumb, side, 40);
   hold(cell, title, A::Left, R::Equal, thumb, A::Right, 1, 8);
   fix(title, A::Width, 100, R::GreaterThanOrEqual);
   fix(title, A::Height, 20);

@@ -13,12 +13,8 @@
 
 #include "TestSupport.h"
 
-using nimb::Data;
-using nimb::FileManager;
-using nimb::Pasteboard;
-using nimb::test::dataOf;
-using nimb::test::exitStatus;
-using nimb::test::forkChild;
+using namespace nimb;
+using namespace nimb::test;
 
 namespace {
 
@@ -27,9 +23,9 @@ const std::string kSlot = "org.SharedUDID.slot.0";
 
 class PasteboardTest : public ::testing::Test {
  protected:
-  std::string root = nimb::test::makeTemporaryDirectory("nimb-pasteboards");
+  std::string root = makeTemporaryDirectory("nimb-pasteboards");
   std::string store = root + "/store";
-  nimb::test::FakeMachine machine;
+  FakeMachine machine;
   void SetUp() override { machine->pasteboardDir = store; }
   void TearDown() override { std::filesystem::remove_all(root); }
   static std::set<std::string> entries(const std::string& dir) {
@@ -65,8 +61,8 @@ TEST_F(PasteboardTest, CreateReadWriteAndRemove) {
             0);
   EXPECT_EQ(board->dataForPasteboardType(kType), Data{});
   const std::string file = store + "/" + kSlot + ".pasteboard";
-  EXPECT_EQ(nimb::test::modeOf(store), 0700u);
-  EXPECT_EQ(nimb::test::modeOf(file), 0600u);
+  EXPECT_EQ(modeOf(store), 0700u);
+  EXPECT_EQ(modeOf(file), 0600u);
 
   // A damaged file is a pasteboard without data, until the next write.
   ASSERT_TRUE(FileManager::writeAtomically(file, std::string_view("bplist00 garbage")));
@@ -78,11 +74,11 @@ TEST_F(PasteboardTest, CreateReadWriteAndRemove) {
   EXPECT_TRUE(Pasteboard::removePasteboardWithName(kSlot));
   auto again = Pasteboard::removePasteboardWithName(kSlot);
   ASSERT_FALSE(again);
-  EXPECT_EQ(again.error(), (nimb::SystemError{ENOENT, file}));
+  EXPECT_EQ(again.error(), (SystemError{ENOENT, file}));
   EXPECT_EQ(Pasteboard::pasteboardWithName(kSlot, false), nullptr);
   auto late = board->setData(dataOf("late"), kType);  // a removed pasteboard stays gone
   ASSERT_FALSE(late);
-  EXPECT_EQ(late.error(), (nimb::SystemError{ENOENT, file}));
+  EXPECT_EQ(late.error(), (SystemError{ENOENT, file}));
   EXPECT_EQ(entries(store), std::set<std::string>{".lock"});
 
   machine->pasteboardDir = std::nullopt;
@@ -106,7 +102,7 @@ TEST_F(PasteboardTest, LinksAndFifosReadAsMissingAndAreReplaced) {
     ASSERT_NE(replaced, nullptr) << fifo;
     EXPECT_FALSE(replaced->dataForPasteboardType(kType)) << fifo;
     EXPECT_TRUE(replaced->setData(dataOf("fine"), kType)) << fifo;
-    EXPECT_TRUE(FileManager::isRegularFile(file, nimb::FollowLinks::No)) << fifo;
+    EXPECT_TRUE(FileManager::isRegularFile(file, FollowLinks::No)) << fifo;
   }
   ::alarm(0);
   EXPECT_EQ(elsewhere->dataForPasteboardType(kType), dataOf("secret"));
@@ -141,8 +137,7 @@ TEST_F(PasteboardTest, NamesNeverReachOutsideTheFolder) {
 
 TEST_F(PasteboardTest, NonPersistentPasteboardsEndWithTheirOwner) {
   int toChild[2], fromChild[2];
-  ASSERT_EQ(pipe(toChild), 0);
-  ASSERT_EQ(pipe(fromChild), 0);
+  ASSERT_TRUE(pipe(toChild) == 0 && pipe(fromChild) == 0);
   pid_t child = forkChild([&] {
     auto temporary = Pasteboard::pasteboardWithName("temporary", true);
     auto kept = Pasteboard::pasteboardWithName("kept", true);

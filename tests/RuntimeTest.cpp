@@ -21,9 +21,7 @@ struct Pet : Object {
   explicit Pet(Class* cls) : Object(cls) {}
 };
 
-Selector sel(std::string_view name) {
-  return sel_registerName(name);
-}
+constexpr auto& sel = sel_registerName;
 
 // Animal ("speak" -> "animal", class method "kind" -> "animals") and Dog
 // under it with nothing of its own, named uniquely for each test.
